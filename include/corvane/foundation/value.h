@@ -1,0 +1,334 @@
+// corvane::Value — the one dynamic value type of the library.
+//
+// Change records, sessions, cache files and property lists are graphs of dynamic values. A
+// Value is a small handle (16 bytes) that is cheap to copy. Scalars (nil, null, booleans and
+// plain numbers) live inside the handle; everything else lives in a reference-counted node
+// that copies of the handle share. Node identity matters: the binary object-graph format
+// writes a node met twice only once, so `identity()` is part of the contract.
+//
+// Mutability follows the platform the format comes from: a node is created mutable or
+// immutable and never changes that. Mutating a mutable node is visible through every handle
+// that shares it (reference semantics, which is what lets a mutable array contain itself).
+// Mutating an immutable node throws Exception("NSInternalInconsistencyException"). A mutable
+// copy is always explicit: mutableCopy() makes a new, shallow, mutable node.
+//
+// Reference cycles (a mutable container holding itself) are not collected; break them with
+// removeAllObjects() when they are no longer needed.
+//
+// Equality and hashing follow value semantics: numbers compare by value across kinds (the
+// integer 1, the double 1.0 and the boolean true are equal), strings by their UTF-8 bytes,
+// containers deeply, sets and dictionaries regardless of order. Dictionaries, sets and
+// ordered sets keep insertion order so that output is deterministic.
+//
+// Threads: a Value may be copied and read from any thread; a mutable node must not be mutated
+// while another thread reads or mutates it.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "corvane/foundation/bytes.h"
+#include "corvane/foundation/decimal.h"
+
+namespace corvane {
+
+class Value;
+class Object;
+
+enum class ValueKind : uint8_t {
+  Nil,         // no value at all (an empty slot, a missing key)
+  Null,        // the null singleton, a value that says "nothing" inside a container
+  Number,      // a plain number, booleans included (see NumberKind)
+  Decimal,     // an exact decimal number
+  String,      // UTF-8 text
+  Data,        // bytes
+  Date,        // seconds since 2001-01-01 00:00:00 UTC
+  Array,
+  Dictionary,  // insertion-ordered map from Value to Value
+  Set,         // insertion-ordered set of distinct values
+  OrderedSet,  // ordered set of distinct values
+  URL,         // relative string plus optional base URL
+  Structure,   // point, size, rect, range, vector, affine or 3-D transform
+  IndexSet,    // sorted ranges of unsigned integers
+  Object,      // an instance of a registered class (see Object below)
+};
+
+// The stored kind of a plain number. It decides how the number is encoded in binary formats
+// and how its text form looks; comparisons ignore it.
+enum class NumberKind : uint8_t {
+  Bool,
+  Char,       // signed 8-bit
+  Short,      // signed 16-bit
+  Int,        // signed 32-bit
+  Long,       // signed 64-bit on this platform, but encoded as 32-bit by FastCoding
+  LongLong,   // signed 64-bit
+  Index,      // the platform's unsigned index type: 64-bit, encoded as 32-bit by FastCoding
+  UnsignedChar,
+  UnsignedShort,
+  UnsignedInt,
+  UnsignedLong,
+  UnsignedLongLong,
+  Float,   // IEEE single
+  Double,  // IEEE double
+  Unknown,  // a kind no encoder knows (kept so that readers of foreign data can say so)
+};
+
+// The shape of a structure value.
+enum class StructureKind : uint8_t { Point, Size, Rect, Range, Vector, AffineTransform, Transform3D };
+
+// One range of an index set, or the payload of a Range structure.
+struct IndexRange {
+  uint64_t location = 0;
+  uint64_t length = 0;
+  friend bool operator==(const IndexRange&, const IndexRange&) = default;
+};
+
+namespace detail {
+// Intrusively reference-counted base of every node. Not for direct use.
+class Node {
+ public:
+  Node() = default;
+  Node(const Node&) = delete;
+  Node& operator=(const Node&) = delete;
+  virtual ~Node() = default;
+  void retain() const noexcept;
+  void release() const noexcept;
+  uint32_t refCount() const noexcept;
+
+ private:
+  mutable std::atomic_uint32_t refs_{0};
+};
+}  // namespace detail
+
+// Base class of the objects a Value can hold: instances of classes that the host or a codec
+// registers by name. The coding layer adds its protocols (keyed coding, coding by properties)
+// as further interfaces that an Object subclass implements. Objects compare by identity unless
+// a subclass says otherwise.
+class Object : public detail::Node {
+ public:
+  // The class name used in files and logs, for example "CorvaneCacheItem".
+  virtual std::string className() const = 0;
+  virtual bool isEqualTo(const Object& other) const { return this == &other; }
+  virtual size_t hashValue() const { return std::hash<const void*>()(this); }
+  virtual std::string description() const;
+  // Key-value access; the defaults answer nil and ignore the value.
+  virtual Value valueForKey(std::string_view key) const;
+  virtual void setValueForKey(std::string_view key, const Value& value);
+};
+
+class Value {
+ public:
+  // ---- Construction ------------------------------------------------------------------------
+  Value() noexcept = default;  // nil
+  Value(const Value& other) noexcept;
+  Value(Value&& other) noexcept;
+  Value& operator=(const Value& other) noexcept;
+  Value& operator=(Value&& other) noexcept;
+  ~Value();
+
+  // Convenience constructors. Integers pick the matching NumberKind; a C string or
+  // string_view makes an immutable string.
+  Value(bool b) noexcept;  // NOLINT(google-explicit-constructor)
+  Value(int v) noexcept;
+  Value(long v) noexcept;
+  Value(long long v) noexcept;
+  Value(unsigned v) noexcept;
+  Value(unsigned long v) noexcept;
+  Value(unsigned long long v) noexcept;
+  Value(double v) noexcept;
+  Value(const char* utf8);
+  Value(std::string_view utf8);
+  Value(const std::string& utf8);
+  Value(const Decimal& d);
+
+  static Value nil() { return Value(); }
+  static Value null();
+  static Value boolean(bool b);
+  static Value number(NumberKind kind, int64_t v);   // for signed and Bool kinds
+  static Value unsignedNumber(NumberKind kind, uint64_t v);
+  static Value floatNumber(float v);
+  static Value doubleNumber(double v);
+  static Value decimal(const Decimal& d);
+  static Value string(std::string_view utf8, bool mutableNode = false);
+  static Value mutableString(std::string_view utf8 = {}) { return string(utf8, true); }
+  static Value data(ByteView bytes, bool mutableNode = false);
+  static Value data(Bytes&& bytes, bool mutableNode = false);
+  static Value mutableData(ByteView bytes = {}) { return data(bytes, true); }
+  static Value date(double secondsSince2001);
+  static Value array(std::vector<Value> items = {}, bool mutableNode = false);
+  static Value mutableArray(std::vector<Value> items = {}) { return array(std::move(items), true); }
+  // Dictionary from (key, value) pairs; a later duplicate key replaces the earlier value.
+  static Value dictionary(std::vector<std::pair<Value, Value>> entries = {}, bool mutableNode = false);
+  static Value mutableDictionary(std::vector<std::pair<Value, Value>> entries = {}) {
+    return dictionary(std::move(entries), true);
+  }
+  static Value set(std::vector<Value> items = {}, bool mutableNode = false);
+  static Value mutableSet(std::vector<Value> items = {}) { return set(std::move(items), true); }
+  static Value orderedSet(std::vector<Value> items = {}, bool mutableNode = false);
+  static Value mutableOrderedSet(std::vector<Value> items = {}) { return orderedSet(std::move(items), true); }
+  // A URL made of a relative string and an optional base URL (nil or a URL value).
+  static Value url(std::string_view relativeString, const Value& base = Value());
+  static Value point(double x, double y);
+  static Value size(double width, double height);
+  static Value rect(double x, double y, double width, double height);
+  static Value range(uint64_t location, uint64_t length);
+  static Value vector(double dx, double dy);
+  static Value affineTransform(double a, double b, double c, double d, double tx, double ty);
+  static Value transform3D(std::span<const double, 16> m);  // m11 ... m44, row by row
+  // An index set from ranges; they are sorted and coalesced.
+  static Value indexSet(std::vector<IndexRange> ranges = {}, bool mutableNode = false);
+  static Value object(Object* obj);  // shares ownership of obj (may be freshly new'ed)
+
+  // ---- Kind ---------------------------------------------------------------------------------
+  ValueKind kind() const noexcept { return kind_; }
+  bool isNil() const noexcept { return kind_ == ValueKind::Nil; }
+  bool isNull() const noexcept { return kind_ == ValueKind::Null; }
+  bool isNumber() const noexcept { return kind_ == ValueKind::Number; }
+  bool isBoolean() const noexcept { return kind_ == ValueKind::Number && numberKind_ == NumberKind::Bool; }
+  bool isDecimal() const noexcept { return kind_ == ValueKind::Decimal; }
+  bool isString() const noexcept { return kind_ == ValueKind::String; }
+  bool isData() const noexcept { return kind_ == ValueKind::Data; }
+  bool isDate() const noexcept { return kind_ == ValueKind::Date; }
+  bool isArray() const noexcept { return kind_ == ValueKind::Array; }
+  bool isDictionary() const noexcept { return kind_ == ValueKind::Dictionary; }
+  bool isSet() const noexcept { return kind_ == ValueKind::Set; }
+  bool isOrderedSet() const noexcept { return kind_ == ValueKind::OrderedSet; }
+  bool isURL() const noexcept { return kind_ == ValueKind::URL; }
+  bool isStructure() const noexcept { return kind_ == ValueKind::Structure; }
+  bool isIndexSet() const noexcept { return kind_ == ValueKind::IndexSet; }
+  bool isObject() const noexcept { return kind_ == ValueKind::Object; }
+  // Arrays, sets and ordered sets (the kinds with elements()).
+  bool isCollection() const noexcept;
+  // True for nodes created mutable; false for scalars and immutable nodes.
+  bool isMutable() const noexcept;
+
+  // ---- Numbers ------------------------------------------------------------------------------
+  // Valid when isNumber(); 0 / false otherwise. Decimals convert too.
+  NumberKind numberKind() const noexcept { return numberKind_; }
+  bool isFloatingPoint() const noexcept;  // Float or Double kind
+  bool isUnsigned() const noexcept;       // an unsigned integer kind
+  bool boolValue() const noexcept;        // nonzero number, or a string starting like "YES"/"true"/a digit 1-9
+  int32_t intValue() const noexcept;      // truncating conversion, as the platform does
+  int64_t longLongValue() const noexcept;
+  uint64_t unsignedLongLongValue() const noexcept;
+  float floatValue() const noexcept;
+  double doubleValue() const noexcept;
+  // The number as a Decimal (exact for integers; shortest round-trip text for floating point).
+  Decimal decimalValue() const;
+
+  // ---- Strings, data, dates, URLs, structures, index sets, objects -------------------------
+  // The UTF-8 text of a string; the empty string for any other kind.
+  const std::string& str() const noexcept;
+  // The bytes of a data value; empty for any other kind.
+  ByteView bytes() const noexcept;
+  // Seconds since 2001-01-01 00:00:00 UTC of a date; 0 for any other kind.
+  double dateValue() const noexcept;
+  // A URL's parts: its relative string (a string Value) and its base (nil or a URL Value).
+  Value urlRelativeString() const;
+  Value urlBase() const;
+  // The absolute text of a URL: the relative string resolved against the base.
+  std::string urlAbsoluteString() const;
+  StructureKind structureKind() const noexcept;
+  // The doubles of a structure value (2 for point/size/vector, 4 rect, 6 affine, 16 3-D);
+  // for a range, {location, length} converted to double. Empty for other kinds.
+  std::span<const double> structureDoubles() const noexcept;
+  IndexRange rangeValue() const noexcept;  // a Range structure's location and length
+  // The ranges of an index set, sorted and coalesced.
+  const std::vector<IndexRange>& indexRanges() const noexcept;
+  Object* objectPointer() const noexcept;  // the Object of an object value, else nullptr
+
+  // ---- Containers (arrays, sets, ordered sets, dictionaries) -------------------------------
+  size_t count() const noexcept;  // elements, entries, index-set members or string bytes
+  bool empty() const noexcept { return count() == 0; }
+  // Elements of an array, set or ordered set in order; empty for other kinds.
+  const std::vector<Value>& elements() const noexcept;
+  const Value& at(size_t i) const;  // element i, nil when out of range
+  bool contains(const Value& v) const;  // member of an array/set/ordered set, key of a dictionary
+
+  // Dictionary entries in insertion order.
+  const std::vector<std::pair<Value, Value>>& entries() const noexcept;
+  std::vector<Value> keys() const;
+  // The value for a key, nil when absent or when this is not a dictionary.
+  const Value& get(const Value& key) const;
+  const Value& operator[](std::string_view key) const { return get(Value(key)); }
+  const Value& operator[](const char* key) const { return get(Value(key)); }
+
+  // Mutation of mutable nodes. Each throws Exception("NSInternalInconsistencyException") when
+  // the node is immutable and Exception("NSInvalidArgumentException") when it is not a kind
+  // that supports the operation.
+  void set(const Value& key, const Value& value);  // dictionary; a nil value removes the key
+  void remove(const Value& key);                   // dictionary key, or array/set member
+  void append(const Value& v);                     // array: always; set/ordered set: when absent
+  void insert(size_t index, const Value& v);       // array or ordered set
+  void replaceAt(size_t index, const Value& v);    // array or ordered set
+  void removeAt(size_t index);                     // array or ordered set
+  void removeAllObjects();                         // any mutable container, string or data
+  void appendString(std::string_view utf8);        // mutable string
+  void setString(std::string_view utf8);           // mutable string
+  void appendBytes(ByteView bytes);                // mutable data
+  void addIndexes(IndexRange range);               // mutable index set
+  void removeIndexes(IndexRange range);            // mutable index set
+
+  // ---- Copies and identity -------------------------------------------------------------
+  // A new mutable node holding the same (shared) children; for string, data, containers
+  // and index sets. Other kinds throw Exception("NSInvalidArgumentException").
+  Value mutableCopy() const;
+  // An immutable value with the same content: the value itself when already immutable,
+  // otherwise a new immutable node holding the same children.
+  Value copy() const;
+  // True when the kind supports mutableCopy().
+  bool canMutableCopy() const noexcept;
+  // The node shared by copies of this handle; nullptr for scalars. Two handles with the
+  // same identity are the same object.
+  const void* identity() const noexcept;
+  bool isSameNode(const Value& other) const noexcept { return node_ != nullptr && node_ == other.node_; }
+
+  // ---- Equality, hashing, ordering, text -------------------------------------------------
+  friend bool operator==(const Value& a, const Value& b);
+  friend bool operator!=(const Value& a, const Value& b) { return !(a == b); }
+  size_t hash() const noexcept;
+  // Orders numbers by value, strings by code point, dates by time; values of different kinds
+  // by kind. Returns <0, 0 or >0.
+  static int compare(const Value& a, const Value& b);
+  // The platform-style description: numbers as decimal integers or the shortest round-trip
+  // text of a floating-point value, strings as themselves, containers in the old-style
+  // property-list form. Cycles print as "(cycle)".
+  std::string description() const;
+
+ private:
+  union Scalar {
+    int64_t i;
+    uint64_t u;
+    double d;
+  };
+  ValueKind kind_ = ValueKind::Nil;
+  NumberKind numberKind_ = NumberKind::Unknown;
+  union {
+    Scalar scalar_;
+    detail::Node* node_;
+  };
+  friend struct ValueAccess;
+};
+
+struct ValueHash {
+  size_t operator()(const Value& v) const noexcept { return v.hash(); }
+};
+
+// Literal helpers for tests and examples:
+//   Value d = dict({{"name", "Ann"}, {"age", 42}});
+inline Value dict(std::initializer_list<std::pair<Value, Value>> entries, bool mutableNode = false) {
+  return Value::dictionary(std::vector<std::pair<Value, Value>>(entries), mutableNode);
+}
+inline Value arr(std::initializer_list<Value> items, bool mutableNode = false) {
+  return Value::array(std::vector<Value>(items), mutableNode);
+}
+
+}  // namespace corvane
