@@ -5,6 +5,12 @@ function(corvane_add_layer name)
   cmake_parse_arguments(LAYER "" "" "DEPS" ${ARGN})
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/${name}/*.cpp)
   set(target corvane_${name})
+  if(NOT sources)
+    # A layer whose first sources have not landed yet still links.
+    set(placeholder ${CMAKE_CURRENT_BINARY_DIR}/corvane_${name}_placeholder.cpp)
+    file(WRITE ${placeholder} "namespace corvane { void ${name}LayerPlaceholder() {} }\n")
+    set(sources ${placeholder})
+  endif()
   add_library(${target} STATIC ${sources})
   target_include_directories(${target}
     PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>

@@ -1,0 +1,218 @@
+#include "corvane/foundation/json.h"
+
+#include <rapidjson/error/en.h>
+#include <rapidjson/memorystream.h>
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/reader.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <cmath>
+#include <vector>
+
+namespace corvane {
+namespace {
+
+// Builds Values straight from the parser's events. Open containers live on an explicit
+// stack of frames, so nesting costs heap, not call depth.
+class ValueBuilder {
+ public:
+  explicit ValueBuilder(const JsonReadOptions& options) : options_(options) {}
+
+  bool Null() { return add(Value::null()); }
+  bool Bool(bool b) { return add(Value::boolean(b)); }
+  bool Int(int i) { return add(Value::number(NumberKind::LongLong, i)); }
+  bool Uint(unsigned u) { return add(Value::number(NumberKind::LongLong, u)); }
+  bool Int64(int64_t i) { return add(Value::number(NumberKind::LongLong, i)); }
+  bool Uint64(uint64_t u) {
+    if (u <= static_cast<uint64_t>(INT64_MAX)) return add(Value::number(NumberKind::LongLong, static_cast<int64_t>(u)));
+    return add(Value::unsignedNumber(NumberKind::UnsignedLongLong, u));
+  }
+  bool Double(double d) { return add(Value::doubleNumber(d)); }
+  bool RawNumber(const char*, rapidjson::SizeType, bool) { return false; }
+  bool String(const char* s, rapidjson::SizeType length, bool) {
+    return add(Value::string(std::string_view(s, length), options_.mutableLeaves));
+  }
+  bool Key(const char* s, rapidjson::SizeType length, bool) {
+    frames_.back().pendingKey = Value::string(std::string_view(s, length));
+    return true;
+  }
+  bool StartObject() { return open(true); }
+  bool EndObject(rapidjson::SizeType) {
+    Frame frame = std::move(frames_.back());
+    frames_.pop_back();
+    return add(Value::dictionary(std::move(frame.entries), options_.mutableContainers));
+  }
+  bool StartArray() { return open(false); }
+  bool EndArray(rapidjson::SizeType) {
+    Frame frame = std::move(frames_.back());
+    frames_.pop_back();
+    return add(Value::array(std::move(frame.items), options_.mutableContainers));
+  }
+
+  bool tooDeep() const { return tooDeep_; }
+  Value result() { return std::move(root_); }
+
+ private:
+  struct Frame {
+    bool isObject = false;
+    Value pendingKey;
+    std::vector<Value> items;
+    std::vector<std::pair<Value, Value>> entries;
+  };
+
+  bool open(bool isObject) {
+    if (frames_.size() >= static_cast<size_t>(kMaxJsonDepth)) {
+      tooDeep_ = true;
+      return false;
+    }
+    frames_.push_back(Frame{isObject, Value(), {}, {}});
+    return true;
+  }
+
+  bool add(Value v) {
+    if (frames_.empty()) {
+      root_ = std::move(v);
+    } else if (Frame& top = frames_.back(); top.isObject) {
+      top.entries.emplace_back(std::move(top.pendingKey), std::move(v));
+    } else {
+      top.items.push_back(std::move(v));
+    }
+    return true;
+  }
+
+  const JsonReadOptions& options_;
+  std::vector<Frame> frames_;
+  Value root_;
+  bool tooDeep_ = false;
+};
+
+bool validNumber(const Value& v) {
+  if (v.isDecimal()) return !v.decimalValue().isNaN();
+  if (!v.isFloatingPoint()) return true;
+  return std::isfinite(v.doubleValue());
+}
+
+bool isJsonValue(const Value& v, int depth) {
+  if (depth > kMaxJsonDepth) return false;
+  switch (v.kind()) {
+    case ValueKind::Null:
+    case ValueKind::String:
+      return true;
+    case ValueKind::Number:
+    case ValueKind::Decimal:
+      return validNumber(v);
+    case ValueKind::Array:
+      for (const Value& item : v.elements())
+        if (!isJsonValue(item, depth + 1)) return false;
+      return true;
+    case ValueKind::Dictionary:
+      for (const auto& [key, item] : v.entries())
+        if (!key.isString() || !isJsonValue(item, depth + 1)) return false;
+      return true;
+    default:
+      return false;
+  }
+}
+
+template <typename Writer>
+void writeValue(Writer& w, const Value& v) {
+  switch (v.kind()) {
+    case ValueKind::Null:
+      w.Null();
+      break;
+    case ValueKind::String:
+      w.String(v.str().data(), static_cast<rapidjson::SizeType>(v.str().size()));
+      break;
+    case ValueKind::Decimal: {
+      std::string text = v.decimalValue().toString();
+      w.RawValue(text.data(), text.size(), rapidjson::kNumberType);
+      break;
+    }
+    case ValueKind::Number:
+      if (v.isBoolean()) {
+        w.Bool(v.boolValue());
+      } else if (v.isFloatingPoint()) {
+        double d = v.doubleValue();
+        // Whole doubles print without a fraction, as the platform's serialiser does.
+        if (d == std::trunc(d) && std::fabs(d) < 1e15) {
+          w.Int64(static_cast<int64_t>(d));
+        } else {
+          w.Double(d);
+        }
+      } else if (v.isUnsigned()) {
+        w.Uint64(v.unsignedLongLongValue());
+      } else {
+        w.Int64(v.longLongValue());
+      }
+      break;
+    case ValueKind::Array:
+      w.StartArray();
+      for (const Value& item : v.elements()) writeValue(w, item);
+      w.EndArray();
+      break;
+    case ValueKind::Dictionary:
+      w.StartObject();
+      for (const auto& [key, item] : v.entries()) {
+        w.Key(key.str().data(), static_cast<rapidjson::SizeType>(key.str().size()));
+        writeValue(w, item);
+      }
+      w.EndObject();
+      break;
+    default:
+      break;  // excluded by the validity check
+  }
+}
+
+}  // namespace
+
+std::optional<Value> jsonToValue(std::string_view text, Error* error, const JsonReadOptions& options) {
+  ValueBuilder builder(options);
+  rapidjson::Reader reader;
+  rapidjson::MemoryStream stream(text.data(), text.size());
+  constexpr unsigned kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseStopWhenDoneFlag |
+                              rapidjson::kParseValidateEncodingFlag | rapidjson::kParseFullPrecisionFlag;
+  rapidjson::ParseResult result = reader.Parse<kFlags>(stream, builder);
+  if (result.IsError()) {
+    std::string reason = builder.tooDeep() ? "Nesting too deep." : rapidjson::GetParseError_En(result.Code());
+    setError(error, Error(kCocoaErrorDomain, 3840,
+                          "JSON text is not valid at byte " + std::to_string(result.Offset()) + ": " + reason,
+                          {}, dict({{"offset", static_cast<long long>(result.Offset())}, {"reason", reason}})));
+    return std::nullopt;
+  }
+  // kParseStopWhenDoneFlag stops after the value; only white space may follow it.
+  for (size_t i = stream.Tell(); i < text.size(); ++i) {
+    char c = text[i];
+    if (c != ' ' && c != '\t' && c != '\n' && c != '\r') {
+      std::string reason = "The document root must not be followed by other values.";
+      setError(error, Error(kCocoaErrorDomain, 3840,
+                            "JSON text is not valid at byte " + std::to_string(i) + ": " + reason, {},
+                            dict({{"offset", static_cast<long long>(i)}, {"reason", reason}})));
+      return std::nullopt;
+    }
+  }
+  return builder.result();
+}
+
+bool isValidJSONObject(const Value& value) {
+  return (value.isArray() || value.isDictionary()) && isJsonValue(value, 0);
+}
+
+std::optional<std::string> valueToJson(const Value& value, JsonStyle style, Error* error) {
+  if (!isJsonValue(value, 0)) {
+    setError(error, Error(kCocoaErrorDomain, 3851, "Invalid value for JSON: " + value.description()));
+    return std::nullopt;
+  }
+  rapidjson::StringBuffer buffer;
+  if (style == JsonStyle::Pretty) {
+    rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+    writer.SetIndent(' ', 2);
+    writeValue(writer, value);
+  } else {
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    writeValue(writer, value);
+  }
+  return std::string(buffer.GetString(), buffer.GetSize());
+}
+
+}  // namespace corvane
