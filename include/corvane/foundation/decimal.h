@@ -20,7 +20,7 @@ namespace corvane {
 
 class Decimal {
  public:
-  using Mantissa = unsigned __int128;
+  __extension__ typedef unsigned __int128 Mantissa;  // __extension__: quiet under -Wpedantic
   static constexpr int kMaxDigits = 38;
 
   Decimal() = default;  // zero
@@ -47,6 +47,8 @@ class Decimal {
   int exponent() const noexcept { return exponent_; }
   // True when the value is a whole number that fits in int64_t; sets *out then.
   bool toInt64(int64_t* out) const noexcept;
+  // True when the value is a whole number that fits in uint64_t; sets *out then.
+  bool toUInt64(uint64_t* out) const noexcept;
 
   // Exact text: "0.1", "-1234.5", "100"; "NaN" for not-a-number. No exponent notation.
   std::string toString() const;

@@ -127,15 +127,17 @@ class Object : public detail::Node {
 class Value {
  public:
   // ---- Construction ------------------------------------------------------------------------
-  Value() noexcept = default;  // nil
+  Value() noexcept : node_(nullptr) {}  // nil
   Value(const Value& other) noexcept;
   Value(Value&& other) noexcept;
   Value& operator=(const Value& other) noexcept;
   Value& operator=(Value&& other) noexcept;
   ~Value();
 
-  // Convenience constructors. Integers pick the matching NumberKind; a C string or
-  // string_view makes an immutable string.
+  // Convenience constructors. Integers pick the matching NumberKind; `long` and `unsigned long`
+  // are 64-bit here and pick LongLong / UnsignedLongLong (what the platform's numbers report for
+  // them), so that an int64_t never lands in the Long kind that binary coding narrows to 32 bits.
+  // A C string or string_view makes an immutable string (a null C string makes nil).
   Value(bool b) noexcept;  // NOLINT(google-explicit-constructor)
   Value(int v) noexcept;
   Value(long v) noexcept;
@@ -289,7 +291,9 @@ class Value {
   // The node shared by copies of this handle; nullptr for scalars. Two handles with the
   // same identity are the same object.
   const void* identity() const noexcept;
-  bool isSameNode(const Value& other) const noexcept { return node_ != nullptr && node_ == other.node_; }
+  bool isSameNode(const Value& other) const noexcept {
+    return holdsNode() && other.holdsNode() && node_ == other.node_;
+  }
 
   // ---- Equality, hashing, ordering, text -------------------------------------------------
   friend bool operator==(const Value& a, const Value& b);
@@ -309,6 +313,9 @@ class Value {
     uint64_t u;
     double d;
   };
+  // Nil, null and plain numbers live in scalar_; every later kind owns a reference in node_.
+  bool holdsNode() const noexcept { return kind_ > ValueKind::Number; }
+
   ValueKind kind_ = ValueKind::Nil;
   NumberKind numberKind_ = NumberKind::Unknown;
   union {
