@@ -1,0 +1,518 @@
+// The FastCoding reader: one parser shared by objectWithData and propertyListWithData, which
+// differ only in the constructor table. Each constructor reads one value's payload and
+// registers the result at the same point where the writer registered it.
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <string>
+
+#include "coding/fast_internal.h"
+#include "corvane/foundation/env.h"
+#include "corvane/foundation/error.h"
+#include "corvane/foundation/log.h"
+
+namespace corvane {
+namespace detail {
+
+[[noreturn]] void throwEOF(size_t offset) {
+  throw Exception(kFastCodingException,
+                  "Unexpected EOF when parsing object starting at " + std::to_string(static_cast<long long>(offset)));
+}
+
+[[noreturn]] void throwUnknownType(unsigned type) {
+  throw Exception(kFastCodingException, "FastCoding cannot decode object of type: " + std::to_string(type));
+}
+
+[[noreturn]] void throwBadIndex(uint64_t index, uint64_t count) {
+  throw Exception(kFastCodingException, "Attempted to read cache object at index " + std::to_string(index) +
+                                            ", but cache object count is " + std::to_string(count));
+}
+
+[[noreturn]] void throwTooDeep() {
+  throw Exception(kFastCodingException,
+                  "FastCoding cannot decode objects nested deeper than " + std::to_string(kFastMaxDepth) + " levels");
+}
+
+bool isValidUTF8(std::string_view s) {
+  const auto* p = reinterpret_cast<const unsigned char*>(s.data());
+  const auto* end = p + s.size();
+  while (p < end) {
+    // Plain ASCII runs eight bytes at a time.
+    while (end - p >= 8) {
+      uint64_t w;
+      std::memcpy(&w, p, 8);
+      if ((w & 0x8080808080808080ULL) != 0) break;
+      p += 8;
+    }
+    if (p >= end) break;
+    unsigned c = *p;
+    if (c < 0x80) {
+      ++p;
+      continue;
+    }
+    size_t n;
+    uint32_t cp;
+    if (c >= 0xC2 && c <= 0xDF) {
+      n = 1;
+      cp = c & 0x1F;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+      n = 2;
+      cp = c & 0x0F;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+      n = 3;
+      cp = c & 0x07;
+    } else {
+      return false;
+    }
+    if (static_cast<size_t>(end - p) <= n) return false;
+    for (size_t i = 1; i <= n; ++i) {
+      if ((p[i] & 0xC0) != 0x80) return false;
+      cp = (cp << 6) | (p[i] & 0x3F);
+    }
+    if ((n == 2 && cp < 0x800) || (n == 3 && (cp < 0x10000 || cp > 0x10FFFF)) || (cp >= 0xD800 && cp <= 0xDFFF))
+      return false;
+    p += n + 1;
+  }
+  return true;
+}
+
+Value constructCodedObject(const Value& className, FCNSDecoder& decoder, const FCNSDecoder::Pairs& pairs) {
+  const std::string& name = className.str();
+  const ClassInfo* info = name.empty() ? nullptr : ClassRegistry::shared().find(name);
+  if (info != nullptr && info->createWithCoder) return info->createWithCoder(decoder);
+  return Value::object(new UnknownCodedObject(name, pairs));
+}
+
+Value constructPropertyObject(const ClassInfo* info, const std::string& name) {
+  if (info != nullptr && info->create) {
+    Value v = info->create();
+    if (v.isObject()) return v;
+  }
+  return Value::mutableDictionary({{Value("$class"), Value(name)}});
+}
+
+void setPropertyValue(const Value& target, const Value& key, const Value& value) {
+  if (Object* obj = target.objectPointer()) {
+    obj->setValueForKey(key.str(), value);
+  } else if (target.isDictionary()) {
+    Value dict = target;  // shares the node
+    dict.set(key, value);  // a nil value leaves the key out, as key-value setting does
+  }
+}
+
+Value awakeObject(const Value& object) {
+  auto* coding = dynamic_cast<FastCodingObject*>(object.objectPointer());
+  if (coding == nullptr) return object;
+  Value replacement = coding->awakeAfterFastCoding();
+  if (replacement.isNil() || replacement.objectPointer() == coding) return object;
+  return replacement;
+}
+
+// ---- The parser -------------------------------------------------------------------------
+
+FastReader::FastReader(ByteView data, bool propertyListOnly)
+    : in_(data.data()), total_(data.size()), constructors_(table(propertyListOnly)) {}
+
+uint32_t FastReader::capacityFor(uint64_t count, size_t bytesPerItem) const {
+  // A count is only a hint: never reserve more items than the rest of the input could hold.
+  uint64_t most = remaining() / bytesPerItem;
+  return static_cast<uint32_t>(std::min<uint64_t>({count, most, UINT32_MAX}));
+}
+
+Value FastReader::parse() {
+  // Reading the counts is outside the guard of the caller: a cut header raises.
+  off_ = 8;
+  auto objectCount = take<uint32_t>();
+  auto classCount = take<uint32_t>();
+  auto stringCount = take<uint32_t>();
+  objects_.reserve(capacityFor(objectCount, 1));
+  classes_.reserve(capacityFor(classCount, 2));
+  strings_.reserve(capacityFor(stringCount, 1));
+  return readObject();
+}
+
+Value FastReader::readObject() {
+  if (off_ >= total_) throwEOF(off_);
+  unsigned type = in_[off_++];
+  Constructor c = type < kFastTypeCount ? constructors_[type] : nullptr;
+  if (c == nullptr) throwUnknownType(type);
+  if (++depth_ > kFastMaxDepth) throwTooDeep();
+  Value v = c(*this);
+  --depth_;
+  return v;
+}
+
+std::string_view FastReader::takeCString() {
+  if (off_ >= total_) throwEOF(off_);
+  const auto* start = in_ + off_;
+  const void* nul = std::memchr(start, 0, total_ - off_);
+  if (nul == nullptr) throwEOF(off_);
+  size_t n = static_cast<const uint8_t*>(nul) - start;
+  off_ += n + 1;
+  return std::string_view(reinterpret_cast<const char*>(start), n);
+}
+
+Value FastReader::aliasFrom(const std::vector<Value>& table, uint64_t index) const {
+  if (index >= table.size()) throwBadIndex(index, table.size());
+  return table[index];
+}
+
+Value FastReader::readStringValue(bool mutableNode) {
+  std::string_view s = takeCString();
+  if (!isValidUTF8(s)) return Value();  // bytes that are not text read as nil, as on the platform
+  return Value::string(s, mutableNode);
+}
+
+Value FastReader::readDictionary(bool mutableNode) {
+  auto count = takeAligned<uint32_t>();
+  if (mutableNode) {
+    Value dict = Value::mutableDictionary();
+    objects_.push_back(dict);
+    for (uint32_t i = 0; i < count; ++i) {
+      Value value = readObject();
+      Value key = readObject();
+      if (!value.isNil() && !key.isNil()) dict.set(key, value);
+    }
+    return dict;
+  }
+  if (count == 0) {
+    static const Value empty = Value::dictionary();
+    objects_.push_back(empty);
+    return empty;
+  }
+  std::vector<std::pair<Value, Value>> entries;
+  entries.reserve(capacityFor(count, 2));
+  for (uint32_t i = 0; i < count; ++i) {
+    Value value = readObject();
+    Value key = readObject();
+    if (!value.isNil() && !key.isNil()) entries.emplace_back(std::move(key), std::move(value));
+  }
+  Value dict = Value::dictionary(std::move(entries));
+  objects_.push_back(dict);
+  return dict;
+}
+
+Value FastReader::readCollection(ValueKind kind, bool mutableNode) {
+  auto count = takeAligned<uint32_t>();
+  std::vector<Value> items;
+  items.reserve(capacityFor(count, 1));
+  auto make = [kind](std::vector<Value> v, bool m) {
+    switch (kind) {
+      case ValueKind::Set:
+        return Value::set(std::move(v), m);
+      case ValueKind::OrderedSet:
+        return Value::orderedSet(std::move(v), m);
+      default:
+        return Value::array(std::move(v), m);
+    }
+  };
+  if (mutableNode) {
+    Value c = make(std::move(items), true);
+    objects_.push_back(c);
+    for (uint32_t i = 0; i < count; ++i) c.append(readObject());
+    return c;
+  }
+  if (count == 0) {
+    static const Value emptyArray = Value::array();
+    static const Value emptySet = Value::set();
+    static const Value emptyOrderedSet = Value::orderedSet();
+    const Value& e = kind == ValueKind::Set ? emptySet : kind == ValueKind::OrderedSet ? emptyOrderedSet : emptyArray;
+    objects_.push_back(e);
+    return e;
+  }
+  for (uint32_t i = 0; i < count; ++i) items.push_back(readObject());
+  Value c = make(std::move(items), false);
+  objects_.push_back(c);
+  return c;
+}
+
+Value FastReader::readDataPayload(bool mutableNode) {
+  auto length = takeAligned<uint32_t>();
+  size_t padded = (static_cast<size_t>(length) + 3) & ~size_t{3};
+  need(padded);
+  Value d = Value::data(ByteView(in_ + off_, length), mutableNode);
+  off_ += padded;
+  objects_.push_back(d);
+  return d;
+}
+
+Value FastReader::readClassDefinition() {
+  classes_.emplace_back();
+  size_t index = classes_.size() - 1;
+  std::string name(takeCString());
+  auto count = takeAligned<uint32_t>();
+  std::vector<Value> keys;
+  keys.reserve(capacityFor(count, 1));
+  for (uint32_t i = 0; i < count; ++i) keys.push_back(Value(takeCString()));
+  classes_[index].name = std::move(name);
+  classes_[index].keys = std::move(keys);
+  return readObject();
+}
+
+Value FastReader::readCustomObject(uint32_t classIndex) {
+  if (classIndex >= classes_.size()) throwBadIndex(classIndex, classes_.size());
+  ClassDef& def = classes_[classIndex];
+  if (!def.resolved) {
+    def.info = ClassRegistry::shared().find(def.name);
+    def.resolved = true;
+  }
+  Value object = constructPropertyObject(def.info, def.name);
+  size_t slot = objects_.size();
+  objects_.push_back(object);
+  // The definition may not be touched across reads: a nested definition can grow classes_.
+  size_t keyCount = def.keys.size();
+  for (size_t i = 0; i < keyCount; ++i) {
+    Value value = readObject();
+    setPropertyValue(object, classes_[classIndex].keys[i], value);
+  }
+  Value awake = awakeObject(object);
+  if (!awake.isSameNode(object)) objects_[slot] = awake;
+  return awake;
+}
+
+Value FastReader::readURL() {
+  Value relative = readObject();
+  Value base = readObject();
+  Value url = Value::url(relative.str(), base.isURL() ? base : Value());
+  strings_.push_back(url);
+  return url;
+}
+
+Value FastReader::readIndexSet(bool mutableNode) {
+  auto count = takeAligned<uint32_t>();
+  if (mutableNode) {
+    Value set = Value::indexSet({}, true);
+    objects_.push_back(set);
+    for (uint32_t i = 0; i < count; ++i) {
+      auto location = take<uint32_t>();
+      auto length = take<uint32_t>();
+      set.addIndexes(IndexRange{location, length});
+    }
+    return set;
+  }
+  std::vector<IndexRange> ranges;
+  ranges.reserve(capacityFor(count, 8));
+  for (uint32_t i = 0; i < count; ++i) {
+    auto location = take<uint32_t>();
+    auto length = take<uint32_t>();
+    ranges.push_back(IndexRange{location, length});
+  }
+  Value set = Value::indexSet(std::move(ranges));
+  objects_.push_back(set);
+  return set;
+}
+
+Value FastReader::readCodedObject() {
+  Value className = readObject();
+  std::unique_ptr<FCNSDecoder::Pairs> pairs;
+  if (pool_.empty()) {
+    pairs = std::make_unique<FCNSDecoder::Pairs>();
+  } else {
+    pairs = std::move(pool_.back());
+    pool_.pop_back();
+    pairs->clear();
+  }
+  while (true) {
+    Value value = readObject();
+    if (value.isNil()) break;
+    Value key = readObject();
+    pairs->emplace_back(std::move(key), std::move(value));
+  }
+  const FCNSDecoder::Pairs* saved = decoder_.properties_;
+  decoder_.properties_ = pairs.get();
+  Value object = constructCodedObject(className, decoder_, *pairs);
+  decoder_.properties_ = saved;
+  pairs->clear();
+  pool_.push_back(std::move(pairs));
+  objects_.push_back(object);
+  return object;
+}
+
+Value FastReader::readKeyedArchive() {
+  // The archive's data payload follows without its own type byte.
+  Value data = readDataPayload(false);
+  Value object = Value::object(new KeyedArchiveObject(data));
+  objects_.push_back(object);
+  return object;
+}
+
+Value FastReader::readDecimal() {
+  size_t r = off_ % 20;
+  if (r != 0) off_ += 20 - r;
+  need(20);
+  std::span<const uint8_t, 20> record(in_ + off_, 20);
+  off_ += 20;
+  return Value::decimal(Decimal::fromRecord(record));
+}
+
+// ---- Constructors -----------------------------------------------------------------------
+
+Value FastReader::c_nil(FastReader&) { return Value(); }
+Value FastReader::c_null(FastReader&) { return Value::null(); }
+Value FastReader::c_alias8(FastReader& r) { return r.aliasFrom(r.objects_, r.take<uint8_t>()); }
+Value FastReader::c_alias16(FastReader& r) { return r.aliasFrom(r.objects_, r.takeAligned<uint16_t>()); }
+Value FastReader::c_alias32(FastReader& r) { return r.aliasFrom(r.objects_, r.takeAligned<uint32_t>()); }
+Value FastReader::c_stringAlias8(FastReader& r) { return r.aliasFrom(r.strings_, r.take<uint8_t>()); }
+Value FastReader::c_stringAlias16(FastReader& r) { return r.aliasFrom(r.strings_, r.takeAligned<uint16_t>()); }
+Value FastReader::c_stringAlias32(FastReader& r) { return r.aliasFrom(r.strings_, r.takeAligned<uint32_t>()); }
+Value FastReader::c_string(FastReader& r) {
+  std::string_view s = r.takeCString();
+  Value v;
+  if (s.empty()) {
+    static const Value empty("");
+    v = empty;
+  } else if (isValidUTF8(s)) {
+    v = Value::string(s);
+  }
+  r.strings_.push_back(v);
+  return v;
+}
+Value FastReader::c_dictionary(FastReader& r) { return r.readDictionary(false); }
+Value FastReader::c_array(FastReader& r) { return r.readCollection(ValueKind::Array, false); }
+Value FastReader::c_set(FastReader& r) { return r.readCollection(ValueKind::Set, false); }
+Value FastReader::c_orderedSet(FastReader& r) { return r.readCollection(ValueKind::OrderedSet, false); }
+Value FastReader::c_true(FastReader&) { return Value::boolean(true); }
+Value FastReader::c_false(FastReader&) { return Value::boolean(false); }
+Value FastReader::c_int8(FastReader& r) { return Value::number(NumberKind::Char, r.take<int8_t>()); }
+Value FastReader::c_int16(FastReader& r) { return Value::number(NumberKind::Short, r.takeAligned<int16_t>()); }
+Value FastReader::c_int32(FastReader& r) { return Value::number(NumberKind::Int, r.takeAligned<int32_t>()); }
+Value FastReader::c_int64(FastReader& r) { return Value::number(NumberKind::LongLong, r.takeAligned<int64_t>()); }
+Value FastReader::c_float32(FastReader& r) { return Value::floatNumber(r.takeAligned<float>()); }
+Value FastReader::c_float64(FastReader& r) { return Value::doubleNumber(r.takeAligned<double>()); }
+Value FastReader::c_data(FastReader& r) { return r.readDataPayload(false); }
+Value FastReader::c_legacyDate(FastReader& r) {
+  Value d = Value::date(r.takeAligned<double>() - kSecondsFrom1970To2001);
+  r.objects_.push_back(d);
+  return d;
+}
+Value FastReader::c_mutableString(FastReader& r) {
+  Value v = r.readStringValue(true);
+  r.objects_.push_back(v);
+  return v;
+}
+Value FastReader::c_mutableDictionary(FastReader& r) { return r.readDictionary(true); }
+Value FastReader::c_mutableArray(FastReader& r) { return r.readCollection(ValueKind::Array, true); }
+Value FastReader::c_mutableSet(FastReader& r) { return r.readCollection(ValueKind::Set, true); }
+Value FastReader::c_mutableOrderedSet(FastReader& r) { return r.readCollection(ValueKind::OrderedSet, true); }
+Value FastReader::c_mutableData(FastReader& r) { return r.readDataPayload(true); }
+Value FastReader::c_classDefinition(FastReader& r) { return r.readClassDefinition(); }
+Value FastReader::c_object8(FastReader& r) { return r.readCustomObject(r.take<uint8_t>()); }
+Value FastReader::c_object16(FastReader& r) { return r.readCustomObject(r.takeAligned<uint16_t>()); }
+Value FastReader::c_object32(FastReader& r) { return r.readCustomObject(r.takeAligned<uint32_t>()); }
+Value FastReader::c_url(FastReader& r) { return r.readURL(); }
+Value FastReader::c_point(FastReader& r) {
+  r.alignTo(8);
+  double x = r.take<double>(), y = r.take<double>();
+  return Value::point(x, y);
+}
+Value FastReader::c_size(FastReader& r) {
+  r.alignTo(8);
+  double w = r.take<double>(), h = r.take<double>();
+  return Value::size(w, h);
+}
+Value FastReader::c_rect(FastReader& r) {
+  r.alignTo(8);
+  double x = r.take<double>(), y = r.take<double>(), w = r.take<double>(), h = r.take<double>();
+  return Value::rect(x, y, w, h);
+}
+Value FastReader::c_range(FastReader& r) {
+  r.alignTo(4);
+  uint32_t location = r.take<uint32_t>(), length = r.take<uint32_t>();
+  return Value::range(location, length);
+}
+Value FastReader::c_vector(FastReader& r) {
+  r.alignTo(8);
+  double dx = r.take<double>(), dy = r.take<double>();
+  return Value::vector(dx, dy);
+}
+Value FastReader::c_affineTransform(FastReader& r) {
+  // Aligned although the writer does not pad: both sides keep the platform's behaviour.
+  r.alignTo(8);
+  double m[6];
+  for (double& d : m) d = r.take<double>();
+  return Value::affineTransform(m[0], m[1], m[2], m[3], m[4], m[5]);
+}
+Value FastReader::c_transform3D(FastReader& r) {
+  r.alignTo(8);
+  std::array<double, 16> m;
+  for (double& d : m) d = r.take<double>();
+  return Value::transform3D(m);
+}
+Value FastReader::c_mutableIndexSet(FastReader& r) { return r.readIndexSet(true); }
+Value FastReader::c_indexSet(FastReader& r) { return r.readIndexSet(false); }
+Value FastReader::c_codedObject(FastReader& r) { return r.readCodedObject(); }
+Value FastReader::c_decimal(FastReader& r) { return r.readDecimal(); }
+Value FastReader::c_one(FastReader&) { return Value::number(NumberKind::Int, 1); }
+Value FastReader::c_zero(FastReader&) { return Value::number(NumberKind::Int, 0); }
+Value FastReader::c_keyedArchive(FastReader& r) { return r.readKeyedArchive(); }
+Value FastReader::c_date(FastReader& r) {
+  Value d = Value::date(r.takeAligned<double>());
+  r.objects_.push_back(d);
+  return d;
+}
+
+const FastReader::Constructor* FastReader::table(bool propertyListOnly) {
+  static const std::array<Constructor, kFastTypeCount> all = {
+      c_nil,          c_null,         c_alias8,        c_alias16,
+      c_alias32,      c_stringAlias8, c_stringAlias16, c_stringAlias32,
+      c_string,       c_dictionary,   c_array,         c_set,
+      c_orderedSet,   c_true,         c_false,         c_int8,
+      c_int16,        c_int32,        c_int64,         c_float32,
+      c_float64,      c_data,         c_legacyDate,    c_mutableString,
+      c_mutableDictionary, c_mutableArray, c_mutableSet, c_mutableOrderedSet,
+      c_mutableData,  c_classDefinition, c_object8,    c_object16,
+      c_object32,     c_url,          c_point,         c_size,
+      c_rect,         c_range,        c_vector,        c_affineTransform,
+      c_transform3D,  c_mutableIndexSet, c_indexSet,   c_codedObject,
+      c_decimal,      c_one,          c_zero,          c_keyedArchive,
+      c_date};
+  static const std::array<Constructor, kFastTypeCount> propertyList = [] {
+    auto t = all;
+    for (int code : {kNil, kClassDefinition, kObject8, kObject16, kObject32, kCodedObject, kKeyedArchive})
+      t[code] = nullptr;
+    return t;
+  }();
+  return propertyListOnly ? propertyList.data() : all.data();
+}
+
+namespace {
+
+Value parseData(ByteView data, bool propertyListOnly, Error* error) {
+  auto fail = [error](const std::string& reason) {
+    if (error != nullptr) *error = Error(kCorvaneErrorDomain, -1, reason);
+    return Value();
+  };
+  uint32_t identifier = 0;
+  if (data.size() < 8) return fail("Not FastCoding data");
+  std::memcpy(&identifier, data.data(), 4);
+  if (identifier != kFastIdentifier) return fail("Not FastCoding data");
+  uint16_t major, minor;
+  std::memcpy(&major, data.data() + 4, 2);
+  std::memcpy(&minor, data.data() + 6, 2);
+  if (major != 2 && major != 3) {
+    std::string reason = "This version of the FastCoding library doesn't support FastCoding version " +
+                         std::to_string(major) + "." + std::to_string(minor) + " files";
+    logLine(reason, LogLevel::Error);
+    return fail(reason);
+  }
+  if (major == 2) return parseLegacyFastCoding(data, propertyListOnly);
+
+  FastReader reader(data, propertyListOnly);
+  // The header's counts are read before the guard, so a cut header reaches the caller.
+  if (data.size() < kFastHeaderSize) throwEOF(data.size() < 12 ? 8 : data.size() < 16 ? 12 : 16);
+  try {
+    return reader.parse();
+  } catch (const Exception& e) {
+    logLine(e.reason(), LogLevel::Error);
+    return fail(e.reason());
+  }
+}
+
+}  // namespace
+}  // namespace detail
+
+Value FastCoder::objectWithData(ByteView data, Error* error) { return detail::parseData(data, false, error); }
+
+Value FastCoder::propertyListWithData(ByteView data, Error* error) { return detail::parseData(data, true, error); }
+
+}  // namespace corvane
