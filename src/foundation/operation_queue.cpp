@@ -1,0 +1,267 @@
+#include "corvane/foundation/operation_queue.h"
+
+#include <condition_variable>
+#include <exception>
+#include <mutex>
+
+#include "corvane/foundation/error.h"
+#include "corvane/foundation/log.h"
+#include "foundation/thread_pool.h"
+
+namespace corvane {
+
+// One lock for the states, dependencies and queues of every operation. Dependencies cross
+// queues, and a single lock keeps "is it ready, start it" free of lock-order puzzles; the
+// work itself runs outside it, and operations are coarse (a file write each), so the lock
+// is held only briefly and rarely.
+struct OperationGraph {
+  static std::mutex& mutex() {
+    static auto* m = new std::mutex;
+    return *m;
+  }
+  // Signalled whenever an operation finishes.
+  static std::condition_variable& finished() {
+    static auto* cv = new std::condition_variable;
+    return *cv;
+  }
+
+  static bool readyLocked(const Operation& op) {
+    if (op.cancelled_) return true;
+    for (const auto& dependency : op.dependencies_) {
+      if (dependency->state_ != Operation::State::Finished) return false;
+    }
+    return true;
+  }
+
+  static void startReadyLocked(const std::shared_ptr<OperationQueue::Impl>& queue);
+  static void run(const std::shared_ptr<OperationQueue::Impl>& queue, const std::shared_ptr<Operation>& op);
+};
+
+struct OperationQueue::Impl : std::enable_shared_from_this<OperationQueue::Impl> {
+  std::string name;
+  int maxConcurrent = kDefaultMaxConcurrentOperationCount;
+  QueuePriority priority = QueuePriority::Normal;
+  // Guarded by the graph lock.
+  std::vector<std::shared_ptr<Operation>> operations;  // unfinished, in the order added
+  int executing = 0;
+};
+
+void OperationGraph::startReadyLocked(const std::shared_ptr<OperationQueue::Impl>& queue) {
+  const int limit = queue->maxConcurrent > 0 ? queue->maxConcurrent : static_cast<int>(ThreadPool::shared().width());
+  while (queue->executing < limit) {
+    std::shared_ptr<Operation> best;
+    for (const auto& op : queue->operations) {
+      if (op->state_ != Operation::State::Pending || !readyLocked(*op)) continue;
+      if (!best || static_cast<int>(op->priority_) > static_cast<int>(best->priority_)) best = op;
+    }
+    if (!best) return;
+    best->state_ = Operation::State::Executing;
+    ++queue->executing;
+    ThreadPool::shared().submit(static_cast<int>(queue->priority), [queue, best] { run(queue, best); });
+  }
+}
+
+void OperationGraph::run(const std::shared_ptr<OperationQueue::Impl>& queue, const std::shared_ptr<Operation>& op) {
+  if (!op->isCancelled()) {
+    try {
+      op->main();
+    } catch (const std::exception& e) {
+      logLine("Uncaught exception in operation of queue " + queue->name + ": " + e.what(), LogLevel::Error);
+    } catch (...) {
+      logLine("Uncaught exception in operation of queue " + queue->name, LogLevel::Error);
+    }
+  }
+  std::function<void()> completion;
+  {
+    std::lock_guard<std::mutex> lock(mutex());
+    completion = std::move(op->completion_);
+    op->completion_ = nullptr;
+  }
+  if (completion) {
+    try {
+      completion();
+    } catch (const std::exception& e) {
+      logLine("Uncaught exception in completion block of queue " + queue->name + ": " + e.what(), LogLevel::Error);
+    } catch (...) {
+      logLine("Uncaught exception in completion block of queue " + queue->name, LogLevel::Error);
+    }
+    completion = nullptr;
+  }
+
+  std::vector<std::shared_ptr<OperationQueue::Impl>> affected;
+  {
+    std::lock_guard<std::mutex> lock(mutex());
+    op->state_ = Operation::State::Finished;
+    op->queue_.reset();
+    auto& ops = queue->operations;
+    for (auto it = ops.begin(); it != ops.end(); ++it) {
+      if (*it == op) {
+        ops.erase(it);
+        break;
+      }
+    }
+    --queue->executing;
+    affected.push_back(queue);
+    for (const auto& weak : op->dependants_) {
+      if (auto dependant = weak.lock(); dependant && dependant->queue_) {
+        affected.push_back(std::static_pointer_cast<OperationQueue::Impl>(dependant->queue_));
+      }
+    }
+    op->dependants_.clear();
+    for (const auto& q : affected) startReadyLocked(q);
+    finished().notify_all();
+  }
+}
+
+// ---- Operation -------------------------------------------------------------------------------
+
+Operation::Operation(std::function<void()> block) : block_(std::move(block)) {}
+Operation::~Operation() = default;
+
+void Operation::main() {
+  if (block_) block_();
+}
+
+void Operation::addDependency(std::shared_ptr<Operation> operation) {
+  if (!operation || operation.get() == this) return;
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  for (const auto& d : dependencies_) {
+    if (d == operation) return;
+  }
+  dependencies_.push_back(operation);
+  // Already queued: the dependency must tell our queue when it finishes.
+  if (queue_ && operation->state_ != State::Finished) operation->dependants_.push_back(weak_from_this());
+}
+
+std::vector<std::shared_ptr<Operation>> Operation::dependencies() const {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  return dependencies_;
+}
+
+void Operation::cancel() {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  cancelled_ = true;
+  // A cancelled operation is ready at once, so that the queue lets it go soon.
+  if (queue_) OperationGraph::startReadyLocked(std::static_pointer_cast<OperationQueue::Impl>(queue_));
+}
+
+bool Operation::isCancelled() const { return cancelled_; }
+
+bool Operation::isExecuting() const {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  return state_ == State::Executing;
+}
+
+bool Operation::isFinished() const {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  return state_ == State::Finished;
+}
+
+bool Operation::isReady() const {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  return OperationGraph::readyLocked(*this);
+}
+
+void Operation::setCompletionBlock(std::function<void()> block) {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  completion_ = std::move(block);
+}
+
+void Operation::setQueuePriority(QueuePriority priority) {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  priority_ = priority;
+}
+
+QueuePriority Operation::queuePriority() const {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  return priority_;
+}
+
+void Operation::setName(std::string name) {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  name_ = std::move(name);
+}
+
+std::string Operation::name() const {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  return name_;
+}
+
+void Operation::waitUntilFinished() {
+  ThreadPool::BlockingScope blocking;
+  std::unique_lock<std::mutex> lock(OperationGraph::mutex());
+  OperationGraph::finished().wait(lock, [this] { return state_ == State::Finished; });
+}
+
+// ---- OperationQueue --------------------------------------------------------------------------
+
+OperationQueue::OperationQueue(std::string name) : impl_(std::make_shared<Impl>()) { impl_->name = std::move(name); }
+
+OperationQueue::~OperationQueue() { waitUntilAllOperationsAreFinished(); }
+
+std::string OperationQueue::name() const { return impl_->name; }
+
+void OperationQueue::setMaxConcurrentOperationCount(int count) {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  impl_->maxConcurrent = count;
+  OperationGraph::startReadyLocked(impl_);
+}
+
+int OperationQueue::maxConcurrentOperationCount() const {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  return impl_->maxConcurrent;
+}
+
+void OperationQueue::setPriority(QueuePriority priority) {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  impl_->priority = priority;
+}
+
+QueuePriority OperationQueue::priority() const {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  return impl_->priority;
+}
+
+void OperationQueue::addOperation(std::shared_ptr<Operation> operation) {
+  if (!operation) return;
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  if (operation->queue_ || operation->state_ != Operation::State::Pending) {
+    throw Exception("NSInvalidArgumentException", "operation is already enqueued on a queue or finished");
+  }
+  operation->queue_ = impl_;
+  for (const auto& dependency : operation->dependencies_) {
+    if (dependency->state_ != Operation::State::Finished) dependency->dependants_.push_back(operation);
+  }
+  impl_->operations.push_back(operation);
+  OperationGraph::startReadyLocked(impl_);
+}
+
+std::shared_ptr<Operation> OperationQueue::addOperationWithBlock(std::function<void()> block) {
+  auto op = std::make_shared<Operation>(std::move(block));
+  addOperation(op);
+  return op;
+}
+
+void OperationQueue::cancelAllOperations() {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  for (const auto& op : impl_->operations) op->cancelled_ = true;
+  OperationGraph::startReadyLocked(impl_);
+}
+
+void OperationQueue::waitUntilAllOperationsAreFinished() {
+  ThreadPool::BlockingScope blocking;
+  std::unique_lock<std::mutex> lock(OperationGraph::mutex());
+  OperationGraph::finished().wait(lock, [this] { return impl_->operations.empty(); });
+}
+
+size_t OperationQueue::operationCount() const {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  return impl_->operations.size();
+}
+
+std::vector<std::shared_ptr<Operation>> OperationQueue::operations() const {
+  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  return impl_->operations;
+}
+
+}  // namespace corvane

@@ -1,0 +1,173 @@
+#include "corvane/foundation/serial_queue.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "corvane/foundation/log.h"
+#include "foundation/thread_pool.h"
+
+namespace corvane {
+
+namespace {
+
+// After this many items a drain gives its pool thread back, so that one busy queue cannot
+// keep other queues waiting.
+constexpr int kItemsPerDrain = 32;
+
+// The queues whose work the current thread is running, innermost last.
+thread_local std::vector<const SerialQueue::Impl*> tlsRunning;
+
+struct RunningMark {
+  explicit RunningMark(const SerialQueue::Impl* q) { tlsRunning.push_back(q); }
+  ~RunningMark() { tlsRunning.pop_back(); }
+};
+
+// A sync() caller waiting for its turn.
+struct SyncTurn {
+  bool granted = false;
+};
+
+}  // namespace
+
+struct SerialQueue::Impl : std::enable_shared_from_this<SerialQueue::Impl> {
+  explicit Impl(std::string l) : label(std::move(l)) {}
+
+  struct Item {
+    Task task;
+    SyncTurn* turn = nullptr;  // set for a sync() caller's place in line
+  };
+
+  bool isCurrent() const { return std::find(tlsRunning.begin(), tlsRunning.end(), this) != tlsRunning.end(); }
+
+  // Called with the lock held when the queue has items and nobody is draining it.
+  void scheduleLocked() {
+    active = true;
+    ThreadPool::shared().submit(0, [self = shared_from_this()] { self->drain(); });
+  }
+
+  void enqueue(Task task) {
+    std::lock_guard<std::mutex> lock(mutex);
+    items.push_back(Item{std::move(task), nullptr});
+    if (!active) scheduleLocked();
+  }
+
+  void drain() {
+    RunningMark mark(this);
+    for (int n = 0; n < kItemsPerDrain; ++n) {
+      Item item;
+      {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (items.empty()) {
+          active = false;
+          cv.notify_all();
+          return;
+        }
+        item = std::move(items.front());
+        items.pop_front();
+        if (item.turn != nullptr) {
+          // The sync() caller runs its work on its own thread and reschedules the queue.
+          item.turn->granted = true;
+          cv.notify_all();
+          return;
+        }
+      }
+      runItem(item.task);
+    }
+    std::lock_guard<std::mutex> lock(mutex);
+    scheduleLocked();
+  }
+
+  void runItem(Task& task) {
+    try {
+      if (task) task();
+    } catch (const std::exception& e) {
+      logLine("Uncaught exception on queue " + label + ": " + e.what(), LogLevel::Error);
+    } catch (...) {
+      logLine("Uncaught exception on queue " + label, LogLevel::Error);
+    }
+    task = nullptr;
+  }
+
+  // Ends a sync() turn: the queue goes on with what was queued meanwhile.
+  void finishTurn() {
+    std::lock_guard<std::mutex> lock(mutex);
+    active = false;
+    if (!items.empty()) scheduleLocked();
+    cv.notify_all();
+  }
+
+  void waitUntilIdle() {
+    ThreadPool::BlockingScope blocking;
+    std::unique_lock<std::mutex> lock(mutex);
+    cv.wait(lock, [this] { return !active && items.empty(); });
+  }
+
+  const std::string label;
+  std::mutex mutex;
+  std::condition_variable cv;
+  std::deque<Item> items;
+  bool active = false;  // a drain is scheduled or running, or a sync() caller has its turn
+  bool closed = false;  // the SerialQueue object is gone: drop delayed work
+};
+
+SerialQueue::SerialQueue(std::string label, RunLoop* timerLoop)
+    : impl_(std::make_shared<Impl>(std::move(label))), timerLoop_(timerLoop) {}
+
+SerialQueue::~SerialQueue() {
+  {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->closed = true;
+  }
+  if (!impl_->isCurrent()) impl_->waitUntilIdle();
+}
+
+const std::string& SerialQueue::label() const { return impl_->label; }
+
+void SerialQueue::async(Task task) { impl_->enqueue(std::move(task)); }
+
+void SerialQueue::sync(const Task& task) {
+  Impl& q = *impl_;
+  if (q.isCurrent()) {
+    // Waiting for our own queue would never end.
+    task();
+    return;
+  }
+  SyncTurn turn;
+  {
+    std::unique_lock<std::mutex> lock(q.mutex);
+    if (!q.active) {
+      q.active = true;
+      turn.granted = true;
+    } else {
+      q.items.push_back(Impl::Item{nullptr, &turn});
+      ThreadPool::BlockingScope blocking;
+      q.cv.wait(lock, [&turn] { return turn.granted; });
+    }
+  }
+  struct EndTurn {
+    Impl& q;
+    ~EndTurn() { q.finishTurn(); }
+  } endTurn{q};
+  RunningMark mark(&q);
+  task();
+}
+
+RunLoop::Token SerialQueue::asyncAfter(double delaySeconds, Task task) {
+  RunLoop& loop = timerLoop_ != nullptr ? *timerLoop_ : RunLoop::main();
+  return loop.postAfter(delaySeconds, [impl = impl_, task = std::move(task)]() mutable {
+    {
+      std::lock_guard<std::mutex> lock(impl->mutex);
+      if (impl->closed) return;
+    }
+    impl->enqueue(std::move(task));
+  });
+}
+
+bool SerialQueue::isCurrent() const { return impl_->isCurrent(); }
+
+}  // namespace corvane
