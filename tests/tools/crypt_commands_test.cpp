@@ -1,0 +1,292 @@
+// `corvane decrypt` and `corvane encrypt`, run as the real binary.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "security/test_vectors.h"
+#include "support/temp_dir.h"
+
+namespace corvane {
+namespace {
+
+using namespace testvectors;
+using testing::pathExists;
+using testing::readTextFile;
+using testing::TempDir;
+using testing::writeTextFile;
+
+struct RunResult {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+// Runs the tool in a new session (so it has no terminal to prompt on) with standard input
+// from /dev/null and the given extra environment variables.
+RunResult runTool(const std::vector<std::string>& arguments, const std::vector<std::string>& environment = {}) {
+  TempDir capture;
+  const std::string outPath = capture / "stdout";
+  const std::string errPath = capture / "stderr";
+  std::vector<std::string> args = {CORVANE_BINARY_DIR "/bin/corvane"};
+  args.insert(args.end(), arguments.begin(), arguments.end());
+  std::vector<std::string> env = {"PATH=/usr/bin:/bin", "HOME=" + capture.path()};
+  env.insert(env.end(), environment.begin(), environment.end());
+
+  pid_t pid = fork();
+  if (pid == 0) {
+    setsid();
+    int in = open("/dev/null", O_RDONLY);
+    int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(in, 0);
+    dup2(out, 1);
+    dup2(err, 2);
+    std::vector<char*> argv, envp;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    for (auto& e : env) envp.push_back(e.data());
+    envp.push_back(nullptr);
+    execve(argv[0], argv.data(), envp.data());
+    _exit(127);
+  }
+  RunResult result;
+  int wstatus = 0;
+  waitpid(pid, &wstatus, 0);
+  result.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+  result.out = readTextFile(outPath);
+  result.err = readTextFile(errPath);
+  return result;
+}
+
+// Runs the tool with a pseudo-terminal as its controlling terminal (standard output still goes
+// to a file), answers the first prompt with `typed` and returns what the terminal showed.
+RunResult runToolOnTerminal(const std::vector<std::string>& arguments, const std::string& typed,
+                            std::string* terminalText) {
+  TempDir capture;
+  const std::string outPath = capture / "stdout";
+  int master = posix_openpt(O_RDWR | O_NOCTTY);
+  if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) return {};
+  std::string slaveName = ptsname(master);
+  std::vector<std::string> args = {CORVANE_BINARY_DIR "/bin/corvane"};
+  args.insert(args.end(), arguments.begin(), arguments.end());
+  std::vector<std::string> env = {"PATH=/usr/bin:/bin", "HOME=" + capture.path()};
+
+  pid_t pid = fork();
+  if (pid == 0) {
+    setsid();
+    int slave = open(slaveName.c_str(), O_RDWR);  // becomes the controlling terminal
+    ioctl(slave, TIOCSCTTY, 0);
+    int in = open("/dev/null", O_RDONLY);
+    int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(in, 0);
+    dup2(out, 1);
+    dup2(slave, 2);
+    std::vector<char*> argv, envp;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    for (auto& e : env) envp.push_back(e.data());
+    envp.push_back(nullptr);
+    execve(argv[0], argv.data(), envp.data());
+    _exit(127);
+  }
+  // Read until the prompt appears (or give up after a few seconds), type, then read the rest.
+  auto readSome = [&](int timeoutMs) {
+    pollfd p{master, POLLIN, 0};
+    if (poll(&p, 1, timeoutMs) <= 0) return false;
+    char buffer[512];
+    ssize_t n = read(master, buffer, sizeof buffer);
+    if (n <= 0) return false;
+    terminalText->append(buffer, static_cast<size_t>(n));
+    return true;
+  };
+  for (int i = 0; i < 50 && terminalText->find(": ") == std::string::npos; ++i) readSome(100);
+  [[maybe_unused]] ssize_t written = write(master, typed.data(), typed.size());
+  while (readSome(2000)) {
+  }
+  RunResult result;
+  int wstatus = 0;
+  waitpid(pid, &wstatus, 0);
+  close(master);
+  result.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+  result.out = readTextFile(outPath);
+  return result;
+}
+
+std::string infoPlist(const std::string& encryption) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+         "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+         "<plist version=\"1.0\">\n<dict>\n"
+         "\t<key>DocumentIdentifier</key>\n\t<string>6F1C2D3E-0000-4000-8000-00000000ABCD</string>\n" +
+         encryption + "</dict>\n</plist>\n";
+}
+
+// A package encrypted with the password "correct horse" at 1000 rounds, and one change file.
+class CryptCommandsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    writeTextFile(package + "/Info.plist",
+                  infoPlist("\t<key>Encryption</key>\n\t<dict>\n"
+                            "\t\t<key>Info</key>\n\t\t<data>" + std::string(kPackageVerifierBase64) + "</data>\n"
+                            "\t\t<key>Rounds</key>\n\t\t<integer>1000</integer>\n"
+                            "\t\t<key>Salt</key>\n\t\t<data>" + std::string(kPackageSaltBase64) + "</data>\n"
+                            "\t</dict>\n"));
+    writeTextFile(change, toString(fromHex(kPackageChangeBlock)));
+    writeTextFile(rightPassword, "correct horse\n");
+    writeTextFile(wrongPassword, "correct horse!\n");
+  }
+
+  TempDir dir;
+  const std::string package = dir / "Doc.corvane";
+  const std::string change = package + "/Changes/2026-01-01-00-00-00.000.ABC.json";
+  const std::string rightPassword = dir / "right.txt";
+  const std::string wrongPassword = dir / "wrong.txt";
+  const std::string plainChange{kPackageChangePlain};
+};
+
+TEST_F(CryptCommandsTest, DecryptsWithPasswordFromFileOrEnvironment) {
+  RunResult r = runTool({"decrypt", "--package", package, "--password-file", rightPassword, change});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, plainChange);
+  EXPECT_EQ(r.err, "");
+
+  const std::string output = dir / "plain.json";
+  r = runTool({"decrypt", "--package", package, change, "-o", output}, {"CORVANE_PASSWORD=correct horse"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(readTextFile(output), plainChange);
+
+  // The password file wins over the environment; a CRLF line ending is not part of it.
+  writeTextFile(rightPassword, "correct horse\r\nsecond line\n");
+  r = runTool({"decrypt", "--package", package, "--password-file", rightPassword, change},
+              {"CORVANE_PASSWORD=wrong"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, plainChange);
+
+  // Several inputs without -o go to standard output one after the other.
+  r = runTool({"decrypt", "--package", package, change, change}, {"CORVANE_PASSWORD=correct horse"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, plainChange + plainChange);
+}
+
+TEST_F(CryptCommandsTest, PromptsOnTheTerminalWithoutEcho) {
+  std::string terminal;
+  RunResult r = runToolOnTerminal({"decrypt", "--package", package, change}, "correct horse\n", &terminal);
+  EXPECT_EQ(r.status, 0) << terminal;
+  EXPECT_EQ(r.out, plainChange);
+  EXPECT_NE(terminal.find("Password for " + package + ": "), std::string::npos) << terminal;
+  EXPECT_EQ(terminal.find("correct horse"), std::string::npos) << "the password was echoed: " << terminal;
+
+  terminal.clear();
+  r = runToolOnTerminal({"decrypt", "--package", package, change}, "guess\n", &terminal);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "");
+  EXPECT_NE(terminal.find("wrong password"), std::string::npos) << terminal;
+}
+
+TEST_F(CryptCommandsTest, WrongPasswordWritesNothing) {
+  const std::string output = dir / "plain.json";
+  RunResult r = runTool({"decrypt", "--package", package, "--password-file", wrongPassword, change, "-o", output});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("wrong password"), std::string::npos) << r.err;
+  EXPECT_FALSE(pathExists(output));
+  r = runTool({"encrypt", "--package", package, change}, {"CORVANE_PASSWORD=nope"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("wrong password"), std::string::npos) << r.err;
+  EXPECT_EQ(r.out, "");
+}
+
+TEST_F(CryptCommandsTest, DamagedFileIsReportedAndNothingIsWritten) {
+  std::string damaged = toString(fromHex(kPackageChangeBlock));
+  damaged[40] ^= 0x01;
+  writeTextFile(dir / "damaged.json", damaged);
+  RunResult r = runTool({"decrypt", "--package", package, change, dir / "damaged.json"},
+                        {"CORVANE_PASSWORD=correct horse"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("damaged.json could not be decrypted: wrong password or damaged file"), std::string::npos)
+      << r.err;
+  EXPECT_EQ(r.out, "");  // not even the good first file
+
+  writeTextFile(dir / "short.json", "{}");
+  r = runTool({"decrypt", "--package", package, dir / "short.json"}, {"CORVANE_PASSWORD=correct horse"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("could not be decrypted"), std::string::npos) << r.err;
+}
+
+TEST_F(CryptCommandsTest, EncryptedOutputDecryptsBack) {
+  writeTextFile(dir / "plain.txt", "hello, support\n");
+  const std::string sealed = dir / "sealed.bin";
+  RunResult r = runTool({"encrypt", "--package", package, dir / "plain.txt", "-o", sealed},
+                        {"CORVANE_PASSWORD=correct horse"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::string block = readTextFile(sealed);
+  EXPECT_EQ(block.size(), 16u + 16u + 64u);
+  EXPECT_EQ(block.find("hello"), std::string::npos);
+
+  r = runTool({"decrypt", "--package", package, sealed}, {"CORVANE_PASSWORD=correct horse"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "hello, support\n");
+}
+
+TEST_F(CryptCommandsTest, ClearMessagesForPackageAndFileProblems) {
+  RunResult r = runTool({"decrypt", "--package", package, dir / "nothing.json"}, {"CORVANE_PASSWORD=correct horse"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("nothing.json: no such file"), std::string::npos) << r.err;
+
+  const std::string plainPackage = dir / "Plain.corvane";
+  writeTextFile(plainPackage + "/Info.plist", infoPlist(""));
+  r = runTool({"decrypt", "--package", plainPackage, change}, {"CORVANE_PASSWORD=correct horse"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Plain.corvane is not encrypted"), std::string::npos) << r.err;
+
+  const std::string noInfo = dir / "NoInfo.corvane";
+  writeTextFile(noInfo + "/Changes/x.json", "x");
+  r = runTool({"encrypt", "--package", noInfo, change}, {"CORVANE_PASSWORD=correct horse"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("NoInfo.corvane/Info.plist is missing"), std::string::npos) << r.err;
+
+  writeTextFile(dir / "Broken.corvane/Info.plist", "<plist><dict><key>");
+  r = runTool({"decrypt", "--package", dir / "Broken.corvane", change}, {"CORVANE_PASSWORD=correct horse"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Info.plist could not be read"), std::string::npos) << r.err;
+}
+
+TEST_F(CryptCommandsTest, PasswordNeverFromTheCommandLine) {
+  // No file, no environment variable, no terminal: a clear refusal, not a hang.
+  RunResult r = runTool({"decrypt", "--package", package, change});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("--password-file"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("CORVANE_PASSWORD"), std::string::npos) << r.err;
+
+  r = runTool({"decrypt", "--package", package, "--password", "correct horse", change});
+  EXPECT_EQ(r.status, 2);
+  r = runTool({"decrypt", "--package", package, "--password-file", dir / "absent.txt", change});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("absent.txt"), std::string::npos) << r.err;
+}
+
+TEST_F(CryptCommandsTest, UsageAndHelp) {
+  RunResult r = runTool({"decrypt", "--package", package, change, change, "-o", dir / "out"},
+                        {"CORVANE_PASSWORD=correct horse"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_FALSE(pathExists(dir / "out"));
+  r = runTool({"decrypt", change});  // --package is required
+  EXPECT_EQ(r.status, 2);
+  for (const char* command : {"decrypt", "encrypt"}) {
+    r = runTool({command, "--help"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("--package"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("--password-file"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("CORVANE_PASSWORD"), std::string::npos) << r.out;
+  }
+}
+
+}  // namespace
+}  // namespace corvane
