@@ -241,35 +241,39 @@ void describeSequence(const Value& v, int level, const char* open, const char* c
   out += close;
 }
 
-void describe(const Value& v, int level, bool nested, std::string& out) {
+std::string leafText(const Value& v) {
   switch (v.kind()) {
-    case ValueKind::Nil: out += "(null)"; return;
-    case ValueKind::Null: out += "<null>"; return;
-    case ValueKind::Number: out += numberText(v); return;
-    case ValueKind::Decimal: out += ValueAccess::as<detail::DecimalNode>(v)->value.toString(); return;
-    case ValueKind::String:
-      if (nested) {
-        appendQuoted(v.str(), out);
-      } else {
-        out += v.str();
-      }
-      return;
-    case ValueKind::Data: out += dataText(v.bytes()); return;
-    case ValueKind::Date: out += value_detail::dateText(v.dateValue()); return;
+    case ValueKind::Nil: return "(null)";
+    case ValueKind::Null: return "<null>";
+    case ValueKind::Number: return numberText(v);
+    case ValueKind::Decimal: return ValueAccess::as<detail::DecimalNode>(v)->value.toString();
+    case ValueKind::String: return v.str();
+    case ValueKind::Data: return dataText(v.bytes());
+    case ValueKind::Date: return value_detail::dateText(v.dateValue());
     case ValueKind::URL: {
       const auto* node = ValueAccess::as<detail::URLNode>(v);
-      out += node->relative.str();
+      std::string out = node->relative.str();
       if (node->base.isURL()) out += " -- " + node->base.urlAbsoluteString();
-      return;
+      return out;
     }
-    case ValueKind::Structure: out += structureText(v); return;
-    case ValueKind::IndexSet: out += indexSetText(v); return;
-    case ValueKind::Object: out += v.objectPointer()->description(); return;
-    case ValueKind::Array:
-    case ValueKind::Set:
-    case ValueKind::OrderedSet:
-    case ValueKind::Dictionary:
-      break;
+    case ValueKind::Structure: return structureText(v);
+    case ValueKind::IndexSet: return indexSetText(v);
+    case ValueKind::Object: return v.objectPointer()->description();
+    default: return {};
+  }
+}
+
+void describe(const Value& v, int level, bool nested, std::string& out) {
+  const bool container = v.isCollection() || v.isDictionary();
+  if (!container) {
+    // Inside a container every leaf that is not a plain word is quoted, as the platform does
+    // ("-1", "1.5", "<null>", dates), so that the text reads back as a property list.
+    if (nested) {
+      appendQuoted(leafText(v), out);
+    } else {
+      out += leafText(v);
+    }
+    return;
   }
   PrintGuard guard(v.identity());
   if (guard.cycle()) {
@@ -299,7 +303,7 @@ void describe(const Value& v, int level, bool nested, std::string& out) {
 }  // namespace
 
 std::string Value::description() const {
-  if (kind() == ValueKind::String) return str();
+  if (!isCollection() && !isDictionary()) return leafText(*this);
   std::string out;
   describe(*this, 0, false, out);
   return out;

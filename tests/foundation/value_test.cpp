@@ -1,0 +1,512 @@
+#include "corvane/foundation/value.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cmath>
+#include <limits>
+
+#include "corvane/foundation/error.h"
+#include "corvane/foundation/log.h"
+
+namespace corvane {
+namespace {
+
+template <class F>
+std::string exceptionName(F&& f) {
+  try {
+    f();
+  } catch (const Exception& e) {
+    return e.name();
+  }
+  return "<none>";
+}
+
+class Person : public Object {
+ public:
+  std::string className() const override { return "Person"; }
+  Value valueForKey(std::string_view key) const override { return key == "name" ? Value("Ann") : Value(); }
+};
+
+static_assert(sizeof(Value) == 16, "Value must stay a 16-byte handle");
+
+// ---- Numbers --------------------------------------------------------------------------------
+
+TEST(ValueNumberTest, EqualAcrossKindsByExactValue) {
+  const Value one(1);
+  EXPECT_EQ(one, Value(1.0));
+  EXPECT_EQ(one, Value(true));
+  EXPECT_EQ(one, Value::unsignedNumber(NumberKind::UnsignedChar, 1));
+  EXPECT_EQ(one, Value(Decimal(1, 0, false)));
+  EXPECT_EQ(one.hash(), Value(1.0).hash());
+  EXPECT_EQ(one.hash(), Value(true).hash());
+  EXPECT_EQ(one.hash(), Value(Decimal(10, -1, false)).hash());
+
+  // A float keeps single precision: 0.1f is not 0.1.
+  EXPECT_NE(Value::floatNumber(0.1f), Value(0.1));
+  EXPECT_EQ(Value::floatNumber(0.5f), Value(0.5));
+
+  // No lossy casts at the edges of the integer ranges.
+  const Value int64Max(std::numeric_limits<int64_t>::max());
+  EXPECT_NE(int64Max, Value(9.223372036854775807e18));  // that double is 2^63
+  EXPECT_EQ(Value(std::numeric_limits<int64_t>::min()), Value(-0x1p63));
+  const Value uint64Max(std::numeric_limits<uint64_t>::max());
+  EXPECT_NE(uint64Max, Value(0x1p64));
+  EXPECT_NE(uint64Max, Value(-1));
+  EXPECT_EQ(Value(0x1p63), Value(uint64_t{1} << 63));
+  EXPECT_EQ(Value(0x1p63).hash(), Value(uint64_t{1} << 63).hash());
+  EXPECT_NE(Value(2), Value(2.5));
+  EXPECT_EQ(Value(0.0), Value(-0.0));
+  EXPECT_EQ(Value(0.0).hash(), Value(-0.0).hash());
+
+  // Decimals: integral ones compare exactly, others through the double.
+  const Value decimalTenth(*Decimal::fromString("0.1"));
+  EXPECT_EQ(decimalTenth, Value(0.1));
+  EXPECT_EQ(decimalTenth.hash(), Value(0.1).hash());
+  const Value hugeDecimal(*Decimal::fromString("18446744073709551616"));
+  EXPECT_NE(hugeDecimal, uint64Max);
+  EXPECT_EQ(Value(*Decimal::fromString("18446744073709551615")), uint64Max);
+  EXPECT_EQ(Value(*Decimal::fromString("18446744073709551615")).hash(), uint64Max.hash());
+  EXPECT_NE(Value(*Decimal::fromString("4611686018427387905")), Value(0x1p62));  // 2^62 + 1
+
+  // Numbers are never equal to other kinds.
+  EXPECT_NE(Value(1), Value("1"));
+  EXPECT_NE(Value(0), Value::null());
+  EXPECT_NE(Value(0), Value());
+}
+
+TEST(ValueNumberTest, KindsAreKeptAndNarrowed) {
+  EXPECT_EQ(Value(1).numberKind(), NumberKind::Int);
+  EXPECT_EQ(Value(int64_t{1}).numberKind(), NumberKind::LongLong);
+  EXPECT_EQ(Value(uint64_t{1}).numberKind(), NumberKind::UnsignedLongLong);
+  EXPECT_EQ(Value(1.5).numberKind(), NumberKind::Double);
+  EXPECT_TRUE(Value(false).isBoolean());
+  EXPECT_FALSE(Value(0).isBoolean());
+  EXPECT_EQ(Value::number(NumberKind::Char, 300).longLongValue(), 44);
+  EXPECT_EQ(Value::number(NumberKind::Bool, 7).longLongValue(), 1);
+  EXPECT_EQ(Value::unsignedNumber(NumberKind::UnsignedShort, 70000).longLongValue(), 70000 - 65536);
+  EXPECT_EQ(Value::floatNumber(0.1f).doubleValue(), static_cast<double>(0.1f));
+  EXPECT_TRUE(Value::floatNumber(1).isFloatingPoint());
+  EXPECT_TRUE(Value::unsignedNumber(NumberKind::Index, 3).isUnsigned());
+}
+
+TEST(ValueNumberTest, ConversionsTruncateAndSaturate) {
+  EXPECT_EQ(Value(3.9).intValue(), 3);
+  EXPECT_EQ(Value(-3.9).intValue(), -3);
+  EXPECT_EQ(Value(1e30).longLongValue(), std::numeric_limits<int64_t>::max());
+  EXPECT_EQ(Value(std::nan("")).longLongValue(), 0);
+  EXPECT_EQ(Value(int64_t{0x100000001}).intValue(), 1);
+  EXPECT_EQ(Value(-1).unsignedLongLongValue(), std::numeric_limits<uint64_t>::max());
+  EXPECT_EQ(Value(*Decimal::fromString("12.75")).intValue(), 12);
+  EXPECT_EQ(Value("  42abc").intValue(), 42);
+  EXPECT_EQ(Value("-2.5e3").doubleValue(), -2500);
+  EXPECT_TRUE(Value("YES").boolValue());
+  EXPECT_TRUE(Value(" true").boolValue());
+  EXPECT_TRUE(Value("0007").boolValue());
+  EXPECT_FALSE(Value("no").boolValue());
+  EXPECT_FALSE(Value("0").boolValue());
+  EXPECT_TRUE(Value(0.5).boolValue());
+  EXPECT_EQ(Value::floatNumber(0.1f).decimalValue().toString(), "0.1");
+  EXPECT_EQ(Value(0.1).decimalValue().toString(), "0.1");
+  EXPECT_EQ(Value(std::numeric_limits<uint64_t>::max()).decimalValue().toString(), "18446744073709551615");
+  EXPECT_EQ(arr({}).longLongValue(), 0);
+}
+
+TEST(ValueNumberTest, DescriptionIsShortestText) {
+  EXPECT_EQ(Value(0.1).description(), "0.1");
+  EXPECT_EQ(Value(1.0).description(), "1");
+  EXPECT_EQ(Value(1e21).description(), "1e+21");
+  EXPECT_EQ(Value(1e16).description(), "1e+16");
+  EXPECT_EQ(Value(100000.0).description(), "100000");
+  EXPECT_EQ(Value(123.456).description(), "123.456");
+  EXPECT_EQ(Value(-0.00001).description(), "-1e-05");
+  EXPECT_EQ(Value(0.0001).description(), "0.0001");
+  EXPECT_EQ(Value(0.30000000000000004).description(), "0.30000000000000004");
+  EXPECT_EQ(Value(12345678901234567.0).description(), "12345678901234568");
+  EXPECT_EQ(Value::floatNumber(0.1f).description(), "0.1");
+  EXPECT_EQ(Value::floatNumber(16777216.0f).description(), "16777216");
+  EXPECT_EQ(Value(true).description(), "1");
+  EXPECT_EQ(Value(false).description(), "0");
+  EXPECT_EQ(Value(-42).description(), "-42");
+  EXPECT_EQ(Value(std::numeric_limits<uint64_t>::max()).description(), "18446744073709551615");
+  EXPECT_EQ(Value(*Decimal::fromString("-0.50")).description(), "-0.5");
+}
+
+// ---- Dictionaries, sets, arrays -------------------------------------------------------------
+
+std::vector<std::string> keyTexts(const Value& d) {
+  std::vector<std::string> out;
+  for (const auto& [k, v] : d.entries()) out.push_back(k.description());
+  return out;
+}
+
+TEST(ValueDictionaryTest, KeepsInsertionOrderThroughReplaceAndRemove) {
+  Value d = Value::mutableDictionary({{"b", 1}, {"a", 2}, {"c", 3}, {"a", 4}});
+  EXPECT_EQ(keyTexts(d), (std::vector<std::string>{"b", "a", "c"}));
+  EXPECT_EQ(d["a"], Value(4));  // a later duplicate replaces the earlier value
+
+  d.set("b", "x");
+  EXPECT_EQ(keyTexts(d), (std::vector<std::string>{"b", "a", "c"}));
+  EXPECT_EQ(d["b"], Value("x"));
+  d.remove("a");
+  EXPECT_EQ(keyTexts(d), (std::vector<std::string>{"b", "c"}));
+  d.set("c", Value());  // nil removes
+  EXPECT_EQ(keyTexts(d), (std::vector<std::string>{"b"}));
+  EXPECT_TRUE(d["missing"].isNil());
+
+  // Keys meet by value across number kinds.
+  d.set(1, "one");
+  EXPECT_EQ(d.get(1.0), Value("one"));
+  EXPECT_EQ(d.get(true), Value("one"));
+  d.set(1.0, "uno");
+  EXPECT_EQ(d.count(), 2u);
+  EXPECT_EQ(d.get(1), Value("uno"));
+}
+
+TEST(ValueDictionaryTest, LargeDictionariesStayOrderedAndFindable) {
+  Value d = Value::mutableDictionary();
+  for (int i = 0; i < 1000; ++i) d.set(Value(std::to_string(i)), Value(i));
+  for (int i = 0; i < 1000; i += 3) d.remove(Value(std::to_string(i)));
+  d.set("1", "replaced");
+  ASSERT_EQ(d.count(), 666u);
+  EXPECT_EQ(d.entries()[0].first, Value("1"));
+  EXPECT_EQ(d.entries()[0].second, Value("replaced"));
+  EXPECT_EQ(d.entries()[1].first, Value("2"));
+  EXPECT_EQ(d.entries().back().first, Value("998"));
+  for (int i = 0; i < 1000; ++i) {
+    EXPECT_EQ(d.contains(Value(std::to_string(i))), i % 3 != 0) << i;
+  }
+  EXPECT_EQ(d["500"], Value(500));
+
+  // Built in one go, with duplicates.
+  std::vector<std::pair<Value, Value>> entries;
+  for (int i = 0; i < 100; ++i) entries.emplace_back(Value(i % 50), Value(i));
+  const Value built = Value::dictionary(std::move(entries));
+  EXPECT_EQ(built.count(), 50u);
+  EXPECT_EQ(built.get(7), Value(57));
+  EXPECT_EQ(built.entries()[7].first, Value(7));
+}
+
+TEST(ValueDictionaryTest, CopiesMutableKeys) {
+  Value key = Value::mutableString("name");
+  Value d = Value::mutableDictionary();
+  d.set(key, 1);
+  key.appendString("-changed");
+  EXPECT_EQ(d["name"], Value(1));
+  EXPECT_FALSE(d.entries()[0].first.isMutable());
+  EXPECT_FALSE(d.entries()[0].first.isSameNode(key));
+  // Immutable keys are shared as they are.
+  const Value fixed("fixed");
+  d.set(fixed, 2);
+  EXPECT_TRUE(d.entries()[1].first.isSameNode(fixed));
+}
+
+TEST(ValueSetTest, MembersAreDistinctByValue) {
+  const Value s = Value::set({1, 1.0, true, "a", Value::string("a"), Value(2)});
+  EXPECT_EQ(s.count(), 3u);
+  EXPECT_TRUE(s.contains(1));
+  EXPECT_TRUE(s.contains(2.0));
+  EXPECT_FALSE(s.contains("b"));
+
+  Value ordered = Value::mutableOrderedSet({"c", "a", "c", "b"});
+  EXPECT_EQ(ordered, Value::orderedSet({"c", "a", "b"}));
+  ordered.append("a");
+  ordered.insert(0, "b");
+  EXPECT_EQ(ordered.count(), 3u);
+  ordered.insert(0, "z");
+  ordered.replaceAt(1, "a");  // already present elsewhere: unchanged
+  EXPECT_EQ(ordered, Value::orderedSet({"z", "c", "a", "b"}));
+  ordered.remove("c");
+  EXPECT_EQ(ordered, Value::orderedSet({"z", "a", "b"}));
+
+  Value big = Value::mutableSet();
+  for (int i = 0; i < 500; ++i) big.append(Value(i % 250));
+  EXPECT_EQ(big.count(), 250u);
+  for (int i = 0; i < 250; i += 2) big.remove(Value(i));
+  EXPECT_EQ(big.count(), 125u);
+  EXPECT_TRUE(big.contains(249));
+  EXPECT_FALSE(big.contains(248));
+  big.append(Value(248.0));
+  EXPECT_EQ(big.elements().back(), Value(248));
+}
+
+TEST(ValueEqualityTest, DeepWithOrderOnlyWhereItMatters) {
+  EXPECT_EQ(dict({{"a", 1}, {"b", arr({1, 2})}}), dict({{"b", arr({1.0, 2})}, {"a", true}}));
+  EXPECT_NE(arr({1, 2}), arr({2, 1}));
+  EXPECT_EQ(Value::set({1, 2, 3}), Value::set({3, 2, 1}));
+  EXPECT_NE(Value::orderedSet({1, 2}), Value::orderedSet({2, 1}));
+  EXPECT_NE(arr({1, 2}), Value::orderedSet({1, 2}));  // different kinds
+  EXPECT_EQ(arr({1, 2}), Value::mutableArray({1, 2}));  // mutability does not matter
+  EXPECT_NE(dict({{"a", 1}}), dict({{"a", 2}}));
+  EXPECT_NE(dict({{"a", 1}}), dict({{"b", 1}}));
+  EXPECT_EQ(dict({{"a", 1}, {"b", 2}}).hash(), dict({{"b", 2}, {"a", 1}}).hash());
+  EXPECT_EQ(Value::set({"x", "y"}).hash(), Value::set({"y", "x"}).hash());
+  EXPECT_EQ(Value::data(toBytes("ab")), Value::mutableData(toBytes("ab")));
+  EXPECT_NE(Value::data(toBytes("ab")), Value("ab"));
+  EXPECT_EQ(Value::date(5), Value::date(5));
+  EXPECT_FALSE(Value::date(5).isSameNode(Value::date(5)));  // equal but distinct nodes
+  EXPECT_EQ(Value::null(), Value::null());
+  EXPECT_EQ(Value(), Value());
+  EXPECT_NE(Value(), Value::null());
+
+  // Sets and dictionaries work as keys of each other.
+  Value outer = Value::mutableDictionary();
+  outer.set(dict({{"k", 1}}), "first");
+  EXPECT_EQ(outer.get(dict({{"k", 1.0}})), Value("first"));
+}
+
+TEST(ValueMutationTest, ImmutableNodesAndWrongKindsThrow) {
+  Value fixed = arr({1, 2});
+  EXPECT_EQ(exceptionName([&] { fixed.append(3); }), "NSInternalInconsistencyException");
+  EXPECT_EQ(exceptionName([&] { fixed.removeAllObjects(); }), "NSInternalInconsistencyException");
+  Value frozenString("text");
+  EXPECT_EQ(exceptionName([&] { frozenString.appendString("x"); }), "NSInternalInconsistencyException");
+  EXPECT_EQ(exceptionName([&] { Value(dict({})).set("a", 1); }), "NSInternalInconsistencyException");
+
+  Value list = Value::mutableArray();
+  EXPECT_EQ(exceptionName([&] { list.set("a", 1); }), "NSInvalidArgumentException");
+  EXPECT_EQ(exceptionName([&] { list.appendString("x"); }), "NSInvalidArgumentException");
+  EXPECT_EQ(exceptionName([&] { Value(5).append(1); }), "NSInvalidArgumentException");
+  EXPECT_EQ(exceptionName([&] { Value::date(1).mutableCopy(); }), "NSInvalidArgumentException");
+  EXPECT_EQ(exceptionName([&] { Value::mutableDictionary().set(Value(), 1); }), "NSInvalidArgumentException");
+  EXPECT_EQ(exceptionName([&] { list.insert(1, "x"); }), "NSRangeException");
+  EXPECT_EQ(exceptionName([&] { list.removeAt(0); }), "NSRangeException");
+  EXPECT_TRUE(list.empty());  // nothing changed
+
+  Value text = Value::mutableString("ab");
+  text.appendString("cd");
+  EXPECT_EQ(text.str(), "abcd");
+  text.setString("x");
+  EXPECT_EQ(text.str(), "x");
+  Value bytes = Value::mutableData();
+  bytes.appendBytes(toBytes("hi"));
+  EXPECT_EQ(toString(bytes.bytes()), "hi");
+
+  // An array removes every equal element.
+  Value withRepeats = Value::mutableArray({1, 2, 1.0, 3});
+  withRepeats.remove(1);
+  EXPECT_EQ(withRepeats, arr({2, 3}));
+}
+
+TEST(ValueCopyTest, CopiesShareNodesWherePossible) {
+  const Value fixed = arr({"a", Value::mutableString("b")});
+  EXPECT_TRUE(fixed.copy().isSameNode(fixed));
+  EXPECT_EQ(fixed.identity(), Value(fixed).identity());
+  EXPECT_EQ(Value(5).identity(), nullptr);
+  EXPECT_FALSE(Value(5).isSameNode(Value(5)));
+
+  const Value copyOfMutable = Value::mutableArray({1}).copy();
+  EXPECT_FALSE(copyOfMutable.isMutable());
+
+  // mutableCopy is shallow: a new container node holding the same children.
+  Value changeable = fixed.mutableCopy();
+  EXPECT_TRUE(changeable.isMutable());
+  EXPECT_FALSE(changeable.isSameNode(fixed));
+  EXPECT_TRUE(changeable.at(1).isSameNode(fixed.at(1)));
+  changeable.append("c");
+  EXPECT_EQ(fixed.count(), 2u);
+  Value child = fixed.at(1);
+  child.appendString("!");  // visible through both containers
+  EXPECT_EQ(changeable.at(1).str(), "b!");
+
+  Value d = dict({{"k", 1}}).mutableCopy();
+  d.set("k", 2);
+  EXPECT_EQ(d["k"], Value(2));
+  EXPECT_EQ(Value::indexSet({{1, 2}}).mutableCopy().indexRanges(), (std::vector<IndexRange>{{1, 2}}));
+  EXPECT_FALSE(Value::date(1).canMutableCopy());
+  EXPECT_TRUE(Value("s").canMutableCopy());
+}
+
+TEST(ValueCycleTest, SelfContainingContainersTerminate) {
+  Value a = Value::mutableArray({1});
+  a.append(a);
+  Value b = Value::mutableArray({1});
+  b.append(b);
+  EXPECT_EQ(a, a);
+  EXPECT_EQ(a, b);  // the same shape, unfolded forever
+  Value c = Value::mutableArray({2});
+  c.append(c);
+  EXPECT_NE(a, c);
+  EXPECT_EQ(a.description(), "(\n    1,\n    (cycle)\n)");
+  (void)a.hash();
+  (void)Value::compare(a, b);
+
+  Value d = Value::mutableDictionary();
+  d.set("self", d);
+  EXPECT_EQ(d.description(), "{\n    self = (cycle);\n}");
+  EXPECT_EQ(d, d.mutableCopy());
+
+  // Break the cycles so that the nodes are freed.
+  a.removeAllObjects();
+  b.removeAllObjects();
+  c.removeAllObjects();
+  d.removeAllObjects();
+}
+
+TEST(ValueDescriptionTest, OldStylePropertyListForm) {
+  const Value v = dict({{"name", "Ann Lee"},
+                        {"age", 42},
+                        {"tags", arr({"a", "b-c", ""})},
+                        {"empty", arr({})},
+                        {"nested", dict({{"k", Value::null()}})}});
+  EXPECT_EQ(v.description(),
+            "{\n"
+            "    name = \"Ann Lee\";\n"
+            "    age = 42;\n"
+            "    tags = (\n"
+            "        a,\n"
+            "        \"b-c\",\n"
+            "        \"\"\n"
+            "    );\n"
+            "    empty = (\n"
+            "    );\n"
+            "    nested = {\n"
+            "        k = \"<null>\";\n"
+            "    };\n"
+            "}");
+  EXPECT_EQ(Value("plain \"text\"").description(), "plain \"text\"");
+  EXPECT_EQ(arr({"say \"hi\"\n"}).description(), "(\n    \"say \\\"hi\\\"\\n\"\n)");
+  EXPECT_EQ(Value::data(Bytes{0x01, 0xab}).description(), "{length = 2, bytes = 0x01ab}");
+  EXPECT_EQ(Value::date(0).description(), "2001-01-01 00:00:00 +0000");
+  EXPECT_EQ(Value::date(-1).description(), "2000-12-31 23:59:59 +0000");
+  EXPECT_EQ(Value::date(730000000.5).description(), "2024-02-19 01:46:40 +0000");
+  EXPECT_EQ(Value::set({1}).description(), "{(\n    1\n)}");
+  EXPECT_EQ(Value::indexSet({{1, 3}, {7, 1}}).description(),
+            "[number of indexes: 4 (in 2 ranges), indexes: (1-3 7)]");
+}
+
+// ---- Other kinds ----------------------------------------------------------------------------
+
+TEST(ValueIndexSetTest, RangesStaySortedAndCoalesced) {
+  Value s = Value::indexSet({{10, 5}, {0, 2}, {2, 1}, {12, 10}, {30, 0}}, true);
+  EXPECT_EQ(s.indexRanges(), (std::vector<IndexRange>{{0, 3}, {10, 12}}));
+  EXPECT_EQ(s.count(), 15u);
+  s.addIndexes({3, 7});  // touches both neighbours
+  EXPECT_EQ(s.indexRanges(), (std::vector<IndexRange>{{0, 22}}));
+  s.removeIndexes({5, 2});
+  EXPECT_EQ(s.indexRanges(), (std::vector<IndexRange>{{0, 5}, {7, 15}}));
+  s.removeIndexes({0, 100});
+  EXPECT_TRUE(s.indexRanges().empty());
+  s.addIndexes({std::numeric_limits<uint64_t>::max() - 1, 10});  // clamped, no overflow
+  EXPECT_EQ(s.indexRanges(), (std::vector<IndexRange>{{std::numeric_limits<uint64_t>::max() - 1, 1}}));
+  EXPECT_TRUE(Value::indexSet({{4, 2}}).contains(5));
+  EXPECT_FALSE(Value::indexSet({{4, 2}}).contains(6));
+  EXPECT_EQ(Value::indexSet({{1, 1}, {2, 1}}), Value::indexSet({{1, 2}}));
+}
+
+TEST(ValueURLTest, ResolvesAgainstBase) {
+  const Value base = Value::url("http://a/b/c/d;p?q");
+  auto resolve = [&](std::string_view rel) { return Value::url(rel, base).urlAbsoluteString(); };
+  EXPECT_EQ(resolve("g"), "http://a/b/c/g");
+  EXPECT_EQ(resolve("./g"), "http://a/b/c/g");
+  EXPECT_EQ(resolve("g/"), "http://a/b/c/g/");
+  EXPECT_EQ(resolve("/g"), "http://a/g");
+  EXPECT_EQ(resolve("//g"), "http://g");
+  EXPECT_EQ(resolve("?y"), "http://a/b/c/d;p?y");
+  EXPECT_EQ(resolve("#s"), "http://a/b/c/d;p?q#s");
+  EXPECT_EQ(resolve(""), "http://a/b/c/d;p?q");
+  EXPECT_EQ(resolve(".."), "http://a/b/");
+  EXPECT_EQ(resolve("../../../g"), "http://a/g");
+  EXPECT_EQ(resolve("g;x=1/../y"), "http://a/b/c/y");
+  EXPECT_EQ(resolve("mailto:x@y"), "mailto:x@y");
+  EXPECT_EQ(Value::url("Data/file", Value::url("file:///docs/Doc.pkg/")).urlAbsoluteString(),
+            "file:///docs/Doc.pkg/Data/file");
+
+  const Value relative = Value::url("c/d", Value::url("http://a/b/"));
+  EXPECT_EQ(relative.urlRelativeString(), Value("c/d"));
+  EXPECT_EQ(relative.urlBase().urlAbsoluteString(), "http://a/b/");
+  EXPECT_EQ(relative, Value::url("http://a/b/c/d"));  // same absolute string
+  EXPECT_EQ(relative.hash(), Value::url("http://a/b/c/d").hash());
+  EXPECT_TRUE(Value::url("x", Value("not a URL")).urlBase().isNil());
+}
+
+TEST(ValueStructureTest, ShapesAndPayloads) {
+  EXPECT_EQ(Value::rect(1, 2, 3, 4).structureKind(), StructureKind::Rect);
+  const Value rect = Value::rect(1, 2, 3, 4);
+  const auto doubles = rect.structureDoubles();
+  EXPECT_EQ(std::vector<double>(doubles.begin(), doubles.end()), (std::vector<double>{1, 2, 3, 4}));
+  EXPECT_EQ(Value::affineTransform(1, 0, 0, 1, 5, 6).structureDoubles().size(), 6u);
+  std::array<double, 16> identity{};
+  for (int i = 0; i < 4; ++i) identity[static_cast<size_t>(i * 5)] = 1;
+  EXPECT_EQ(Value::transform3D(identity).structureDoubles()[15], 1.0);
+  const Value r = Value::range(std::numeric_limits<uint64_t>::max(), 3);
+  EXPECT_EQ(r.rangeValue(), (IndexRange{std::numeric_limits<uint64_t>::max(), 3}));
+  EXPECT_EQ(r.structureDoubles().size(), 2u);
+  EXPECT_EQ(Value::point(1, 2), Value::point(1, 2));
+  EXPECT_NE(Value::point(1, 2), Value::size(1, 2));
+  EXPECT_NE(Value::range(1, 2), Value::range(1, 3));
+}
+
+TEST(ValueObjectTest, DefaultsAndIdentity) {
+  auto* raw = new Person();
+  Value p = Value::object(raw);
+  EXPECT_EQ(p.objectPointer(), raw);
+  EXPECT_EQ(p.description().rfind("<Person: 0x", 0), 0u);
+  EXPECT_EQ(p.objectPointer()->valueForKey("name"), Value("Ann"));
+  EXPECT_TRUE(p.objectPointer()->Object::valueForKey("name").isNil());
+  EXPECT_EQ(p, Value::object(raw));
+  EXPECT_NE(p, Value::object(new Person()));
+  EXPECT_FALSE(p.isMutable());
+  EXPECT_EQ(raw->refCount(), 1u);
+  {
+    const Value shared = p;
+    EXPECT_EQ(raw->refCount(), 2u);
+  }
+  EXPECT_EQ(raw->refCount(), 1u);
+  EXPECT_TRUE(Value::object(nullptr).isNil());
+}
+
+TEST(ValueCompareTest, OrdersByKindThenValue) {
+  EXPECT_LT(Value::compare(Value(1), Value(1.5)), 0);
+  EXPECT_EQ(Value::compare(Value(true), Value(1)), 0);
+  EXPECT_GT(Value::compare(Value(std::numeric_limits<uint64_t>::max()), Value(0x1p63)), 0);
+  EXPECT_LT(Value::compare(Value(std::numeric_limits<int64_t>::max()), Value(0x1p63)), 0);
+  EXPECT_LT(Value::compare(Value(*Decimal::fromString("0.1")), Value(0.2)), 0);
+  EXPECT_LT(Value::compare(Value("z"), Value("\xc3\xa9")), 0);  // U+00E9 sorts after z
+  EXPECT_LT(Value::compare(Value("ab"), Value("abc")), 0);
+  EXPECT_LT(Value::compare(Value::date(1), Value::date(2)), 0);
+  EXPECT_LT(Value::compare(Value(), Value(0)), 0);  // nil first
+  EXPECT_LT(Value::compare(Value(99), Value("1")), 0);  // numbers before strings
+  EXPECT_LT(Value::compare(arr({1, 2}), arr({1, 3})), 0);
+
+  std::vector<Value> mixed{"b", 2, Value(), 1.5, "a", true};
+  std::sort(mixed.begin(), mixed.end(), [](const Value& x, const Value& y) { return Value::compare(x, y) < 0; });
+  EXPECT_EQ(Value::array(mixed), arr({Value(), true, 1.5, 2, "a", "b"}));
+}
+
+// ---- Errors and the log ---------------------------------------------------------------------
+
+TEST(ErrorTest, FromErrnoAndDescription) {
+  const Error e = Error::fromErrno(ENOENT, "/tmp/missing");
+  EXPECT_EQ(e.domain, kPOSIXErrorDomain);
+  EXPECT_EQ(e.code, ENOENT);
+  EXPECT_NE(e.localizedDescription.find("/tmp/missing"), std::string::npos);
+  EXPECT_EQ(e.userInfo["NSFilePath"], Value("/tmp/missing"));
+  EXPECT_EQ(Error("Corvane", 7, "Broken").description(), "Error Domain=Corvane Code=7 \"Broken\"");
+  Error out;
+  EXPECT_FALSE(setError(&out, Error("D", 1)));
+  EXPECT_EQ(out.code, 1);
+  EXPECT_FALSE(setError(nullptr, Error("D", 1)));
+}
+
+TEST(LogTest, CaptureCollectsLinesAndRestoresTheSink) {
+  std::vector<std::string> outer;
+  LogSink previous = setLogSink([&outer](LogLevel, std::string_view m) { outer.emplace_back(m); });
+  {
+    LogCapture capture;
+    logLine("first line");
+    logLine("second", LogLevel::Error);
+    EXPECT_EQ(capture.lines(), (std::vector<std::string>{"first line", "second"}));
+    EXPECT_TRUE(capture.contains("st li"));
+    capture.clear();
+    EXPECT_TRUE(capture.lines().empty());
+  }
+  logLine("after");
+  setLogSink(std::move(previous));
+  EXPECT_EQ(outer, (std::vector<std::string>{"after"}));
+}
+
+}  // namespace
+}  // namespace corvane
