@@ -251,6 +251,8 @@ class FastReader {
   Value parse();
 
   Value readObject();
+  // Every node this parse registered (objects, strings, URLs).
+  std::vector<Value> nodes() const;
 
  private:
   using Constructor = Value (*)(FastReader&);
@@ -373,6 +375,15 @@ void setPropertyValue(const Value& target, const Value& key, const Value& value)
 Value awakeObject(const Value& object);
 
 // Reads a stream of major version 2. Throws corvane::Exception on malformed input.
-Value parseLegacyFastCoding(ByteView data, bool propertyListOnly);
+Value parseLegacyFastCoding(ByteView data, bool propertyListOnly, std::vector<Value>* nodes = nullptr);
+
+// Mutable containers may hold themselves, and reference counting never frees such a cycle.
+// Emptying every mutable container among `nodes` breaks them all; used for the partial graph
+// of a failed parse, and by tests and the fuzz target for whole graphs.
+void breakCycles(const std::vector<Value>& nodes);
+
+// objectWithData / propertyListWithData that also hand out every node the parse registered,
+// so that a caller can break cycles the root cannot reach (entries dropped for a nil key).
+Value parseFastCoding(ByteView data, bool propertyListOnly, Error* error, std::vector<Value>* nodes);
 
 }  // namespace corvane::detail

@@ -31,6 +31,13 @@ class LegacyReader {
     return read();
   }
 
+  std::vector<Value> nodes() const {
+    std::vector<Value> all;
+    all.reserve(objects_.size());
+    for (const Entry& e : objects_) all.push_back(e.value);
+    return all;
+  }
+
  private:
   struct Entry {
     Value value;
@@ -318,9 +325,17 @@ class LegacyReader {
 
 }  // namespace
 
-Value parseLegacyFastCoding(ByteView data, bool propertyListOnly) {
+Value parseLegacyFastCoding(ByteView data, bool propertyListOnly, std::vector<Value>* nodes) {
   LegacyReader reader(data, propertyListOnly);
-  return reader.parse();
+  try {
+    Value root = reader.parse();
+    if (nodes != nullptr) *nodes = reader.nodes();
+    return root;
+  } catch (...) {
+    // The error goes on to the caller, but the partial graph must not outlive it.
+    breakCycles(reader.nodes());
+    throw;
+  }
 }
 
 }  // namespace corvane::detail

@@ -131,6 +131,17 @@ Value FastReader::parse() {
   return readObject();
 }
 
+std::vector<Value> FastReader::nodes() const {
+  std::vector<Value> all(objects_);
+  all.insert(all.end(), strings_.begin(), strings_.end());
+  return all;
+}
+
+void breakCycles(const std::vector<Value>& nodes) {
+  for (Value v : nodes)
+    if (v.isMutable() && (v.isCollection() || v.isDictionary())) v.removeAllObjects();
+}
+
 Value FastReader::readObject() {
   if (off_ >= total_) throwEOF(off_);
   unsigned type = in_[off_++];
@@ -400,40 +411,48 @@ Value FastReader::c_object8(FastReader& r) { return r.readCustomObject(r.take<ui
 Value FastReader::c_object16(FastReader& r) { return r.readCustomObject(r.takeAligned<uint16_t>()); }
 Value FastReader::c_object32(FastReader& r) { return r.readCustomObject(r.takeAligned<uint32_t>()); }
 Value FastReader::c_url(FastReader& r) { return r.readURL(); }
+// Structure payloads are read as one block, as the platform reads the whole structure.
 Value FastReader::c_point(FastReader& r) {
   r.alignTo(8);
+  r.need(16);
   double x = r.take<double>(), y = r.take<double>();
   return Value::point(x, y);
 }
 Value FastReader::c_size(FastReader& r) {
   r.alignTo(8);
+  r.need(16);
   double w = r.take<double>(), h = r.take<double>();
   return Value::size(w, h);
 }
 Value FastReader::c_rect(FastReader& r) {
   r.alignTo(8);
+  r.need(32);
   double x = r.take<double>(), y = r.take<double>(), w = r.take<double>(), h = r.take<double>();
   return Value::rect(x, y, w, h);
 }
 Value FastReader::c_range(FastReader& r) {
   r.alignTo(4);
+  r.need(8);
   uint32_t location = r.take<uint32_t>(), length = r.take<uint32_t>();
   return Value::range(location, length);
 }
 Value FastReader::c_vector(FastReader& r) {
   r.alignTo(8);
+  r.need(16);
   double dx = r.take<double>(), dy = r.take<double>();
   return Value::vector(dx, dy);
 }
 Value FastReader::c_affineTransform(FastReader& r) {
   // Aligned although the writer does not pad: both sides keep the platform's behaviour.
   r.alignTo(8);
+  r.need(48);
   double m[6];
   for (double& d : m) d = r.take<double>();
   return Value::affineTransform(m[0], m[1], m[2], m[3], m[4], m[5]);
 }
 Value FastReader::c_transform3D(FastReader& r) {
   r.alignTo(8);
+  r.need(128);
   std::array<double, 16> m;
   for (double& d : m) d = r.take<double>();
   return Value::transform3D(m);
@@ -475,9 +494,7 @@ const FastReader::Constructor* FastReader::table(bool propertyListOnly) {
   return propertyListOnly ? propertyList.data() : all.data();
 }
 
-namespace {
-
-Value parseData(ByteView data, bool propertyListOnly, Error* error) {
+Value parseFastCoding(ByteView data, bool propertyListOnly, Error* error, std::vector<Value>* nodes) {
   auto fail = [error](const std::string& reason) {
     if (error != nullptr) *error = Error(kCorvaneErrorDomain, -1, reason);
     return Value();
@@ -495,24 +512,34 @@ Value parseData(ByteView data, bool propertyListOnly, Error* error) {
     logLine(reason, LogLevel::Error);
     return fail(reason);
   }
-  if (major == 2) return parseLegacyFastCoding(data, propertyListOnly);
+  if (major == 2) return parseLegacyFastCoding(data, propertyListOnly, nodes);
 
   FastReader reader(data, propertyListOnly);
   // The header's counts are read before the guard, so a cut header reaches the caller.
   if (data.size() < kFastHeaderSize) throwEOF(data.size() < 12 ? 8 : data.size() < 16 ? 12 : 16);
   try {
-    return reader.parse();
+    Value root = reader.parse();
+    if (nodes != nullptr) *nodes = reader.nodes();
+    return root;
   } catch (const Exception& e) {
+    // Nothing of the partial graph is handed out; free it even where it holds itself.
+    breakCycles(reader.nodes());
     logLine(e.reason(), LogLevel::Error);
     return fail(e.reason());
+  } catch (...) {
+    breakCycles(reader.nodes());
+    throw;
   }
 }
 
-}  // namespace
 }  // namespace detail
 
-Value FastCoder::objectWithData(ByteView data, Error* error) { return detail::parseData(data, false, error); }
+Value FastCoder::objectWithData(ByteView data, Error* error) {
+  return detail::parseFastCoding(data, false, error, nullptr);
+}
 
-Value FastCoder::propertyListWithData(ByteView data, Error* error) { return detail::parseData(data, true, error); }
+Value FastCoder::propertyListWithData(ByteView data, Error* error) {
+  return detail::parseFastCoding(data, true, error, nullptr);
+}
 
 }  // namespace corvane
