@@ -46,6 +46,19 @@ inline Bytes cstr(std::string_view s) {
 
 inline Bytes zeros(size_t n) { return Bytes(n, 0); }
 
+// Hex text of bytes, with the offset of every 16th byte, for readable test failures.
+inline std::string hex(const Bytes& b) {
+  static const char* digits = "0123456789ABCDEF";
+  std::string out;
+  for (size_t i = 0; i < b.size(); ++i) {
+    if (i % 16 == 0) out += "\n" + std::to_string(i) + ":";
+    out += ' ';
+    out += digits[b[i] >> 4];
+    out += digits[b[i] & 15];
+  }
+  return out;
+}
+
 inline Bytes encode(const Value& v) {
   auto data = FastCoder::dataWithRootObject(v);
   return data ? *data : Bytes();
