@@ -27,34 +27,39 @@ using detail::ValueNode;
 
 namespace detail {
 
-void Node::retain() const noexcept { refs_.fetch_add(1, std::memory_order_relaxed); }
-
-void Node::release() const noexcept {
-  if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+namespace {
+// Most keys and members are strings: compare those without the general equality's dispatch.
+inline bool sameMember(const Value& stored, const Value& probe) {
+  if (stored.isString() && probe.isString()) {
+    if (stored.isSameNode(probe)) return true;
+    const std::string& a = static_cast<const StringNode*>(ValueAccess::node(stored))->text;
+    const std::string& b = static_cast<const StringNode*>(ValueAccess::node(probe))->text;
+    return a.size() == b.size() && a.compare(b) == 0;
+  }
+  return stored == probe;
 }
-
-uint32_t Node::refCount() const noexcept { return refs_.load(std::memory_order_relaxed); }
+}  // namespace
 
 ptrdiff_t ElementsNode::find(const Value& v) const {
-  if (index.active()) return index.find(v, v.hash(), [this](size_t i) -> const Value& { return items[i]; });
+  if (index.active()) return index.find(v.hash(), [&](size_t i) { return sameMember(items[i], v); });
   for (size_t i = 0; i < items.size(); ++i) {
-    if (items[i] == v) return static_cast<ptrdiff_t>(i);
+    if (sameMember(items[i], v)) return static_cast<ptrdiff_t>(i);
   }
   return -1;
 }
 
-bool ElementsNode::add(const Value& v) {
+bool ElementsNode::add(Value v) {
   if (distinct) {
     if (index.active()) {
       const size_t h = v.hash();
-      if (index.find(v, h, [this](size_t i) -> const Value& { return items[i]; }) >= 0) return false;
-      items.push_back(v);
+      if (index.find(h, [&](size_t i) { return sameMember(items[i], v); }) >= 0) return false;
+      items.push_back(std::move(v));
       index.append(h);
       return true;
     }
     if (find(v) >= 0) return false;
   }
-  items.push_back(v);
+  items.push_back(std::move(v));
   if (distinct && items.size() > HashIndex::kThreshold) reindex();
   return true;
 }
@@ -64,34 +69,45 @@ void ElementsNode::reindex() {
     index.clear();
     return;
   }
-  index.rebuild(items.size(), [this](size_t i) -> const Value& { return items[i]; });
+  index.rebuild(items.size(), [this](size_t i) { return items[i].hash(); });
 }
 
 ptrdiff_t DictionaryNode::find(const Value& key) const {
-  if (index.active()) {
-    return index.find(key, key.hash(), [this](size_t i) -> const Value& { return entries[i].first; });
-  }
+  if (index.active()) return index.find(key.hash(), [&](size_t i) { return sameMember(entries[i].first, key); });
   for (size_t i = 0; i < entries.size(); ++i) {
-    if (entries[i].first == key) return static_cast<ptrdiff_t>(i);
+    if (sameMember(entries[i].first, key)) return static_cast<ptrdiff_t>(i);
   }
   return -1;
 }
 
-void DictionaryNode::put(const Value& key, const Value& value) {
+ptrdiff_t DictionaryNode::findString(std::string_view key) const {
+  auto matches = [&](size_t i) {
+    const Value& k = entries[i].first;
+    return k.isString() && k.str() == key;
+  };
+  if (index.active()) return index.find(hashStringBytes(key), matches);
+  for (size_t i = 0; i < entries.size(); ++i) {
+    if (matches(i)) return static_cast<ptrdiff_t>(i);
+  }
+  return -1;
+}
+
+void DictionaryNode::put(Value key, Value value) {
   size_t h = 0;
   ptrdiff_t at;
   if (index.active()) {
     h = key.hash();
-    at = index.find(key, h, [this](size_t i) -> const Value& { return entries[i].first; });
+    at = index.find(h, [&](size_t i) { return sameMember(entries[i].first, key); });
   } else {
     at = find(key);
   }
   if (at >= 0) {
-    entries[static_cast<size_t>(at)].second = value;
+    entries[static_cast<size_t>(at)].second = std::move(value);
     return;
   }
   // A dictionary copies its keys, so that mutating the caller's key cannot break the index.
-  entries.emplace_back(key.isMutable() ? key.copy() : key, value);
+  if (key.isMutable()) key = key.copy();
+  entries.emplace_back(std::move(key), std::move(value));
   if (index.active()) {
     index.append(h);
   } else if (entries.size() > HashIndex::kThreshold) {
@@ -112,7 +128,7 @@ void DictionaryNode::reindex() {
     index.clear();
     return;
   }
-  index.rebuild(entries.size(), [this](size_t i) -> const Value& { return entries[i].first; });
+  index.rebuild(entries.size(), [this](size_t i) { return entries[i].first.hash(); });
 }
 
 void IndexSetNode::add(IndexRange r) {
@@ -294,60 +310,6 @@ N* nodeOf(const Value& v) {
 
 // ---- Construction ---------------------------------------------------------------------------
 
-Value::Value(const Value& other) noexcept : kind_(other.kind_), numberKind_(other.numberKind_) {
-  if (other.holdsNode()) {
-    node_ = other.node_;
-    node_->retain();
-  } else {
-    scalar_ = other.scalar_;
-  }
-}
-
-Value::Value(Value&& other) noexcept : kind_(other.kind_), numberKind_(other.numberKind_) {
-  if (other.holdsNode()) {
-    node_ = other.node_;
-    other.kind_ = ValueKind::Nil;
-    other.numberKind_ = NumberKind::Unknown;
-    other.node_ = nullptr;
-  } else {
-    scalar_ = other.scalar_;
-  }
-}
-
-Value& Value::operator=(const Value& other) noexcept {
-  if (this == &other) return *this;
-  if (other.holdsNode()) other.node_->retain();
-  if (holdsNode()) node_->release();
-  kind_ = other.kind_;
-  numberKind_ = other.numberKind_;
-  if (other.holdsNode()) {
-    node_ = other.node_;
-  } else {
-    scalar_ = other.scalar_;
-  }
-  return *this;
-}
-
-Value& Value::operator=(Value&& other) noexcept {
-  if (this == &other) return *this;
-  if (holdsNode()) node_->release();
-  kind_ = other.kind_;
-  numberKind_ = other.numberKind_;
-  if (other.holdsNode()) {
-    node_ = other.node_;
-    other.kind_ = ValueKind::Nil;
-    other.numberKind_ = NumberKind::Unknown;
-    other.node_ = nullptr;
-  } else {
-    scalar_ = other.scalar_;
-  }
-  return *this;
-}
-
-Value::~Value() {
-  if (holdsNode()) node_->release();
-}
-
 Value::Value(bool b) noexcept : kind_(ValueKind::Number), numberKind_(NumberKind::Bool) { scalar_.i = b ? 1 : 0; }
 Value::Value(int v) noexcept : kind_(ValueKind::Number), numberKind_(NumberKind::Int) { scalar_.i = v; }
 Value::Value(long v) noexcept : kind_(ValueKind::Number), numberKind_(NumberKind::LongLong) { scalar_.i = v; }
@@ -439,7 +401,7 @@ Value Value::dictionary(std::vector<std::pair<Value, Value>> entries, bool mutab
   if (entries.size() > detail::HashIndex::kThreshold) node->index.start(entries.size());
   for (auto& [key, value] : entries) {
     if (key.isNil() || value.isNil()) continue;
-    node->put(key, value);
+    node->put(std::move(key), std::move(value));
   }
   return result;
 }
@@ -451,7 +413,7 @@ Value distinctElements(ValueKind kind, std::vector<Value>& items, bool mutableNo
   node->items.reserve(items.size());
   if (items.size() > detail::HashIndex::kThreshold) node->index.start(items.size());
   for (auto& item : items) {
-    if (!item.isNil()) node->add(item);
+    if (!item.isNil()) node->add(std::move(item));
   }
   return result;
 }
@@ -716,6 +678,13 @@ std::vector<Value> Value::keys() const {
   out.reserve(all.size());
   for (const auto& entry : all) out.push_back(entry.first);
   return out;
+}
+
+const Value& Value::lookup(std::string_view key) const noexcept {
+  if (kind_ != ValueKind::Dictionary) return kNil;
+  const DictionaryNode* node = nodeOf<DictionaryNode>(*this);
+  const ptrdiff_t at = node->findString(key);
+  return at >= 0 ? node->entries[static_cast<size_t>(at)].second : kNil;
 }
 
 const Value& Value::get(const Value& key) const {

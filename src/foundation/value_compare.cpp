@@ -110,7 +110,7 @@ size_t hashDouble(double d) {
 
 size_t hashNumeric(const Numeric& n) { return n.integral ? hashInteger(n.i) : hashDouble(n.d); }
 
-size_t hashBytes(std::string_view s) { return std::hash<std::string_view>()(s); }
+size_t hashBytes(std::string_view s) { return detail::hashStringBytes(s); }
 
 // Kinds that are ordered among themselves by value; numbers and decimals share one rank.
 int rank(ValueKind k) { return k == ValueKind::Decimal ? static_cast<int>(ValueKind::Number) : static_cast<int>(k); }

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -46,73 +48,88 @@ class DecimalNode final : public ValueNode {
   const Decimal value;
 };
 
+// The hash of a string value, usable without making one (lookups by string_view).
+inline size_t hashStringBytes(std::string_view s) noexcept { return std::hash<std::string_view>()(s); }
+
 // Open-addressing index from hash to position in an insertion-ordered vector. Only built once
-// a container grows past kThreshold members; below that a linear scan is faster.
+// a container grows past kThreshold members; below that a linear scan is faster. A container
+// without an index pays one null pointer for it.
 class HashIndex {
  public:
   static constexpr size_t kThreshold = 8;
 
-  bool active() const noexcept { return !slots_.empty(); }
-  void clear() noexcept {
-    slots_.clear();
-    hashes_.clear();
+  HashIndex() = default;
+  HashIndex(const HashIndex& other) : table_(other.table_ ? std::make_unique<Table>(*other.table_) : nullptr) {}
+  HashIndex& operator=(const HashIndex& other) {
+    table_ = other.table_ ? std::make_unique<Table>(*other.table_) : nullptr;
+    return *this;
   }
 
-  // Position of the member equal to key, or -1. keyAt(i) gives the member at position i.
-  template <class KeyAt>
-  ptrdiff_t find(const Value& key, size_t hash, KeyAt&& keyAt) const {
-    const size_t mask = slots_.size() - 1;
+  bool active() const noexcept { return table_ != nullptr; }
+  void clear() noexcept { table_.reset(); }
+
+  // Position of the member with this hash for which matches(position) holds, or -1.
+  template <class Matches>
+  ptrdiff_t find(size_t hash, Matches&& matches) const {
+    const std::vector<uint32_t>& slots = table_->slots;
+    const size_t mask = slots.size() - 1;
     for (size_t i = hash & mask;; i = (i + 1) & mask) {
-      const uint32_t slot = slots_[i];
+      const uint32_t slot = slots[i];
       if (slot == 0) return -1;
-      if (hashes_[slot - 1] == hash && keyAt(slot - 1) == key) return static_cast<ptrdiff_t>(slot - 1);
-    }
-  }
-
-  // Records the member just appended at position hashes_.size().
-  void append(size_t hash) {
-    hashes_.push_back(hash);
-    if (hashes_.size() * 2 > slots_.size()) {
-      resize(slots_.size() * 2);
-    } else {
-      place(hashes_.size() - 1);
+      if (table_->hashes[slot - 1] == hash && matches(slot - 1)) return static_cast<ptrdiff_t>(slot - 1);
     }
   }
 
   // Starts an empty index sized for `expected` members, for containers built in one go.
   void start(size_t expected) {
-    hashes_.clear();
-    hashes_.reserve(expected);
-    size_t size = 16;
-    while (size < expected * 2) size *= 2;
-    resize(size);
+    table_ = std::make_unique<Table>();
+    table_->hashes.reserve(expected);
+    resize(tableSizeFor(expected));
   }
 
-  // Indexes positions 0 ... n-1 from scratch.
-  template <class KeyAt>
-  void rebuild(size_t n, KeyAt&& keyAt) {
-    hashes_.clear();
-    hashes_.reserve(n);
-    for (size_t i = 0; i < n; ++i) hashes_.push_back(keyAt(i).hash());
-    size_t size = 16;
-    while (size < n * 2) size *= 2;
-    resize(size);
+  // Records the member just appended at the next position.
+  void append(size_t hash) {
+    table_->hashes.push_back(hash);
+    if (table_->hashes.size() * 2 > table_->slots.size()) {
+      resize(table_->slots.size() * 2);
+    } else {
+      place(table_->hashes.size() - 1);
+    }
+  }
+
+  // Indexes positions 0 ... n-1 from scratch; hashOf(i) gives the hash of member i.
+  template <class HashOf>
+  void rebuild(size_t n, HashOf&& hashOf) {
+    table_ = std::make_unique<Table>();
+    table_->hashes.reserve(n);
+    for (size_t i = 0; i < n; ++i) table_->hashes.push_back(hashOf(i));
+    resize(tableSizeFor(n));
   }
 
  private:
+  struct Table {
+    std::vector<uint32_t> slots;  // 0 = empty, else position + 1
+    std::vector<size_t> hashes;   // hash of the member at each position
+  };
+
+  static size_t tableSizeFor(size_t n) {
+    size_t size = 16;
+    while (size < n * 2) size *= 2;
+    return size;
+  }
   void resize(size_t size) {
-    slots_.assign(size, 0);
-    for (size_t i = 0; i < hashes_.size(); ++i) place(i);
+    table_->slots.assign(size, 0);
+    for (size_t i = 0; i < table_->hashes.size(); ++i) place(i);
   }
   void place(size_t position) {
-    const size_t mask = slots_.size() - 1;
-    size_t i = hashes_[position] & mask;
-    while (slots_[i] != 0) i = (i + 1) & mask;
-    slots_[i] = static_cast<uint32_t>(position + 1);
+    std::vector<uint32_t>& slots = table_->slots;
+    const size_t mask = slots.size() - 1;
+    size_t i = table_->hashes[position] & mask;
+    while (slots[i] != 0) i = (i + 1) & mask;
+    slots[i] = static_cast<uint32_t>(position + 1);
   }
 
-  std::vector<uint32_t> slots_;  // 0 = empty, else position + 1
-  std::vector<size_t> hashes_;   // hash of the member at each position
+  std::unique_ptr<Table> table_;
 };
 
 // Arrays, sets and ordered sets. Sets and ordered sets keep their members distinct.
@@ -122,7 +139,7 @@ class ElementsNode final : public ValueNode {
 
   ptrdiff_t find(const Value& v) const;
   // Appends v unless a set already holds it; returns whether it was added.
-  bool add(const Value& v);
+  bool add(Value v);
   void reindex();
 
   std::vector<Value> items;
@@ -135,8 +152,9 @@ class DictionaryNode final : public ValueNode {
   explicit DictionaryNode(bool isMutable) : ValueNode(isMutable) {}
 
   ptrdiff_t find(const Value& key) const;
+  ptrdiff_t findString(std::string_view key) const;
   // Replaces the value of an existing key in place, or appends the entry.
-  void put(const Value& key, const Value& value);
+  void put(Value key, Value value);
   bool erase(const Value& key);
   void reindex();
 

@@ -260,8 +260,10 @@ class Value {
   std::vector<Value> keys() const;
   // The value for a key, nil when absent or when this is not a dictionary.
   const Value& get(const Value& key) const;
-  const Value& operator[](std::string_view key) const { return get(Value(key)); }
-  const Value& operator[](const char* key) const { return get(Value(key)); }
+  // The value for a string key, without making a string value for the lookup.
+  const Value& lookup(std::string_view key) const noexcept;
+  const Value& operator[](std::string_view key) const noexcept { return lookup(key); }
+  const Value& operator[](const char* key) const noexcept { return lookup(key); }
 
   // Mutation of mutable nodes. Each throws Exception("NSInternalInconsistencyException") when
   // the node is immutable and Exception("NSInvalidArgumentException") when it is not a kind
@@ -324,6 +326,72 @@ class Value {
   };
   friend struct ValueAccess;
 };
+
+// The handle operations run millions of times when a file is read; keep them inline.
+inline void detail::Node::retain() const noexcept { refs_.fetch_add(1, std::memory_order_relaxed); }
+
+inline void detail::Node::release() const noexcept {
+  if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+}
+
+inline uint32_t detail::Node::refCount() const noexcept { return refs_.load(std::memory_order_relaxed); }
+
+inline Value::Value(const Value& other) noexcept : kind_(other.kind_), numberKind_(other.numberKind_) {
+  if (other.holdsNode()) {
+    node_ = other.node_;
+    node_->retain();
+  } else {
+    scalar_ = other.scalar_;
+  }
+}
+
+inline Value::Value(Value&& other) noexcept : kind_(other.kind_), numberKind_(other.numberKind_) {
+  if (other.holdsNode()) {
+    node_ = other.node_;
+  } else {
+    scalar_ = other.scalar_;
+  }
+  other.kind_ = ValueKind::Nil;
+  other.numberKind_ = NumberKind::Unknown;
+  other.node_ = nullptr;
+}
+
+inline Value& Value::operator=(const Value& other) noexcept {
+  Value copy(other);
+  *this = std::move(copy);
+  return *this;
+}
+
+inline Value& Value::operator=(Value&& other) noexcept {
+  if (this == &other) return *this;
+  // Take other's content before releasing our node: other may live inside that node.
+  const ValueKind kind = other.kind_;
+  const NumberKind numberKind = other.numberKind_;
+  Scalar scalar{};
+  detail::Node* node = nullptr;
+  if (other.holdsNode()) {
+    node = other.node_;
+  } else {
+    scalar = other.scalar_;
+  }
+  other.kind_ = ValueKind::Nil;
+  other.numberKind_ = NumberKind::Unknown;
+  other.node_ = nullptr;
+  detail::Node* old = holdsNode() ? node_ : nullptr;
+  kind_ = kind;
+  numberKind_ = numberKind;
+  if (node != nullptr) {
+    node_ = node;
+  } else {
+    scalar_ = scalar;
+  }
+  if (old != nullptr) old->release();
+  return *this;
+}
+
+inline Value::~Value() {
+  if (holdsNode()) node_->release();
+}
 
 struct ValueHash {
   size_t operator()(const Value& v) const noexcept { return v.hash(); }
