@@ -1,7 +1,8 @@
 // Property lists to and from corvane::Value: XML and binary in, XML out.
 //
 // Kinds map one to one: dictionary (string keys), array, string, integer (a long-long number),
-// real (a double), boolean, date (seconds since 2001, microsecond precision) and data. Other
+// real (a double), boolean, date (seconds since 2001; the XML form keeps whole seconds, a
+// binary list microseconds) and data. Other
 // Value kinds have no property-list form and make writing fail.
 //
 // Threads: all functions are reentrant.
