@@ -287,13 +287,19 @@ int compareValues(const Value& a, const Value& b) {
     case ValueKind::Date: return compareDoubles(a.dateValue(), b.dateValue());
     case ValueKind::URL: return compareBytes(a.urlAbsoluteString(), b.urlAbsoluteString());
     case ValueKind::Array:
-    case ValueKind::OrderedSet:
+    case ValueKind::OrderedSet: {
+      PairGuard guard(a.identity(), b.identity());
+      if (guard.seen()) return 0;
+      return compareSequences(a.elements(), b.elements());
+    }
     case ValueKind::Set: {
+      if (a == b) return 0;  // equal sets in another order must still compare equal
       PairGuard guard(a.identity(), b.identity());
       if (guard.seen()) return 0;
       return compareSequences(a.elements(), b.elements());
     }
     case ValueKind::Dictionary: {
+      if (a == b) return 0;
       PairGuard guard(a.identity(), b.identity());
       if (guard.seen()) return 0;
       const auto& x = a.entries();

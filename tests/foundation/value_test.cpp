@@ -470,6 +470,8 @@ TEST(ValueCompareTest, OrdersByKindThenValue) {
   EXPECT_LT(Value::compare(Value(), Value(0)), 0);  // nil first
   EXPECT_LT(Value::compare(Value(99), Value("1")), 0);  // numbers before strings
   EXPECT_LT(Value::compare(arr({1, 2}), arr({1, 3})), 0);
+  EXPECT_EQ(Value::compare(Value::set({1, 2}), Value::set({2, 1})), 0);
+  EXPECT_EQ(Value::compare(dict({{"a", 1}, {"b", 2}}), dict({{"b", 2}, {"a", 1}})), 0);
 
   std::vector<Value> mixed{"b", 2, Value(), 1.5, "a", true};
   std::sort(mixed.begin(), mixed.end(), [](const Value& x, const Value& y) { return Value::compare(x, y) < 0; });
