@@ -28,6 +28,30 @@ using detail::ValueNode;
 namespace detail {
 
 namespace {
+// Trivially destructible on purpose: values in static storage die after the thread's
+// thread-local objects, and may still free nodes then.
+constexpr size_t kPendingCapacity = 1024;
+thread_local const Node* tlPending[kPendingCapacity];
+thread_local size_t tlPendingCount = 0;
+thread_local bool tlDraining = false;
+}  // namespace
+
+void Node::destroy(const Node* node) noexcept {
+  if (tlDraining && tlPendingCount < kPendingCapacity) {
+    tlPending[tlPendingCount++] = node;
+    return;
+  }
+  if (tlDraining) {  // queue full: fall back to plain recursion for this one
+    delete node;
+    return;
+  }
+  tlDraining = true;
+  delete node;
+  while (tlPendingCount > 0) delete tlPending[--tlPendingCount];
+  tlDraining = false;
+}
+
+namespace {
 // Most keys and members are strings: compare those without the general equality's dispatch.
 inline bool sameMember(const Value& stored, const Value& probe) {
   if (stored.isString() && probe.isString()) {

@@ -345,6 +345,15 @@ TEST(ValueCycleTest, SelfContainingContainersTerminate) {
   d.removeAllObjects();
 }
 
+TEST(ValueCycleTest, DeeplyNestedValuesFreeWithoutDeepRecursion) {
+  // So many levels would overflow the stack if each level's destructor called the next.
+  Value chain = arr({});
+  for (int i = 0; i < 300000; ++i) chain = arr({chain, i});
+  EXPECT_EQ(chain.at(1), Value(299999));
+  chain = Value();
+  EXPECT_TRUE(chain.isNil());
+}
+
 TEST(ValueDescriptionTest, OldStylePropertyListForm) {
   const Value v = dict({{"name", "Ann Lee"},
                         {"age", 42},

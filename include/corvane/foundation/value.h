@@ -104,6 +104,11 @@ class Node {
   uint32_t refCount() const noexcept;
 
  private:
+  // Deletes a node whose last reference went away. Nodes freed while another is being
+  // deleted wait in a per-thread queue, so that freeing a long chain of nested values does
+  // not recurse once per level.
+  static void destroy(const Node* node) noexcept;
+
   mutable std::atomic_uint32_t refs_{0};
 };
 }  // namespace detail
@@ -331,7 +336,7 @@ class Value {
 inline void detail::Node::retain() const noexcept { refs_.fetch_add(1, std::memory_order_relaxed); }
 
 inline void detail::Node::release() const noexcept {
-  if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+  if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) destroy(this);
 }
 
 inline uint32_t detail::Node::refCount() const noexcept { return refs_.load(std::memory_order_relaxed); }
