@@ -123,17 +123,7 @@ bool RunLoop::Token::isPending() const {
 
 RunLoop::RunLoop(Env* env) : impl_(std::make_shared<Impl>(env)) {}
 
-RunLoop::~RunLoop() {
-  // Pending work is destroyed here, outside any lock.
-  std::deque<Task> posted;
-  std::map<Impl::TimerKey, Task> timers;
-  {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
-    posted.swap(impl_->posted);
-    timers.swap(impl_->timers);
-    impl_->deadlines.clear();
-  }
-}
+RunLoop::~RunLoop() { discardPendingWork(); }
 
 RunLoop& RunLoop::main() {
   static RunLoop* loop = [] {
@@ -286,6 +276,19 @@ void RunLoop::wakeUp() {
     impl_->cv.notify_all();
   }
   impl_->signalFd();
+}
+
+size_t RunLoop::discardPendingWork() {
+  std::deque<Task> posted;
+  std::map<Impl::TimerKey, Task> timers;
+  {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    posted.swap(impl_->posted);
+    timers.swap(impl_->timers);
+    impl_->deadlines.clear();
+  }
+  impl_->drainFd();
+  return posted.size() + timers.size();  // destroyed here, outside the lock
 }
 
 bool RunLoop::isMainThread() const { return impl_->owner.load() == std::this_thread::get_id(); }

@@ -176,5 +176,22 @@ TEST(RunLoop, MainThreadIsTheThreadThatDrivesTheLoop) {
   EXPECT_EQ(&RunLoop::main(), &RunLoop::main());
 }
 
+TEST(RunLoop, ScopedEnvSwapsTheClockAndDiscardsLeftovers) {
+  RunLoop loop;
+  Env* real = loop.env();
+  bool ran = false;
+  {
+    ManualClockEnv env;
+    ScopedRunLoopEnv clock(loop, &env);
+    EXPECT_EQ(loop.env(), &env);
+    loop.postAfter(60, [&] { ran = true; });
+    loop.post([&] { ran = true; });
+  }
+  EXPECT_EQ(loop.env(), real);
+  EXPECT_EQ(loop.runOnce(), 0u);
+  EXPECT_FALSE(ran);
+  EXPECT_FALSE(loop.secondsUntilNextTimer());
+}
+
 }  // namespace
 }  // namespace corvane

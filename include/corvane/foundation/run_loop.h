@@ -80,6 +80,9 @@ class RunLoop {
   void runFor(double seconds);
   // Wakes a waiting run() so that it looks at the clock again (after a fake clock moved).
   void wakeUp();
+  // Drops every posted task and timer without running them; returns how many. Tests call it
+  // on RunLoop::main() so that work left by one test never runs in the next.
+  size_t discardPendingWork();
 
   bool isMainThread() const;
   bool hasPendingWork() const;  // posted work waiting, or a timer that is due
@@ -93,6 +96,29 @@ class RunLoop {
  private:
   struct Impl;
   std::shared_ptr<Impl> impl_;
+};
+
+// Points a loop at another clock for a scope, then back: a test that drives the library's
+// timers on RunLoop::main() with a ManualClockEnv writes
+//   ManualClockEnv env;  ScopedRunLoopEnv clock(RunLoop::main(), &env);
+// On leaving the scope the loop's pending work is discarded (it may refer to the test's
+// objects) and the previous clock is restored.
+class ScopedRunLoopEnv {
+ public:
+  ScopedRunLoopEnv(RunLoop& loop, Env* env) : loop_(loop), previous_(loop.env()) {
+    loop_.discardPendingWork();
+    loop_.setEnv(env);
+  }
+  ~ScopedRunLoopEnv() {
+    loop_.discardPendingWork();
+    loop_.setEnv(previous_);
+  }
+  ScopedRunLoopEnv(const ScopedRunLoopEnv&) = delete;
+  ScopedRunLoopEnv& operator=(const ScopedRunLoopEnv&) = delete;
+
+ private:
+  RunLoop& loop_;
+  Env* previous_;
 };
 
 }  // namespace corvane
