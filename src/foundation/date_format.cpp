@@ -211,60 +211,35 @@ std::string DateFormatter::format(double date) const {
 }
 
 std::optional<double> DateFormatter::parse(std::string_view text) const {
-  int64_t year = 1970;
-  int month = 1, day = 1, hour = 0, minute = 0, second = 0, millis = 0;
+  int year = 1970, month = 1, day = 1, hour = 0, minute = 0, second = 0, millis = 0;
   std::optional<int> offset;
   size_t pos = 0;
   for (const Field& f : fields_) {
-    std::optional<int> v;
-    switch (f.letter) {
-      case 0:
-        if (text.substr(pos, f.literal.size()) != f.literal) return std::nullopt;
-        pos += f.literal.size();
-        continue;
-      case 'y':
-        if (!(v = readDigits(text, &pos, 4, 4))) return std::nullopt;
-        year = *v;
-        continue;
-      case 'M':
-        if (f.count == 3) {
-          bool found = false;
-          for (int i = 0; i < 12 && !found; ++i) {
-            if (text.substr(pos, 3) == kMonthNames[i]) {
-              month = i + 1;
-              pos += 3;
-              found = true;
-            }
-          }
-          if (!found) return std::nullopt;
-        } else {
-          if (!(v = readDigits(text, &pos, 2, 2))) return std::nullopt;
-          month = *v;
-        }
-        continue;
-      case 'd':
-        if (!(v = readDigits(text, &pos, f.count, 2))) return std::nullopt;
-        day = *v;
-        continue;
-      case 'H':
-        if (!(v = readDigits(text, &pos, 2, 2))) return std::nullopt;
-        hour = *v;
-        continue;
-      case 'm':
-        if (!(v = readDigits(text, &pos, 2, 2))) return std::nullopt;
-        minute = *v;
-        continue;
-      case 's':
-        if (!(v = readDigits(text, &pos, 2, 2))) return std::nullopt;
-        second = *v;
-        continue;
-      case 'S':
-        if (!(v = readDigits(text, &pos, 3, 3))) return std::nullopt;
-        millis = *v;
-        continue;
-      case 'Z':
-        if (!(offset = readOffset(text, &pos))) return std::nullopt;
-        continue;
+    if (f.letter == 0) {
+      if (text.substr(pos, f.literal.size()) != f.literal) return std::nullopt;
+      pos += f.literal.size();
+    } else if (f.letter == 'Z') {
+      if (!(offset = readOffset(text, &pos))) return std::nullopt;
+    } else if (f.letter == 'M' && f.count == 3) {
+      int found = 0;
+      for (int i = 0; i < 12 && found == 0; ++i) {
+        if (text.substr(pos, 3) == kMonthNames[i]) found = i + 1;
+      }
+      if (found == 0) return std::nullopt;
+      month = found;
+      pos += 3;
+    } else {
+      // Numbers have as many digits as letters, except "d", which takes one or two.
+      int* target = f.letter == 'y'   ? &year
+                    : f.letter == 'M' ? &month
+                    : f.letter == 'd' ? &day
+                    : f.letter == 'H' ? &hour
+                    : f.letter == 'm' ? &minute
+                    : f.letter == 's' ? &second
+                                      : &millis;
+      auto v = readDigits(text, &pos, f.count, f.letter == 'd' ? 2 : f.count);
+      if (!v) return std::nullopt;
+      *target = *v;
     }
   }
   if (pos != text.size()) return std::nullopt;
