@@ -1,0 +1,342 @@
+#include "corvane/cache/cache_collection.h"
+
+#include <unordered_set>
+
+#include "corvane/cache/cache_store_services.h"
+#include "corvane/coding/fast_coder.h"
+#include "corvane/foundation/env.h"
+#include "corvane/foundation/error.h"
+
+namespace corvane {
+
+namespace {
+
+void requireKind(const Value& root, ValueKind kind, const char* what) {
+  if (root.kind() != kind) {
+    throw Exception("NSInvalidArgumentException", std::string("the file does not hold ") + what);
+  }
+}
+
+// True when nobody but the collection holds the node, so it may be changed in place.
+bool isUnshared(const Value& v) {
+  const auto* node = static_cast<const detail::Node*>(v.identity());
+  return node != nullptr && node->refCount() == 1;
+}
+
+// The members of `collection` (an array, set or ordered set), for removing many in one pass.
+std::unordered_set<Value, ValueHash> membersOf(const Value& collection) {
+  return std::unordered_set<Value, ValueHash>(collection.elements().begin(), collection.elements().end());
+}
+
+}  // namespace
+
+// ---- Base ------------------------------------------------------------------------------------
+
+CorvaneCacheCollection::CorvaneCacheCollection(CorvaneCacheStoreServices* store, std::string url)
+    : store_(store), url_(std::move(url)) {}
+
+CorvaneCacheCollection::~CorvaneCacheCollection() = default;
+
+Value CorvaneCacheCollection::loadTransformer(const Value& root) const { return root; }
+Value CorvaneCacheCollection::saveTransformer(const Value& content) const { return content; }
+
+void CorvaneCacheCollection::loadIfNeeded() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  if (!content_.isNil()) return;
+  CorvaneCacheItem::registerClass();
+  Bytes bytes;
+  Env* env = store_->env();
+  if (!url_.empty() && env->readFile(filePath(), &bytes, nullptr)) {
+    try {
+      // A block that cannot be deciphered decodes as nothing, like an empty file.
+      std::optional<Bytes> plain = store_->decrypt(bytes);
+      Value root = plain ? FastCoder::objectWithData(*plain) : Value();
+      if (root.isNil()) {
+        handleCorruption("FastCoder returned nil");
+      } else {
+        content_ = loadTransformer(root);
+      }
+    } catch (const Exception& e) {
+      handleCorruption(e.reason());
+    }
+  }
+  if (content_.isNil()) initContent();
+}
+
+std::optional<Bytes> CorvaneCacheCollection::encodedContent() {
+  std::optional<Bytes> bytes = FastCoder::dataWithRootObject(saveTransformer(content_));
+  if (!bytes) return std::nullopt;
+  return store_->encrypt(*bytes);
+}
+
+void CorvaneCacheCollection::saveIfNeeded() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  if (!invalid_ || url_.empty()) return;  // a cache without a folder keeps its changes in memory
+  Env* env = store_->env();
+  std::optional<Bytes> bytes;
+  try {
+    bytes = encodedContent();
+  } catch (const Exception&) {
+    bytes.reset();  // a value the writer cannot encode: treated as a failed write
+  }
+  if (bytes && env->writeFileAtomically(filePath(), *bytes, nullptr)) {
+    invalid_ = false;
+  } else {
+    // Never leave a stale file behind that a later run would read as current.
+    env->removeItem(filePath(), nullptr);
+  }
+}
+
+void CorvaneCacheCollection::saveInBundle() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  std::optional<Bytes> bytes;
+  try {
+    bytes = encodedContent();
+  } catch (const Exception&) {
+    return;
+  }
+  if (!bytes || url_.empty()) return;
+  std::string target = pathJoin(store_->cacheURL(), pathLastComponent(url_)) + ".fast";
+  store_->env()->writeFileAtomically(target, *bytes, nullptr);
+}
+
+void CorvaneCacheCollection::invalidate() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  invalid_ = true;
+}
+
+void CorvaneCacheCollection::removeFile() {
+  // The path without the extension: the ".fast" file that failed stays, to be overwritten by
+  // the next save (the collection is marked dirty right after this).
+  if (!url_.empty()) store_->env()->removeItem(url_, nullptr);
+}
+
+void CorvaneCacheCollection::initContent() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  content_ = emptyContent();
+}
+
+void CorvaneCacheCollection::handleCorruption(const std::string& message) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  store_->log("Cache corruption detected in " + pathLastComponent(url_) + ": " + message, kCorvaneLogTypeError);
+  removeFile();
+  initContent();
+  invalid_ = true;
+  corruptionDetected_ = true;
+}
+
+bool CorvaneCacheCollection::isLoaded() const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return !content_.isNil();
+}
+
+bool CorvaneCacheCollection::invalid() const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return invalid_;
+}
+
+bool CorvaneCacheCollection::fromBundle() const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return fromBundle_;
+}
+
+void CorvaneCacheCollection::setFromBundle(bool fromBundle) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  fromBundle_ = fromBundle;
+}
+
+bool CorvaneCacheCollection::corruptionDetected() const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return corruptionDetected_;
+}
+
+size_t CorvaneCacheCollection::count() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  return content_.count();
+}
+
+// ---- Dictionary ------------------------------------------------------------------------------
+
+std::shared_ptr<CorvaneCacheDictionary> CorvaneCacheDictionary::dictionaryWithStore(CorvaneCacheStoreServices* store,
+                                                                                   std::string url) {
+  return std::shared_ptr<CorvaneCacheDictionary>(new CorvaneCacheDictionary(store, std::move(url)));
+}
+
+Value CorvaneCacheDictionary::loadTransformer(const Value& root) const {
+  requireKind(root, ValueKind::Dictionary, "a dictionary");
+  // The reader's fresh mutable dictionary is nobody else's; copying it would only cost time.
+  return root.isMutable() && isUnshared(root) ? root : root.mutableCopy();
+}
+
+Value CorvaneCacheDictionary::emptyContent() const { return Value::mutableDictionary(); }
+
+Value CorvaneCacheDictionary::content() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  return content_;
+}
+
+Value CorvaneCacheDictionary::valueForKey(const Value& key) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  return content_.get(key);
+}
+
+CorvaneCacheItemPtr CorvaneCacheDictionary::itemForKey(std::string_view uid) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  return CorvaneCacheItemPtr::fromValue(content_.lookup(uid));
+}
+
+Value& CorvaneCacheDictionary::writableContent() {
+  if (!isUnshared(content_)) content_ = content_.mutableCopy();
+  return content_;
+}
+
+void CorvaneCacheDictionary::setValue(const Value& value, const Value& key) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  writableContent().set(key.copy(), value);
+  invalid_ = true;
+}
+
+void CorvaneCacheDictionary::removeObjectForKey(const Value& key) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  writableContent().remove(key);
+  invalid_ = true;
+}
+
+// ---- Array -----------------------------------------------------------------------------------
+
+std::shared_ptr<CorvaneCacheArray> CorvaneCacheArray::arrayWithStore(CorvaneCacheStoreServices* store,
+                                                                     std::string url) {
+  return std::shared_ptr<CorvaneCacheArray>(new CorvaneCacheArray(store, std::move(url)));
+}
+
+Value CorvaneCacheArray::loadTransformer(const Value& root) const {
+  requireKind(root, ValueKind::Array, "an array");
+  return root.isMutable() && isUnshared(root) ? root : root.mutableCopy();
+}
+
+Value CorvaneCacheArray::emptyContent() const { return Value::mutableArray(); }
+
+Value CorvaneCacheArray::content() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  return content_.copy();
+}
+
+void CorvaneCacheArray::setContent(const Value& array) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  content_ = array.isCollection() ? Value::mutableArray(array.elements()) : Value::mutableArray();
+  invalid_ = true;
+}
+
+void CorvaneCacheArray::addObject(const Value& object) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  content_.append(object);
+  invalid_ = true;
+}
+
+void CorvaneCacheArray::addObjects(const Value& array) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  for (const Value& v : array.elements()) content_.append(v);
+  invalid_ = true;
+}
+
+void CorvaneCacheArray::removeObject(const Value& object) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  content_.remove(object);
+  invalid_ = true;
+}
+
+void CorvaneCacheArray::removeObjects(const Value& collection) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  auto gone = membersOf(collection);
+  std::vector<Value> kept;
+  kept.reserve(content_.count());
+  for (const Value& v : content_.elements()) {
+    if (!gone.contains(v)) kept.push_back(v);
+  }
+  content_ = Value::mutableArray(std::move(kept));
+  invalid_ = true;
+}
+
+// ---- Set -------------------------------------------------------------------------------------
+
+std::shared_ptr<CorvaneCacheSet> CorvaneCacheSet::setWithStore(CorvaneCacheStoreServices* store, std::string url) {
+  return std::shared_ptr<CorvaneCacheSet>(new CorvaneCacheSet(store, std::move(url)));
+}
+
+Value CorvaneCacheSet::loadTransformer(const Value& root) const {
+  requireKind(root, ValueKind::Array, "an array");
+  return Value::mutableSet(root.elements());
+}
+
+Value CorvaneCacheSet::saveTransformer(const Value& content) const { return Value::array(content.elements()); }
+
+Value CorvaneCacheSet::emptyContent() const { return Value::mutableSet(); }
+
+Value CorvaneCacheSet::content() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  return content_.copy();
+}
+
+void CorvaneCacheSet::setContent(const Value& collection) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  content_ = Value::mutableSet(collection.elements());
+  invalid_ = true;
+}
+
+void CorvaneCacheSet::addObject(const Value& object) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  if (!object.isNil()) content_.append(object);
+  invalid_ = true;
+}
+
+void CorvaneCacheSet::addObjects(const Value& collection) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  for (const Value& v : collection.elements()) {
+    if (!v.isNil()) content_.append(v);
+  }
+  invalid_ = true;
+}
+
+void CorvaneCacheSet::removeObject(const Value& object) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  content_.remove(object);
+  invalid_ = true;
+}
+
+void CorvaneCacheSet::removeObjects(const Value& collection) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  // One pass over the members: removing them one by one re-indexes the whole set each time.
+  auto gone = membersOf(collection);
+  std::vector<Value> kept;
+  kept.reserve(content_.count());
+  for (const Value& v : content_.elements()) {
+    if (!gone.contains(v)) kept.push_back(v);
+  }
+  content_ = Value::mutableSet(std::move(kept));
+  invalid_ = true;
+}
+
+bool CorvaneCacheSet::containsObject(const Value& object) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  loadIfNeeded();
+  return content_.contains(object);
+}
+
+}  // namespace corvane

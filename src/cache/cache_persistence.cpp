@@ -1,0 +1,168 @@
+// CorvaneCache: writing the cache files, loading an entity's tables, the background filling and
+// the check of the cached change log.
+#include <algorithm>
+#include <thread>
+
+#include "cache/cache_internal.h"
+#include "cache/index_operations.h"
+#include "corvane/cache/cache.h"
+#include "corvane/cache/cache_store_services.h"
+#include "corvane/foundation/application_info.h"
+#include "corvane/foundation/env.h"
+#include "corvane/graph/object_model.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr const char* kTableCharacters = "0123456789ABCDEF";
+
+}  // namespace
+
+// ---- Saving --------------------------------------------------------------------------------
+
+void CorvaneCache::save() {
+  const std::string folder = URL();
+  if (!folder.empty()) store_->env()->createDirectory(folder, true, nullptr);
+  std::vector<std::shared_ptr<CorvaneCacheCollection>> tables;
+  std::shared_ptr<CorvaneCacheArray> log;
+  {
+    // The lock is held for the snapshot only; each file is written under its own lock, so
+    // objects of other tables can be read and changed meanwhile.
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    for (const auto& entry : entities_) tables.push_back(entry.second);
+    for (const auto& entry : uids_) tables.push_back(entry.second);
+    log = changeLog_;
+  }
+  // Package copies queued by saveInBundle() finish first, so both never write at once.
+  saveQueue_.waitUntilAllOperationsAreFinished();
+  for (const auto& table : tables) table->saveIfNeeded();
+  if (log) log->saveIfNeeded();
+  terminated_ = true;
+}
+
+void CorvaneCache::saveInBundle() {
+  store_->env()->createDirectory(store_->cacheURL(), true, nullptr);
+  std::vector<std::shared_ptr<CorvaneCacheCollection>> tables;
+  std::shared_ptr<CorvaneCacheArray> log;
+  {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    for (const auto& entry : entities_) tables.push_back(entry.second);
+    for (const auto& entry : uids_) tables.push_back(entry.second);
+    log = changeLog_;
+  }
+  for (const auto& table : tables) {
+    saveQueue_.addOperationWithBlock([table] { table->saveInBundle(); });
+  }
+  if (log) log->saveInBundle();
+}
+
+// ---- Loading -------------------------------------------------------------------------------
+
+void CorvaneCache::loadCachesForEntity(const EntityDescription& entity) {
+  bool corrupt = false;
+  {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    for (const char* c = kTableCharacters; *c != '\0'; ++c) {
+      const std::string key = entity.name() + "_" + *c;
+      if (entities_.contains(key)) continue;
+      auto table = CorvaneCacheDictionary::dictionaryWithStore(store_, URLForKey(key));
+      table->loadIfNeeded();
+      corrupt = corrupt || table->corruptionDetected();
+      entities_.emplace(key, std::move(table));
+    }
+  }
+  if (corrupt) {
+    store_->log("Cache corruption detected during entity loading - recommend cache rebuild", kCorvaneLogTypeWarning);
+  }
+}
+
+// ---- Background filling ----------------------------------------------------------------------
+
+void CorvaneCache::cacheMissingItems() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  if ((indexQueue_ && indexQueue_->operationCount() > 0) || cachedMissingItems_) return;
+  progress_->done = 0;
+  progress_->total = 0;
+  indexQueue_ = std::make_unique<OperationQueue>(std::string(kFrameworkBundleIdentifier) + ".IndexQueue");
+  const int processors = static_cast<int>(std::thread::hardware_concurrency());
+  indexQueue_->setMaxConcurrentOperationCount(std::max(processors / 2, 2));
+  indexQueue_->setPriority(QueuePriority::VeryLow);
+  for (const EntityDescription* entity : store_->entities()) {
+    if (entity == nullptr || entity->isAbstract()) continue;
+    auto operation = std::make_shared<CorvaneIndexOperation>(entity, this, indexQueue_.get());
+    operation->setQueuePriority(QueuePriority::VeryLow);
+    indexQueue_->addOperation(std::move(operation));
+  }
+  cachedMissingItems_ = true;
+}
+
+bool CorvaneCache::cachedMissingItems() const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return cachedMissingItems_;
+}
+
+OperationQueue* CorvaneCache::indexQueue() const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return indexQueue_.get();
+}
+
+int64_t CorvaneCache::itemsToIndex() const { return progress_->done.load(); }
+int64_t CorvaneCache::maxItemsToIndex() const { return progress_->total.load(); }
+
+void CorvaneCache::addToIndexProgress(int64_t done, int64_t total) {
+  mainLoop_->post([progress = progress_, done, total] {
+    progress->done += done;
+    progress->total += total;
+  });
+}
+
+void CorvaneIndexOperation::main() {
+  if (isCancelled() || cache_->isStopping()) return;
+  const Value uids = cache_->objectUIDsForEntity(*entity_);
+  for (const Value& uid : uids.elements()) {
+    if (!uid.isString()) continue;
+    auto load = std::make_shared<CorvaneIndexLoadOperation>(entity_, uid.str(), cache_);
+    load->setQueuePriority(QueuePriority::VeryLow);
+    queue_->addOperation(std::move(load));
+  }
+  cache_->addToIndexProgress(0, static_cast<int64_t>(uids.count()));
+}
+
+void CorvaneIndexLoadOperation::main() {
+  if (isCancelled() || cache_->isStopping()) return;
+  ObjectID objectID = cache_->store()->newObjectIDForEntity(entity_, Value(uid_));
+  if (objectID && !cache_->cacheItemForObjectID(objectID)) cache_->cacheItemForObjectID(objectID, nullptr);
+  cache_->addToIndexProgress(1, 0);
+}
+
+// ---- Checking the change log ---------------------------------------------------------------
+
+void CorvaneCache::checkAllFiles() {
+  queue_.async([weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->checkAllFilesNow();
+  });
+}
+
+void CorvaneCache::checkAllFilesNow() {
+  store_->log("Start checking Files", kCorvaneLogTypeSuccess);
+  // A fresh read of the file, not the log in memory: the check is about what is on disk.
+  const Value records = newChangeLogCollection()->content();
+  store_->setRecover(true);
+  int errors = 0;
+  if (records.empty()) {
+    store_->log("No change files found", kCorvaneLogTypeError);
+    ++errors;
+  }
+  for (const Value& record : records.elements()) {
+    if (store_->validatedChanges(record, false).isNil()) ++errors;
+  }
+  store_->setRecover(false);
+  if (errors == 0) {
+    store_->log("Finished checking Files: All fine", kCorvaneLogTypeSuccess);
+  } else {
+    store_->log("Finished checking Files: Found errors", kCorvaneLogTypeError);
+  }
+}
+
+}  // namespace corvane
