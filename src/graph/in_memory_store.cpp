@@ -254,7 +254,8 @@ std::optional<Value> InMemoryStore::executeSave(const SaveChangesRequest& reques
       return std::nullopt;
     }
     const EntityDescription& entity = o->entity();
-    for (const auto& [key, value] : o->changedValues().entries()) {
+    Value changed = o->changedValues();
+    for (const auto& [key, value] : changed.entries()) {
       int i = entity.propertyIndex(key.str());
       if (i >= 0) record->values[static_cast<size_t>(i)] = storedForm(value, entity.properties()[static_cast<size_t>(i)]);
     }

@@ -250,6 +250,7 @@ bool compareOne(Op op, const Value& l, const Value& r, const Options& o) {
 
 struct Operand {
   enum class Kind { Constant, KeyPath, Aggregate } kind = Kind::Constant;
+  bool aggregate = false;  // written as {...} (a folded constant keeps this)
   Value constant;
   std::string path;
   std::vector<Operand> items;
@@ -488,7 +489,7 @@ class Parser {
     c->op = parseOperator();
     parseModifiers(&c->options);
     c->rhs = parseOperand(depth + 1);
-    if (c->op == Op::Between && c->rhs.kind == Operand::Kind::Aggregate && c->rhs.items.size() != 2) {
+    if (c->op == Op::Between && c->rhs.aggregate && c->rhs.items.size() != 2) {
       fail("BETWEEN needs two values");
     }
     return [c](const Object& o) { return c->evaluate(o); };
@@ -569,13 +570,14 @@ class Parser {
     char c = s_[pos_];
     if (c == '%') {
       if (s_.substr(pos_, 2) == "%@") {
+        const Value& argument = nextArgument();
         pos_ += 2;
-        return constant(nextArgument());
+        return constant(argument);
       }
       if (s_.substr(pos_, 2) == "%K") {
-        pos_ += 2;
         const Value& key = nextArgument();
         if (!key.isString() || key.str().empty()) fail("the argument for %K must be a key path");
+        pos_ += 2;
         return keyPathOperand(key.str());
       }
       fail("unknown placeholder");
@@ -689,6 +691,7 @@ class Parser {
     ++pos_;  // '{'
     Operand o;
     o.kind = Operand::Kind::Aggregate;
+    o.aggregate = true;
     if (acceptSymbol("}")) return o;
     for (;;) {
       if (o.items.size() > 100000) fail("too many values in an aggregate");
@@ -703,6 +706,7 @@ class Parser {
       std::vector<Value> values;
       for (auto& item : o.items) values.push_back(item.constant);
       Operand folded = constant(Value::array(std::move(values)));
+      folded.aggregate = true;
       folded.items = std::move(o.items);
       return folded;
     }

@@ -11,8 +11,11 @@ namespace corvane {
 SortDescriptor::SortDescriptor(std::string keyPath, bool ascending, bool caseInsensitive)
     : keyPath_(std::move(keyPath)), ascending_(ascending), caseInsensitive_(caseInsensitive) {}
 
-SortDescriptor::SortDescriptor(std::string keyPath, bool ascending, Comparator comparator)
-    : keyPath_(std::move(keyPath)), ascending_(ascending), caseInsensitive_(false), comparator_(std::move(comparator)) {}
+SortDescriptor SortDescriptor::withComparator(std::string keyPath, Comparator comparator, bool ascending) {
+  SortDescriptor d(std::move(keyPath), ascending);
+  d.comparator_ = std::move(comparator);
+  return d;
+}
 
 int SortDescriptor::compareByKind(const Value& a, const Value& b, bool caseInsensitive) {
   bool aNothing = a.isNil() || a.isNull(), bNothing = b.isNil() || b.isNull();

@@ -21,7 +21,8 @@ class SortDescriptor {
   using Comparator = std::function<int(const Value& a, const Value& b)>;
 
   explicit SortDescriptor(std::string keyPath, bool ascending = true, bool caseInsensitive = false);
-  SortDescriptor(std::string keyPath, bool ascending, Comparator comparator);
+  // Orders by `comparator` (ascending: as it answers) instead of by kind.
+  static SortDescriptor withComparator(std::string keyPath, Comparator comparator, bool ascending = true);
 
   const std::string& keyPath() const { return keyPath_; }
   bool ascending() const { return ascending_; }
