@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 #include "corvane/foundation/error.h"
@@ -107,7 +108,9 @@ ptrdiff_t DictionaryNode::find(const Value& key) const {
 ptrdiff_t DictionaryNode::findString(std::string_view key) const {
   auto matches = [&](size_t i) {
     const Value& k = entries[i].first;
-    return k.isString() && k.str() == key;
+    if (!k.isString()) return false;
+    const std::string& text = static_cast<const StringNode*>(ValueAccess::node(k))->text;
+    return text.size() == key.size() && std::memcmp(text.data(), key.data(), key.size()) == 0;
   };
   if (index.active()) return index.find(hashStringBytes(key), matches);
   for (size_t i = 0; i < entries.size(); ++i) {

@@ -117,12 +117,16 @@ int rank(ValueKind k) { return k == ValueKind::Decimal ? static_cast<int>(ValueK
 
 // Pairs of container nodes being compared further up the stack. Meeting a pair again means a
 // cycle; assuming it equal lets two structurally identical cyclic graphs compare equal and
-// makes the comparison terminate.
+// makes the comparison terminate. Real data is rarely deep, so the first levels are not
+// tracked at all: a cycle then unrolls a few times before it is caught.
+constexpr int kUntrackedDepth = 16;
+thread_local int tlDepth = 0;
 thread_local std::vector<std::pair<const void*, const void*>> tlActivePairs;
 
 class PairGuard {
  public:
   PairGuard(const void* a, const void* b) {
+    if (++tlDepth <= kUntrackedDepth) return;
     for (const auto& p : tlActivePairs) {
       if (p.first == a && p.second == b) {
         seen_ = true;
@@ -130,9 +134,11 @@ class PairGuard {
       }
     }
     tlActivePairs.emplace_back(a, b);
+    pushed_ = true;
   }
   ~PairGuard() {
-    if (!seen_) tlActivePairs.pop_back();
+    --tlDepth;
+    if (pushed_) tlActivePairs.pop_back();
   }
   PairGuard(const PairGuard&) = delete;
   PairGuard& operator=(const PairGuard&) = delete;
@@ -140,6 +146,7 @@ class PairGuard {
 
  private:
   bool seen_ = false;
+  bool pushed_ = false;
 };
 
 bool structuresEqual(const StructureNode* a, const StructureNode* b) {
@@ -363,6 +370,7 @@ bool operator==(const Value& a, const Value& b) {
       const bool unsignedB = isUnsignedKind(b.numberKind());
       const bool floatB = b.numberKind() == NumberKind::Float || b.numberKind() == NumberKind::Double;
       if (!floatA && !floatB && unsignedA == unsignedB) return ValueAccess::i(a) == ValueAccess::i(b);
+      if (floatA && floatB) return compareDoubles(ValueAccess::d(a), ValueAccess::d(b)) == 0;
       return compareNumbers(a, b) == 0;
     }
     case ValueKind::Decimal: return compareNumbers(a, b) == 0;
