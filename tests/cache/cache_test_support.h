@@ -206,6 +206,13 @@ class CountingEnv : public EnvWrapper {
     if (failWrites) return setError(error, Error(kPOSIXErrorDomain, 13, "refused by the test"));
     return EnvWrapper::writeFileAtomically(path, data, error);
   }
+  bool launchDetached(const std::string& executable, const std::vector<std::string>& arguments, Error*) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    launched.push_back(executable);
+    for (const auto& a : arguments) launched.push_back(a);
+    return true;
+  }
+  std::vector<std::string> launched;
   std::vector<std::string> written() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return written_;
