@@ -1,0 +1,433 @@
+// CorvaneStore — the persistent store of one Corvane document, registered as "CorvaneStore".
+//
+// A document is a package folder that a cloud-sync client mirrors between computers:
+//
+//   <pkg>/Info.plist    the info dictionary (identity, creating application, "Encryption")
+//   <pkg>/Entities/     <entity folder>/<UID>/<change name>.json object files, Data/ beside them
+//   <pkg>/Changes/      one change file per save, <change name>.json
+//   <pkg>/Cache/        a package-side copy of a cache
+//   <pkg>/Errors/       error records
+//
+// Every save adds files and changes none. The store answers fetches from this device's local
+// cache (CorvaneCache), turns each save into object files and one change file (CorvaneChange),
+// and brings the cache up to date with the change files of other devices by an update pass that
+// validates each of them first. With a "password" option every file the store writes is
+// encrypted and entity folder names are hashed.
+//
+//   CorvaneStore::registerStoreType();
+//   auto coordinator = std::make_shared<CorvanePersistentStoreCoordinator>(model);
+//   auto* store = coordinator->addPersistentStore(kCorvaneStoreType, "", "/path/Doc.corvane", options, &error);
+//
+// Opening runs the first update pass: the files the cache's change log lacks are applied on the
+// store's read queue and recorded on the main run loop, which the host must therefore drive
+// (kCorvaneReadyNotification tells when a pass is over). close() is what a document does before
+// it lets the store go: wait for the writes and save the cache.
+//
+// Threads. Requests arrive through the coordinator (under its lock) on the contexts' queues.
+// The update pass reads on the read queue ("<framework id>.ReadQueue"); the change log of the
+// cache, the store's log, the error level, context refreshes and notifications are changed and
+// posted on the main run loop. Object files are written in parallel on the save queue, each
+// change file after everything queued before it. Methods without a note may be called from any
+// thread.
+#pragma once
+
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "corvane/cache/cache_store_services.h"
+#include "corvane/foundation/date_format.h"
+#include "corvane/foundation/observable.h"
+#include "corvane/foundation/operation_queue.h"
+#include "corvane/foundation/run_loop.h"
+#include "corvane/foundation/serial_queue.h"
+#include "corvane/graph/persistent_store.h"
+#include "corvane/security/sea_crypto.h"
+#include "corvane/store/store_environment.h"
+#include "corvane/store/store_log.h"
+
+namespace corvane {
+
+class CorvaneCache;
+class CorvaneChange;
+class ManagedObject;
+class SaveChangesRequest;
+class UserDefaults;
+
+inline constexpr const char* kCorvaneStoreType = "CorvaneStore";
+// The store type identifier the store answers (its `identifier`).
+inline constexpr const char* kCorvaneStoreIdentifier = "Corvane";
+
+// ---- Store options ------------------------------------------------------------------------
+inline constexpr const char* kCorvanePasswordOption = "password";
+inline constexpr const char* kCorvaneCacheRootURLOption = "CorvaneCacheRootURL";  // a path or file URL
+inline constexpr const char* kCorvaneUpToChangeOption = "CorvaneUpToChange";      // a change dictionary
+inline constexpr const char* kCorvaneDocumentIdentifierOption = "DocumentIdentifier";
+inline constexpr const char* kCorvaneDocumentInfoOption = "DocumentInfo";
+inline constexpr const char* kCorvaneDocumentOptionsOption = "DocumentOptions";
+inline constexpr const char* kCorvaneAnonymizeOptions = "CorvaneAnonymizeOptions";
+inline constexpr const char* kCorvaneBusyWindowControllerOptionsKey = "CorvaneBusyWindowControllerOptionsKey";
+inline constexpr const char* kRemoveUbiquitousMetadataOption = "NSPersistentStoreRemoveUbiquitousMetadataOption";
+// Recovery mode (true): the update pass goes on past damaged or missing change files. What the
+// platform's Option key held at opening used to mean.
+inline constexpr const char* kCorvaneRecoverOption = "CorvaneRecover";
+// Seconds before a deferred or failed update pass is tried again (default 10).
+inline constexpr const char* kCorvaneUpdateRetryDelayOption = "CorvaneUpdateRetryDelay";
+// Seconds of quiet after the last file event before an update pass runs (default 5).
+inline constexpr const char* kCorvaneChangeDebounceDelayOption = "CorvaneChangeDebounceDelay";
+// A StoreEnvironment object value (store_environment.h).
+inline constexpr const char* kCorvaneStoreEnvironmentOption = "CorvaneStoreEnvironment";
+
+// ---- Notifications (NotificationCenter::defaultCenter()) ---------------------------------
+// Object: the store; user info {"count": objects to write, "context": the saving context}.
+inline constexpr const char* kCorvaneBeginSaveNotification = "CorvaneBeginSave";
+// Object: the context; user info: kInsertedObjectsKey, kUpdatedObjectsKey, kDeletedObjectsKey.
+inline constexpr const char* kCorvaneObjectsWillChangeExternallyNotification = "CorvaneObjectsWillChangeExternally";
+inline constexpr const char* kCorvaneObjectsChangedInManagingContextNotification =
+    "_NSObjectsChangedInManagingContextPrivateNotification";
+inline constexpr const char* kCorvaneObjectsDidChangeExternallyNotification = "CorvaneObjectsDidChangeExternally";
+inline constexpr const char* kCorvaneDidFinishLoadingNotification = "CorvaneDidFinishLoading";  // object: the store
+inline constexpr const char* kCorvaneReadyNotification = "CorvaneReady";  // no object; after every update pass
+
+// ---- User-defaults keys ---------------------------------------------------------------------
+inline constexpr const char* kCorvaneRecentFilesKey = "CorvaneRecentFiles";
+inline constexpr const char* kCorvaneOverwrittenFilesKey = "CorvaneOverwrittenFiles";
+
+// ---- Loading issues -------------------------------------------------------------------------
+inline constexpr const char* kLoadingIssueRemoteFile = "Remote File";
+inline constexpr const char* kLoadingIssueMissingFile = "Missing File";
+inline constexpr const char* kLoadingIssueEmptyFile = "Empty File";
+inline constexpr const char* kLoadingIssueUndecryptableFile = "Undecryptable File";
+inline constexpr const char* kLoadingIssueLoadingPerformance = "Loading Performance";
+
+class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServices {
+ public:
+  // The rest of opening (creating the package, checking the password, binding the cache, the
+  // first update pass) happens in loadMetadata(), which the coordinator calls next.
+  CorvaneStore(PersistentStoreCoordinator* coordinator, std::string configurationName, std::string url,
+               Value options);
+  ~CorvaneStore() override;
+
+  // Registers the type with PersistentStoreCoordinator. Idempotent; any thread.
+  static void registerStoreType();
+
+  // ---- Class operations (no store needed) ----------------------------------------------------
+  // The first extension declared for "CorvaneStore" documents by the host application
+  // (ApplicationInfo's "CFBundleDocumentTypes"), or nullopt.
+  static std::optional<std::string> fileExtension();
+  // <url>/Info.plist as a dictionary, or nil.
+  static Value infoDictionaryForURL(const std::string& url, Env* env = Env::defaultEnv());
+  static std::string documentIdentifierForURL(const std::string& url, Env* env = Env::defaultEnv());
+  static bool documentExistsAtURL(const std::string& url, const std::string& identifier,
+                                  Env* env = Env::defaultEnv());
+  // Info.plist, Changes and Entities exist and the info names the framework. A package whose
+  // Info.plist is an online-only placeholder shows the offline alert (through `environment`).
+  static bool isCorrectFormat(const std::string& path, Env* env = Env::defaultEnv(),
+                              const StoreEnvironment* environment = nullptr);
+  // Whether the password opens the package (no password for an unencrypted one).
+  static bool canOpenURL(const std::string& url, const std::optional<std::string>& password,
+                         Env* env = Env::defaultEnv());
+  // Moves whatever is at `url` to the trash (recorded under "CorvaneOverwrittenFiles") and
+  // resets the local cache for that URL.
+  static void prepareNewStoreAtURL(const std::string& url, Env* env = Env::defaultEnv(),
+                                   std::shared_ptr<UserDefaults> defaults = nullptr);
+  // Records the package under "CorvaneRecentFiles" (one record per path and document), on the
+  // serial queue "RECENT". `info` and `volume` nil: read from the package.
+  static void registerURL(const std::string& url, const Value& info = Value(), const Value& volume = Value(),
+                          Env* env = Env::defaultEnv(), std::shared_ptr<UserDefaults> defaults = nullptr,
+                          std::shared_ptr<StoreVolumeQueries> volumes = nullptr);
+  // Returns once every registration queued so far is done.
+  static void waitForRecentFilesRegistration();
+
+  // ---- IncrementalStore ----------------------------------------------------------------------
+  std::string type() const override { return kCorvaneStoreType; }
+  bool loadMetadata(Error* error) override;
+  std::optional<Value> executeRequest(const PersistentStoreRequest& request, ManagedObjectContext* context,
+                                      Error* error) override;
+  std::unique_ptr<IncrementalStoreNode> newValuesForObjectWithID(const ObjectID& objectID,
+                                                                 ManagedObjectContext* context, Error* error) override;
+  std::optional<Value> newValueForRelationship(const RelationshipDescription& relationship, const ObjectID& objectID,
+                                               ManagedObjectContext* context, Error* error) override;
+  std::optional<std::vector<ObjectID>> obtainPermanentIDsForObjects(const std::vector<ManagedObject*>& objects,
+                                                                    Error* error) override;
+  // Null when the entity is null, or the store is closed or has no coordinator.
+  ObjectID newObjectIDForEntity(const EntityDescription* entity, const Value& referenceObject) override;
+  void managedObjectContextDidUnregisterObjectsWithIDs(const std::vector<ObjectID>& objectIDs) override;
+  // The base store's metadata with the info dictionary's entries (which win); computed by one
+  // caller at a time and kept.
+  Value metadata() const override;
+  // Re-reads Info.plist, adds the entries and hands the result to the base store; does not
+  // write Info.plist.
+  void setMetadata(const Value& metadata) override;
+
+  // ---- Package and identity ------------------------------------------------------------------
+  std::string infoURL() const;
+  // The info dictionary, read once from Info.plist (an empty dictionary when unreadable).
+  Value infoDictionary() const;
+  std::string documentIdentifier() const;
+  // Writes the identifier into Info.plist (read afresh) atomically.
+  void setDocumentIdentifier(const std::string& identifier);
+  std::optional<std::string> password() const;
+  bool isEncrypted() const { return password_.has_value(); }
+  // Recomputes the package's folder URLs, creates "Errors", rebinds the cache (which runs an
+  // update pass) and registers the package among the recent files.
+  void refreshURLs();
+  // Moves the store to another package URL (the document was moved); does nothing but store it
+  // when the URL is the same.
+  void setPackageURL(const std::string& url);
+  std::string entitiesURL() override;
+  std::string changesURL() const;
+  std::string cacheURL() override;
+  std::string errorsURL() const;
+
+  const std::string& session() const { return session_; }
+  const std::string& userName() const { return userName_; }
+  const std::string& fullUserName() const { return fullUserName_; }
+  const std::string& machineName() const { return machineName_; }
+  const std::string& osVersion() const { return osVersion_; }
+  Value userInfo() const;
+  void setUserInfo(const Value& userInfo);
+  // {"userName", "fullUserName", "machineName", "id", "version", "osVersion", "userInfo"?}.
+  Value sessionDictionary() const;
+  // "yyyy-MM-dd-HH-mm-ss.SSS" in GMT: the date part of change names.
+  const DateFormatter& dateFormatter() const { return dateFormatter_; }
+
+  std::string fileNameForEntity(const EntityDescription& entity) override;
+  // The folder name of an entity ("" for one the model lacks), and back.
+  std::string fileNameForEntityName(const std::string& entityName) const;
+  std::string entityNameForFileName(const std::string& fileName) const;
+  // The folder name of an entity in a package with or without a password.
+  static std::string entityFolderName(const std::string& entityName, bool encrypted);
+
+  std::optional<Bytes> encrypt(ByteView bytes) override;
+  std::optional<Bytes> decrypt(ByteView bytes) override;
+  // Deletes <pkg>/Cache.
+  void resetCache();
+
+  std::vector<const EntityDescription*> entities() override;
+  const EntityDescription* entityForName(std::string_view name) override;
+  CorvaneCache* cache() const { return cache_.get(); }
+  std::shared_ptr<CorvaneCache> sharedCache() const { return cache_; }
+  Env* env() override { return env_; }
+  RunLoop& mainLoop() const { return *mainLoop_; }
+  SerialQueue& readQueue() { return readQueue_; }
+  OperationQueue& saveOperationQueue() { return *saveQueue_; }
+  StoreVolumeQueries& volumes() const { return *volumes_; }
+
+  bool isClosed() const { return closed_.load(); }
+  // A closed store hands out no object IDs and ignores changes from other devices.
+  void setClosed(bool closed);
+  // What a document does before closing: marks the store closed, waits for the store's and the
+  // cache's writes and saves the cache.
+  void close();
+
+  // ---- Requests ------------------------------------------------------------------------------
+  std::optional<Value> executeFetchRequest(const FetchRequest& request, ManagedObjectContext* context);
+  // The UID of an object of this store; a temporary ID first gets its permanent one.
+  std::string uidForObjectID(const ObjectID& objectID, ManagedObjectContext* context);
+  CorvaneCacheItemPtr loadValuesForObjectID(const ObjectID& objectID, ManagedObjectContext* context) override;
+  CorvaneCacheItemPtr loadValuesForObjectID(const ObjectID& objectID, ManagedObjectContext* context,
+                                            const std::string& upToChange);
+  // Rebuilds one object from its object files, stopping after the file whose path contains
+  // `upToChange` when it is given; nullptr (and a loading issue) when a file cannot be used.
+  CorvaneCacheItemPtr loadValuesForEntity(const EntityDescription& entity, const std::string& uid,
+                                          ManagedObjectContext* context, const std::string& upToChange = {});
+  // The object's files whose change the cache has applied, sorted by path.
+  std::vector<std::string> changesFilesFor(const EntityDescription& entity, const std::string& uid);
+  // {"type", "url", "value"?, "date"}.
+  Value loadingIssueWithType(const std::string& type, const std::string& url, const Value& value = Value());
+  void addLoadingIssue(const Value& issue);
+  Value loadingIssues() const;
+
+  // ---- Saving --------------------------------------------------------------------------------
+  std::optional<Value> executeSaveRequest(const SaveChangesRequest& request, ManagedObjectContext* context);
+  void preventFromSaving() override;
+  bool blockSaves() const { return blockSaves_.load(); }
+  // Counts one more object handed to the save queue and, when a progress dictionary is set,
+  // updates its "progressMax" and "progressValue" on the main run loop.
+  void incrementProgress();
+  void setProgressInfo(const Value& mutableDictionary);
+  int64_t saveOperationsCount() const { return saveOperationsCount_.load(); }
+  int64_t saveOperationsValue() const { return saveOperationsValue_.load(); }
+  // Copies every object of `context` into this store as one change, on the cache's queue;
+  // `progress` (entities done / entities) and `completion` are called on the main run loop.
+  void writeAllObjectsInContext(const std::shared_ptr<ManagedObjectContext>& context, CorvaneStore* fromStore,
+                                const Value& options, std::function<void(double)> progress,
+                                std::function<void()> completion);
+  // Blocks until every queued object and change file is written.
+  void waitForSaves();
+  // The last record of the cache's change log (nil when empty).
+  Value lastCachedChange() const;
+
+  // ---- Repairs of the history ----------------------------------------------------------------
+  // Writes a recovery change {"name", "type": "recovery"} at `path` and starts an update.
+  void insertChange(const std::string& path);
+  // Moves the change file to <pkg>/InvalidChanges, writes a recovery change refreshing its
+  // objects in its place and another one just before it, and starts an update.
+  void discardChange(const std::string& path);
+  // Writes a recovery change with the given "refreshes" (left out when nil) at `path`.
+  bool writeFakeChangeToURL(const std::string& path, const Value& refreshes);
+  // Deletes the object files of `change` for the listed objects (entity name -> array of
+  // UIDs), or their whole folders when the change inserted them.
+  void removeChange(const Value& change, const Value& objects, bool wasInsert);
+  // Runs a repair chosen from a log entry's menu.
+  void performMenuItem(const StoreMenuItem& item);
+
+  // ---- Update pass ---------------------------------------------------------------------------
+  // One guarded pass; a pass while one runs is deferred by the retry delay. Main thread.
+  void updateChanges() override;
+  // The pass itself: lists and matches on the calling thread, reads on the read queue, and
+  // calls `completion` on the main run loop (at once when there is nothing to do).
+  void updateChangesWithCompletion(std::function<void(bool success)> completion);
+  void processChanges() { updateChanges(); }
+  // File events: schedules one pass after the debounce delay, cancelling a pending one.
+  void invalidatePaths(const std::vector<std::string>& paths);
+  // Watching <pkg>/Changes arrives with the multi-device support; until then these only keep
+  // the bookkeeping that setPackageURL() relies on.
+  void observeDirectory();
+  void unobserveDirectory();
+  Value validatedChanges(const Value& change, bool lightWeight) override;
+  Value validatedChanges(const Value& change) { return validatedChanges(change, false); }
+  // A copy of `updates` with the entities of `inserts` that it lacks.
+  static Value combineChangeDictionary(const Value& updates, const Value& inserts);
+  std::string correctedDataURL(const std::string& path) override;
+  // Refreshes the open contexts and posts the three notifications; main thread.
+  void refreshInsertedObjects(const Value& inserted, const Value& updated, const Value& deleted) override;
+  void setErrorLevel(const std::string& type);
+  std::string errorLevel() const { return errorLevel_.get(); }
+  Observable<std::string>& errorLevelObservable() { return errorLevel_; }
+  // The path relative to the package ("Changes/x.json"); other paths unchanged.
+  std::string shortURL(const std::string& path) const;
+  bool isUpdating() const { return updating_.load(); }
+  size_t changesFileCount() const { return changesFileCount_.load(); }
+  bool hasRemoteFiles() const { return hasRemoteFiles_.load(); }
+  bool recover() override { return recover_.load(); }
+  void setRecover(bool recover) override { recover_ = recover; }
+  std::string upToChange() override;
+
+  // ---- Log -----------------------------------------------------------------------------------
+  // Adds an entry on the main run loop; observers of the log hear of a burst once, a second
+  // after its last entry. With a change dictionary, its date and author are put after the
+  // message's first ":".
+  void log(std::string_view message, std::string_view type) override;
+  void log(std::string_view message, std::string_view type, const Value& change,
+           std::vector<StoreMenuItem> menu = {});
+  void logError(const Error& error, std::string_view domain) override;
+  void logErrorString(const std::string& text, const std::string& domain);
+  std::vector<StoreLogEntry> logEntries() const;
+  // Called on the main run loop once per burst of log entries. Subscribe on the main thread.
+  [[nodiscard]] Subscription observeLog(std::function<void()> callback);
+  // The error records made so far ({"domain", "description", "session", "date"}).
+  Value errorRecords() const;
+  // Distinct session summaries of the newest 100 applied changes, newest first.
+  Value sessionInfo() const;
+
+  // ---- Cache services ------------------------------------------------------------------------
+  ObjectID objectIDForReferenceString(std::string_view reference) override;
+  void setObjectIDForReferenceString(std::string_view reference, const ObjectID& objectID) override;
+  std::optional<std::string> cacheRootURL() override { return cacheRootURL_; }
+  void showAlert(const std::string& message, const std::string& informativeText) override;
+  void revealInFileViewer(const std::string& path) override;
+
+  // The model's entity of that name among this store's (nullptr otherwise).
+  const StoreEnvironment& environment() const { return *environment_; }
+  // The contexts that have sent requests to the store and still exist.
+  std::vector<std::shared_ptr<ManagedObjectContext>> contexts() const;
+
+ private:
+  struct Liveness;
+  struct Pass;
+  friend class CorvaneChange;
+  friend class CorvaneSaveOperation;
+
+  // Opening.
+  void setupEntityKeys();
+  void writeInfo(const Value& options);
+  bool setupCrypto();
+  // Work for the main run loop that is dropped once the store is gone.
+  std::function<void()> guarded(std::function<void()> work) const;
+  void onMain(std::function<void()> work) const;
+  void scheduleUpdate(double delay);
+  // Requests.
+  void registerContext(ManagedObjectContext* context);
+  // The update pass on the read queue.
+  void runPass(std::shared_ptr<Pass> pass);
+  bool validateChange(const Value& change, bool lightWeight, Value* combined, Value* parsedObjects);
+  void foldReplayedChange(Pass& pass, const Value& change, const Value& content, const Value& parsedObjects);
+  // The log on the main run loop.
+  void addLogEntry(StoreLogEntry entry, const Value& change);
+  bool writeRecoveryChange(const std::string& path, const Value& refreshes);
+  void presentError(const Error& error);
+
+  Value storeOptions_;  // the options without "CorvaneUpToChange"
+  Value environmentValue_;
+  StoreEnvironment* environment_;
+  Env* env_;
+  RunLoop* mainLoop_;
+  std::shared_ptr<StoreVolumeQueries> volumes_;
+  std::shared_ptr<Liveness> liveness_;
+
+  std::optional<std::string> password_;
+  std::optional<std::string> cacheRootURL_;
+  Value upToChange_;
+  double retryDelay_ = 10.0;
+  double debounceDelay_ = 5.0;
+
+  std::string session_, userName_, fullUserName_, machineName_, osVersion_;
+  DateFormatter dateFormatter_;
+  mutable std::mutex mutex_;  // the store's own lock: user info, info dictionary, loading issues, URLs
+  Value userInfo_;
+  mutable Value info_;  // nil until read
+  std::string entitiesURL_, changesURL_, cacheURL_, errorsURL_;
+  Value loadingIssues_;
+
+  mutable std::mutex metadataMutex_;
+  mutable Value cachedMetadata_;
+  mutable bool fetchingMetadata_ = false;
+
+  std::unordered_map<std::string, std::string> entityKeys_, reverseEntityKeys_;
+  std::vector<const EntityDescription*> entityList_;
+
+  std::once_flag cryptoOnce_;
+  std::optional<SeaCrypto> crypto_;
+  bool cryptoReady_ = false;
+
+  mutable std::mutex contextsMutex_;
+  std::vector<std::weak_ptr<ManagedObjectContext>> contexts_;
+
+  std::mutex objectIDsMutex_;
+  std::unordered_map<std::string, ObjectID> objectIDs_;
+
+  std::atomic<bool> closed_{false};
+  std::atomic<bool> blockSaves_{false};
+  std::atomic<bool> recover_{false};
+  std::atomic<bool> updating_{false};
+  std::atomic<bool> hasRemoteFiles_{false};
+  std::atomic<size_t> changesFileCount_{0};
+  std::atomic<int64_t> saveOperationsCount_{0};
+  std::atomic<int64_t> saveOperationsValue_{0};
+  Value progressInfo_;  // guarded by mutex_
+
+  Observable<std::string> errorLevel_;
+  mutable std::mutex logMutex_;
+  std::deque<StoreLogEntry> log_;  // newest first
+  Value errorRecords_;
+  struct LogObservers;
+  std::shared_ptr<LogObservers> logObservers_;
+
+  std::mutex tokensMutex_;
+  RunLoop::Token updateToken_, processToken_, refreshLogToken_;
+  bool observing_ = false;
+
+  std::shared_ptr<CorvaneCache> cache_;
+  SerialQueue readQueue_;
+  std::unique_ptr<OperationQueue> saveQueue_;
+};
+
+}  // namespace corvane

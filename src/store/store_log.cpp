@@ -1,0 +1,146 @@
+// CorvaneStore: the store's log, error records and session summaries.
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "corvane/cache/cache.h"
+#include "corvane/foundation/date_format.h"
+#include "corvane/store/corvane_store.h"
+#include "store/store_internal.h"
+#include "store/store_private.h"
+
+namespace corvane {
+
+namespace {
+// Observers hear of a burst of entries once, this long after its last entry.
+constexpr double kRefreshLogDelay = 1.0;
+}  // namespace
+
+Value StoreLogEntry::dictionary() const {
+  Value entry = Value::mutableDictionary();
+  entry.set(Value("date"), Value::date(date));
+  entry.set(Value("message"), Value(message));
+  if (!menu.empty()) {
+    std::vector<Value> items;
+    for (const StoreMenuItem& item : menu) {
+      items.push_back(dict({{"title", Value(item.title)}, {"action", Value(item.action)}, {"path", Value(item.path)}}));
+    }
+    entry.set(Value("menu"), Value::array(std::move(items)));
+  }
+  entry.set(Value("CorvaneLogType"), Value(type));
+  return entry.copy();
+}
+
+void CorvaneStore::log(std::string_view message, std::string_view type) { log(message, type, Value(), {}); }
+
+void CorvaneStore::log(std::string_view message, std::string_view type, const Value& change,
+                       std::vector<StoreMenuItem> menu) {
+  StoreLogEntry entry;
+  entry.message = std::string(message);
+  entry.type = std::string(type);
+  entry.menu = std::move(menu);
+  // The store may be gone by the time the main loop runs; the entry then dies with it.
+  onMain([this, entry = std::move(entry), change]() mutable { addLogEntry(std::move(entry), change); });
+}
+
+void CorvaneStore::addLogEntry(StoreLogEntry entry, const Value& change) {
+  entry.date = env_->now();
+  if (change.isDictionary()) {
+    // "Missing change file: X" from Ann becomes "Missing change file: (<date> Ann) X".
+    const size_t colon = entry.message.find(':');
+    if (colon != std::string::npos) {
+      std::optional<double> date = store_internal::dateFromChangeValue(change["date"]);
+      const std::string when = date ? displayDateString(*date, DateStyle::Medium, DateStyle::Short, env_) : "(null)";
+      const Value& author = change["session"]["fullUserName"];
+      const std::string who = author.isString() ? author.str() : "(null)";
+      entry.message.replace(colon, 1, fmt::format(": ({} {})", when, who));
+    }
+  }
+  {
+    std::lock_guard<std::mutex> lock(logMutex_);
+    log_.push_front(std::move(entry));
+  }
+  std::lock_guard<std::mutex> lock(tokensMutex_);
+  refreshLogToken_.cancel();
+  refreshLogToken_ = mainLoop_->postAfter(kRefreshLogDelay, guarded([observers = logObservers_] { observers->deliver(); }));
+}
+
+std::vector<StoreLogEntry> CorvaneStore::logEntries() const {
+  std::lock_guard<std::mutex> lock(logMutex_);
+  return std::vector<StoreLogEntry>(log_.begin(), log_.end());
+}
+
+Subscription CorvaneStore::observeLog(std::function<void()> callback) {
+  uint64_t id;
+  {
+    std::lock_guard<std::mutex> lock(logObservers_->mutex);
+    id = logObservers_->nextId++;
+    logObservers_->list.emplace_back(id, std::make_shared<LogObservers::Callback>(std::move(callback)));
+  }
+  return Subscription([weak = std::weak_ptr<LogObservers>(logObservers_), id] {
+    auto observers = weak.lock();
+    if (!observers) return;
+    std::shared_ptr<LogObservers::Callback> removed;  // released outside the lock
+    std::lock_guard<std::mutex> lock(observers->mutex);
+    auto& list = observers->list;
+    auto it = std::find_if(list.begin(), list.end(), [id](const auto& e) { return e.first == id; });
+    if (it != list.end()) {
+      removed = std::move(it->second);
+      list.erase(it);
+    }
+  });
+}
+
+void CorvaneStore::logError(const Error& error, std::string_view domain) {
+  if (error.empty() || domain.empty()) return;
+  logErrorString(error.description(), std::string(domain));
+}
+
+void CorvaneStore::logErrorString(const std::string& text, const std::string& domain) {
+  Value record = dict({{"domain", Value(domain)},
+                       {"description", Value(text)},
+                       {"session", sessionDictionary()},
+                       {"date", Value::date(env_->now())}});
+  {
+    std::lock_guard<std::mutex> lock(logMutex_);
+    errorRecords_.append(record);
+  }
+  if (environment_->errorDelegate) environment_->errorDelegate(fmt::format("{} {}", url(), text), domain);
+}
+
+Value CorvaneStore::errorRecords() const {
+  std::lock_guard<std::mutex> lock(logMutex_);
+  return errorRecords_.copy();
+}
+
+Value CorvaneStore::sessionInfo() const {
+  const Value changes = cache_->changes();
+  const std::vector<Value>& records = changes.elements();
+  std::vector<Value> sessions;
+  size_t seen = 0;
+  for (auto it = records.rbegin(); it != records.rend() && seen < 100; ++it, ++seen) {
+    const Value& session = (*it)["session"];
+    if (!session.isDictionary()) continue;
+    Value summary = dict({{"machineName", session["machineName"]},
+                          {"fullUserName", session["fullUserName"]},
+                          {"userName", session["userName"]},
+                          {"version", session["version"]},
+                          {"osVersion", session["osVersion"]}});
+    if (std::find(sessions.begin(), sessions.end(), summary) == sessions.end()) sessions.push_back(summary);
+  }
+  return Value::array(std::move(sessions));
+}
+
+void CorvaneStore::setErrorLevel(const std::string& type) {
+  onMain([this, type] { errorLevel_.set(type); });
+}
+
+std::string CorvaneStore::shortURL(const std::string& path) const {
+  const std::string& base = url();
+  if (path.size() > base.size() && path.compare(0, base.size(), base) == 0 && path[base.size()] == '/') {
+    return path.substr(base.size() + 1);
+  }
+  return path;
+}
+
+}  // namespace corvane

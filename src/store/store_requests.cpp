@@ -1,0 +1,357 @@
+// CorvaneStore: answering the object graph's requests from the local cache.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <deque>
+
+#include "corvane/cache/cache.h"
+#include "corvane/foundation/application_info.h"
+#include "corvane/foundation/json.h"
+#include "corvane/graph/managed_object_context.h"
+#include "corvane/graph/object_model.h"
+#include "corvane/graph/persistent_store_coordinator.h"
+#include "corvane/store/corvane_store.h"
+#include "store/store_internal.h"
+
+namespace corvane {
+
+using store_internal::modelValueForAttribute;
+using store_internal::storeError;
+
+namespace {
+
+// One candidate of a fetch. Predicates and sort descriptors ask it for values by key; it answers
+// from the object's cache item, as the objects' own types, with related objects as the
+// requesting context's objects.
+class CorvaneRequestItem final : public Object {
+ public:
+  CorvaneRequestItem(ObjectID objectID, CorvaneCacheItemPtr cacheItem, ManagedObjectContext* context,
+                     CorvaneStore* store)
+      : objectID_(std::move(objectID)), cacheItem_(std::move(cacheItem)), context_(context), store_(store) {}
+
+  std::string className() const override { return "CorvaneRequestItem"; }
+  const ObjectID& objectID() const { return objectID_; }
+  Retained<ManagedObject>& managedObject() { return managedObject_; }
+
+  bool isEqualTo(const Object& other) const override {
+    if (const auto* item = dynamic_cast<const CorvaneRequestItem*>(&other)) return item->objectID_ == objectID_;
+    if (const auto* object = dynamic_cast<const ManagedObject*>(&other)) return object->objectID() == objectID_;
+    return this == &other;
+  }
+
+  Value valueForKey(std::string_view key) const override {
+    if (!cacheItem_) return Value();
+    const EntityDescription* entity = objectID_.entity();
+    const Value value = cacheItem_->valueForKey(key, objectID_, store_, context_);
+    if (const AttributeDescription* attribute = entity != nullptr ? entity->attribute(key) : nullptr) {
+      return modelValueForAttribute(*attribute, value);
+    }
+    return objectsFor(value);
+  }
+
+  // All values of the object, as a fetch of dictionaries answers them.
+  Value dictionary(const std::vector<std::string>& keys) const {
+    if (!cacheItem_) return Value::dictionary();
+    const EntityDescription* entity = objectID_.entity();
+    const Value all = cacheItem_->allValuesForObjectID(objectID_, store_, context_);
+    Value out = Value::mutableDictionary();
+    for (const auto& [key, value] : all.entries()) {
+      if (!keys.empty() && std::find(keys.begin(), keys.end(), key.str()) == keys.end()) continue;
+      const AttributeDescription* attribute = entity != nullptr ? entity->attribute(key.str()) : nullptr;
+      out.set(key, attribute != nullptr ? modelValueForAttribute(*attribute, value) : value);
+    }
+    return out.copy();
+  }
+
+ private:
+  Value objectFor(const Value& value) const {
+    ObjectID id = ObjectID::fromValue(value);
+    if (!id || context_ == nullptr) return value;
+    return Value::object(context_->objectWithID(id).get());
+  }
+
+  Value objectsFor(const Value& value) const {
+    if (!value.isCollection()) return objectFor(value);
+    std::vector<Value> members;
+    members.reserve(value.count());
+    for (const Value& member : value.elements()) members.push_back(objectFor(member));
+    return value.isOrderedSet() ? Value::orderedSet(std::move(members)) : Value::set(std::move(members));
+  }
+
+  ObjectID objectID_;
+  CorvaneCacheItemPtr cacheItem_;
+  ManagedObjectContext* context_;
+  CorvaneStore* store_;
+  Retained<ManagedObject> managedObject_;
+};
+
+// The refusal of a save while saves are blocked: the document was written by a newer version.
+Error blockedSaveError(const Value& sessions) {
+  std::string highest;
+  double highestNumber = -1;
+  for (const Value& session : sessions.elements()) {
+    const Value& version = session["version"];
+    if (version.isNil()) continue;
+    const std::string text = version.isString() ? version.str() : version.description();
+    const double number = std::strtod(text.c_str(), nullptr);
+    if (highest.empty() || number > highestNumber) {
+      highest = text;
+      highestNumber = number;
+    }
+  }
+  const std::string reason = fmt::format("Because it was created with a newer version of {}.",
+                                         ApplicationInfo::current().name);
+  Error error(kFrameworkBundleIdentifier, -1, reason, fmt::format("Please update to version {}.", highest));
+  error.userInfo = dict({{"NSLocalizedFailureReason", Value(reason)}});
+  return error;
+}
+
+}  // namespace
+
+// ---- Dispatch -----------------------------------------------------------------------------------
+
+std::optional<Value> CorvaneStore::executeRequest(const PersistentStoreRequest& request, ManagedObjectContext* context,
+                                                  Error* error) {
+  registerContext(context);
+  try {
+    if (request.requestType() == RequestType::Fetch) {
+      return executeFetchRequest(static_cast<const FetchRequest&>(request), context);
+    }
+    if (request.requestType() == RequestType::Save) {
+      if (blockSaves_) {
+        setError(error, blockedSaveError(sessionInfo()));
+        return std::nullopt;
+      }
+      return executeSaveRequest(static_cast<const SaveChangesRequest&>(request), context);
+    }
+  } catch (const Exception& e) {
+    setError(error, storeError(e.name() + ": " + e.reason()));
+    return std::nullopt;
+  }
+  setError(error, storeError("Unsupported request type"));
+  return std::nullopt;
+}
+
+// ---- Fetches ------------------------------------------------------------------------------------
+
+std::optional<Value> CorvaneStore::executeFetchRequest(const FetchRequest& request, ManagedObjectContext* context) {
+  const bool counting = request.resultType() == FetchResultType::Count;
+  if (!cache_->changeLog()) return counting ? Value::array({Value(0)}) : Value::array();
+  const bool dictionaries =
+      request.resultType() == FetchResultType::Dictionary || !request.propertiesToGroupBy().empty();
+  const EntityDescription* entity = request.entity();
+  if (entity == nullptr && context != nullptr) entity = context->entity(request.entityName());
+  if (entity == nullptr) entity = entityForName(request.entityName());
+  if (entity == nullptr) return counting ? Value::array({Value(0)}) : Value::array();
+
+  const bool objects = request.resultType() == FetchResultType::ManagedObject && !dictionaries && !counting;
+  const bool hasPredicate = request.predicate().has_value();
+  const std::vector<const EntityDescription*> searched =
+      request.includesSubentities() ? entity->selfAndAllSubentities() : std::vector<const EntityDescription*>{entity};
+  if (objects && hasPredicate) {
+    for (const EntityDescription* e : searched) cache_->loadCachesForEntity(*e);
+  }
+  const bool needsItems = hasPredicate || !request.sortDescriptors().empty() || dictionaries;
+
+  std::deque<CorvaneRequestItem> items;  // items cannot move: predicates hold references
+  size_t total = 0;
+  for (const EntityDescription* e : searched) {
+    const Value uids = cache_->objectUIDsForEntity(*e);
+    if (counting && !hasPredicate) {
+      total += uids.count();
+      continue;
+    }
+    for (const Value& uid : uids.elements()) {
+      ObjectID id = newObjectIDForEntity(e, uid);
+      if (!id) continue;
+      CorvaneCacheItemPtr item = needsItems ? cache_->cacheItemForObjectID(id, context) : CorvaneCacheItemPtr();
+      items.emplace_back(std::move(id), std::move(item), context, this);
+    }
+  }
+  if (counting && !hasPredicate) {
+    if (request.fetchLimit() != 0) total = std::min(total, request.fetchLimit());
+    return Value::array({Value(static_cast<long long>(total))});
+  }
+
+  std::vector<CorvaneRequestItem*> found;
+  found.reserve(items.size());
+  for (CorvaneRequestItem& item : items) {
+    if (!hasPredicate || request.predicate()->evaluate(item)) found.push_back(&item);
+  }
+  if (!request.sortDescriptors().empty() && found.size() > 1) {
+    std::vector<const Object*> candidates(found.begin(), found.end());
+    std::vector<size_t> order = sortOrder(candidates, request.sortDescriptors());
+    std::vector<CorvaneRequestItem*> sorted;
+    sorted.reserve(found.size());
+    for (size_t i : order) sorted.push_back(found[i]);
+    found.swap(sorted);
+  }
+  if (request.fetchLimit() != 0 && found.size() > request.fetchLimit()) found.resize(request.fetchLimit());
+
+  if (counting) return Value::array({Value(static_cast<long long>(found.size()))});
+  std::vector<Value> out;
+  out.reserve(found.size());
+  for (CorvaneRequestItem* item : found) {
+    if (dictionaries) {
+      out.push_back(item->dictionary(request.propertiesToFetch()));
+    } else if (objects && context != nullptr) {
+      out.push_back(Value::object(context->objectWithID(item->objectID()).get()));
+    } else {
+      out.push_back(item->objectID().asValue());
+    }
+  }
+  return Value::array(std::move(out));
+}
+
+// ---- Values of one object -------------------------------------------------------------------------
+
+std::unique_ptr<IncrementalStoreNode> CorvaneStore::newValuesForObjectWithID(const ObjectID& objectID,
+                                                                             ManagedObjectContext* context,
+                                                                             Error* error) {
+  registerContext(context);
+  const Value values = cache_->valuesForObjectID(objectID, context);
+  if (values.isNil()) {
+    setError(error, Error(kCocoaErrorDomain, 133000, "No object for " + objectID.uriRepresentation()));
+    return nullptr;
+  }
+  const EntityDescription* entity = objectID.entity();
+  Value converted = Value::mutableDictionary();
+  for (const auto& [key, value] : values.entries()) {
+    const AttributeDescription* attribute = entity != nullptr ? entity->attribute(key.str()) : nullptr;
+    converted.set(key, attribute != nullptr ? modelValueForAttribute(*attribute, value) : value);
+  }
+  return std::make_unique<IncrementalStoreNode>(objectID, converted.copy(), 1);
+}
+
+std::optional<Value> CorvaneStore::newValueForRelationship(const RelationshipDescription& relationship,
+                                                           const ObjectID& objectID, ManagedObjectContext* context,
+                                                           Error* /*error*/) {
+  if (storeUID(objectID).empty()) return Value();
+  const Value all = cache_->allValuesForObjectID(objectID, context);
+  const Value& value = all[relationship.name()];
+  if (relationship.isToMany()) return value;
+  auto idOrNil = [](const Value& v) { return ObjectID::fromValue(v) ? v : Value(); };
+  if (ObjectID::fromValue(value)) return value;
+  if (value.isArray() || value.isOrderedSet() || value.isSet()) return idOrNil(value.at(0));
+  return Value();
+}
+
+ObjectID CorvaneStore::newObjectIDForEntity(const EntityDescription* entity, const Value& referenceObject) {
+  if (entity == nullptr || closed_ || persistentStoreCoordinator() == nullptr) return ObjectID();
+  return IncrementalStore::newObjectIDForEntity(entity, referenceObject);
+}
+
+std::optional<std::vector<ObjectID>> CorvaneStore::obtainPermanentIDsForObjects(
+    const std::vector<ManagedObject*>& objects, Error* /*error*/) {
+  std::vector<ObjectID> ids;
+  ids.reserve(objects.size());
+  for (const ManagedObject* object : objects) {
+    // UIDs are born here.
+    ids.push_back(IncrementalStore::newObjectIDForEntity(&object->entity(), Value(env_->newUUIDString())));
+  }
+  return ids;
+}
+
+std::string CorvaneStore::uidForObjectID(const ObjectID& objectID, ManagedObjectContext* context) {
+  if (!objectID.isTemporaryID() || context == nullptr) return storeUID(objectID);
+  Retained<ManagedObject> object = context->objectRegisteredForID(objectID);
+  if (!object) return storeUID(objectID);
+  context->obtainPermanentIDsForObjects({object.get()});
+  return storeUID(object->objectID());
+}
+
+void CorvaneStore::managedObjectContextDidUnregisterObjectsWithIDs(const std::vector<ObjectID>& objectIDs) {
+  // Contexts let these go: the large binary values they read can go too.
+  cache_->compactObjectIDs(objectIDs);
+}
+
+// ---- Rebuilding one object from its files -------------------------------------------------------
+
+CorvaneCacheItemPtr CorvaneStore::loadValuesForObjectID(const ObjectID& objectID, ManagedObjectContext* context) {
+  return loadValuesForObjectID(objectID, context, std::string());
+}
+
+CorvaneCacheItemPtr CorvaneStore::loadValuesForObjectID(const ObjectID& objectID, ManagedObjectContext* context,
+                                                        const std::string& upToChange) {
+  const EntityDescription* entity = objectID.entity();
+  const std::string uid = storeUID(objectID);
+  if (entity == nullptr || uid.empty()) return {};
+  return loadValuesForEntity(*entity, uid, context, upToChange);
+}
+
+std::vector<std::string> CorvaneStore::changesFilesFor(const EntityDescription& entity, const std::string& uid) {
+  const std::string folder = pathJoin(pathJoin(entitiesURL(), fileNameForEntity(entity)), uid);
+  std::vector<std::string> names;
+  if (!env_->listDirectory(folder, true, &names, nullptr)) return {};
+  const Value applied = cache_->changeNames();
+  std::vector<std::string> files;
+  for (const std::string& name : names) {
+    if (applied.contains(Value(name))) files.push_back(pathJoin(folder, name));
+  }
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+CorvaneCacheItemPtr CorvaneStore::loadValuesForEntity(const EntityDescription& entity, const std::string& uid,
+                                                      ManagedObjectContext* /*context*/,
+                                                      const std::string& upToChange) {
+  const auto start = std::chrono::steady_clock::now();
+  const std::vector<std::string> files = changesFilesFor(entity, uid);
+  CorvaneCacheItemPtr item = CorvaneCacheItem::create();
+  for (const std::string& file : files) {
+    if (!volumes_->isOnDisk(env_, file)) {
+      addLoadingIssue(loadingIssueWithType(kLoadingIssueRemoteFile, file));
+      return {};
+    }
+    std::optional<Bytes> bytes = store_internal::readBytes(env_, file);
+    if (!bytes) {
+      addLoadingIssue(loadingIssueWithType(kLoadingIssueMissingFile, file));
+      return {};
+    }
+    std::optional<Bytes> plain = decrypt(*bytes);
+    if (!plain) {
+      addLoadingIssue(loadingIssueWithType(kLoadingIssueUndecryptableFile, file));
+      return {};
+    }
+    std::optional<Value> parsed = jsonToValue(asStringView(*plain));
+    if (!parsed || !parsed->isDictionary()) {
+      addLoadingIssue(loadingIssueWithType(kLoadingIssueEmptyFile, file));
+      return {};
+    }
+    try {
+      item->updateValues((*parsed)["payload"], entity, file, (*parsed)["version"]);
+    } catch (const Exception& e) {
+      log(e.name() + ": " + e.reason(), kCorvaneLogTypeError);
+      return {};
+    }
+    if (!upToChange.empty() && file.find(upToChange) != std::string::npos) break;
+  }
+  const double milliseconds =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  if (milliseconds > 5.0 && !files.empty()) {
+    addLoadingIssue(loadingIssueWithType(kLoadingIssueLoadingPerformance, files.front(), Value(milliseconds)));
+  }
+  return item;
+}
+
+Value CorvaneStore::loadingIssueWithType(const std::string& type, const std::string& url, const Value& value) {
+  Value issue = Value::mutableDictionary();
+  issue.set(Value("type"), Value(type));
+  issue.set(Value("url"), Value("file://" + url));
+  if (!value.isNil()) issue.set(Value("value"), value);
+  issue.set(Value("date"), Value::date(env_->now()));
+  return issue.copy();
+}
+
+void CorvaneStore::addLoadingIssue(const Value& issue) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  loadingIssues_.append(issue);
+}
+
+Value CorvaneStore::loadingIssues() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return loadingIssues_.copy();
+}
+
+}  // namespace corvane

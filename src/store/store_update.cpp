@@ -1,0 +1,471 @@
+// CorvaneStore: the update pass that applies change files the cache has not seen, their
+// validation, and the refreshing of open contexts.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <unordered_set>
+
+#include "corvane/cache/cache.h"
+#include "corvane/foundation/json.h"
+#include "corvane/foundation/notification_center.h"
+#include "corvane/graph/managed_object_context.h"
+#include "corvane/graph/object_model.h"
+#include "corvane/graph/persistent_store_coordinator.h"
+#include "corvane/graph/undo_manager.h"
+#include "corvane/security/digest.h"
+#include "corvane/store/collection_merge.h"
+#include "corvane/store/corvane_change.h"
+#include "corvane/store/corvane_managed_object_context.h"
+#include "corvane/store/corvane_store.h"
+#include "store/store_internal.h"
+
+namespace corvane {
+
+using store_internal::readBytes;
+
+// The state of one update pass, shared between the read queue and the main run loop.
+struct CorvaneStore::Pass {
+  std::vector<std::string> names;  // the change files, sorted
+  size_t start = 0;                // the first one the cache has not applied
+  // The cache was emptied for this pass: nothing it holds came from anywhere else, so the pass
+  // folds each change's object files into the items as it reads them instead of letting every
+  // object be read again later.
+  bool replay = false;
+  std::function<void(bool)> completion;
+  Value inserted = Value::mutableDictionary();
+  Value updated = Value::mutableDictionary();
+  Value deleted = Value::mutableDictionary();
+  bool missing = false;
+  bool notOnDisk = false;
+  // Objects whose item cannot be built by folding any more (a file failed); read from files.
+  std::unordered_set<std::string> unfoldable;
+};
+
+// ---- Scheduling ---------------------------------------------------------------------------------
+
+void CorvaneStore::scheduleUpdate(double delay) {
+  std::lock_guard<std::mutex> lock(tokensMutex_);
+  updateToken_.cancel();
+  updateToken_ = mainLoop_->postAfter(delay, guarded([this] { updateChanges(); }));
+}
+
+void CorvaneStore::invalidatePaths(const std::vector<std::string>& paths) {
+  if (paths.empty()) return;
+  std::lock_guard<std::mutex> lock(tokensMutex_);
+  processToken_.cancel();
+  processToken_ = mainLoop_->postAfter(debounceDelay_, guarded([this] { processChanges(); }));
+}
+
+void CorvaneStore::observeDirectory() {
+  if (changesURL().empty()) return;
+  unobserveDirectory();
+  // Watching the folder for other devices' files comes with the multi-device support; a store
+  // catches up at opening and whenever updateChanges() or invalidatePaths() is called.
+  observing_ = true;
+}
+
+void CorvaneStore::unobserveDirectory() { observing_ = false; }
+
+void CorvaneStore::updateChanges() {
+  if (updating_) {
+    log("Update in progress: Abort and trying again in some seconds", kCorvaneLogTypeWarning);
+    scheduleUpdate(retryDelay_);
+    return;
+  }
+  updating_ = true;
+  const double start = env_->monotonicNow();
+  updateChangesWithCompletion([this, start](bool success) {
+    if (success) {
+      if (cache_->changeLog()) {
+        log(fmt::format("File: {} up to date after {:.2f} seconds", documentIdentifier(), env_->monotonicNow() - start),
+            kCorvaneLogTypeSuccess);
+        // "Checksum: <checksum>" joins this line once content checksums exist.
+        NotificationCenter::defaultCenter().post(kCorvaneDidFinishLoadingNotification, this);
+      } else {
+        scheduleUpdate(retryDelay_);
+      }
+      cache_->cacheMissingItems();
+    } else {
+      log("Missing files: Abort and trying again in some seconds", kCorvaneLogTypeWarning);
+      scheduleUpdate(retryDelay_);
+    }
+    updating_ = false;
+    onMain([] { NotificationCenter::defaultCenter().post(kCorvaneReadyNotification); });
+  });
+}
+
+void CorvaneStore::updateChangesWithCompletion(std::function<void(bool)> completion) {
+  const std::string folder = changesURL();
+  std::vector<std::string> listed;
+  if (folder.empty() || !env_->listDirectory(folder, true, &listed, nullptr)) {
+    log("No change files found", kCorvaneLogTypeSuccess);
+    completion(true);
+    return;
+  }
+  auto pass = std::make_shared<Pass>();
+  for (std::string& name : listed) {
+    if (store_internal::hasJSONExtension(name)) pass->names.push_back(std::move(name));
+  }
+  std::sort(pass->names.begin(), pass->names.end());
+  changesFileCount_ = pass->names.size();
+  if (const std::string upTo = upToChange(); !upTo.empty()) {
+    auto last = std::find(pass->names.begin(), pass->names.end(), upTo);
+    if (last != pass->names.end()) pass->names.erase(last + 1, pass->names.end());
+  }
+
+  // Files are recognised by name alone: the first one that the log lacks, or that differs from
+  // the log at its place, starts the pass, and the log forgets everything from there.
+  const Value applied = cache_->changes();
+  const size_t count = pass->names.size();
+  size_t start = count;
+  for (size_t i = 0; i < count; ++i) {
+    if (i >= applied.count()) {
+      start = i;
+      break;
+    }
+    if (applied.at(i)["name"].str() != pass->names[i]) {
+      std::vector<Value> kept(applied.elements().begin(), applied.elements().begin() + static_cast<long>(i));
+      if (auto log = cache_->changeLog()) log->setContent(Value::array(std::move(kept)));
+      cache_->updateChangeNames();
+      start = i;
+      break;
+    }
+  }
+  if (start == count) {
+    log("No new changes to apply", kCorvaneLogTypeSuccess);
+    completion(true);
+    return;
+  }
+  if (start == 0) cache_->reset();
+  pass->start = start;
+  pass->replay = start == 0;
+  pass->completion = std::move(completion);
+  readQueue_.async([this, pass] { runPass(pass); });
+}
+
+void CorvaneStore::runPass(std::shared_ptr<Pass> pass) {
+  const std::string folder = changesURL();
+  const bool recovering = recover();
+  for (size_t i = pass->start; i < pass->names.size() && !closed_; ++i) {
+    const std::string& fileName = pass->names[i];
+    const std::string path = pathJoin(folder, fileName);
+    const std::string shortPath = shortURL(path);
+    const StoreMenuItem ignore{"Ignore", kStoreMenuActionDiscardChange, path};
+    const StoreMenuItem show{"Show in Finder", kStoreMenuActionShowInFinder, path};
+
+    if (!volumes_->isOnDisk(env_, path)) {
+      log(fmt::format("Change file is not on disk: {}", shortPath), kCorvaneLogTypeError);
+      pass->missing = true;
+      pass->notOnDisk = true;
+    }
+    Value change;
+    bool damaged = false;
+    if (std::optional<Bytes> bytes = readBytes(env_, path); !bytes) {
+      log(fmt::format("Missing change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore});
+      pass->missing = true;
+      if (!recovering) break;
+      damaged = true;
+    } else if (std::optional<Bytes> plain = decrypt(*bytes); !plain) {
+      log(fmt::format("Could not decrypt change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore});
+      pass->missing = true;
+      if (!recovering) break;
+      log(fmt::format("Incomplete change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore, show});
+      damaged = true;
+    } else if (std::optional<Value> parsed = jsonToValue(asStringView(*plain)); !parsed || !parsed->isDictionary()) {
+      log(fmt::format("Incomplete change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore, show});
+      pass->missing = true;
+      if (!recovering) break;
+      damaged = true;
+    } else {
+      change = *parsed;
+    }
+    if (damaged) {
+      // Recovering goes on past the file: it counts as applied, with nothing in it, so that the
+      // history keeps its place; its objects are read from their files from now on.
+      change = dict({{"name", Value(fileName)}});
+      pass->replay = false;
+    }
+
+    if (const Value& previous = change["previousName"]; previous.isString()) {
+      if (change["name"].str() < previous.str()) {
+        log(fmt::format("Date inconsistency in change file: {}. Use the menu File/Save as and create a new file.",
+                        change["name"].str()),
+            kCorvaneLogTypeError, change);
+        setErrorLevel(kCorvaneLogTypeError);
+      }
+      const std::string previousPath = pathJoin(folder, previous.str());
+      if (!env_->fileExists(previousPath)) {
+        log(fmt::format("Missing change file: {}", previous.str()), kCorvaneLogTypeWarning, change,
+            {StoreMenuItem{"Ignore", kStoreMenuActionInsertChange, previousPath}, show});
+        pass->missing = true;
+        if (!recovering) break;
+      }
+    }
+
+    Value combined, parsedObjects;
+    if (!validateChange(change, false, &combined, &parsedObjects)) {
+      onMain([pass] { pass->completion(false); });
+      return;
+    }
+    setErrorLevel(kCorvaneLogTypeSuccess);
+    const bool recovery = change["type"] == Value(kChangeTypeRecovery);
+    const Value& content = recovery ? change["refreshes"] : change["changes"];
+    if (content["insert"].isDictionary()) mergeWithDictionary(pass->inserted, content["insert"]);
+    if (content["update"].isDictionary()) mergeWithDictionary(pass->updated, content["update"]);
+    if (content["delete"].isDictionary()) mergeWithDictionary(pass->deleted, content["delete"]);
+    if (recovery || pass->replay) foldReplayedChange(*pass, change, content, parsedObjects);
+    const bool external = !pass->replay;
+    onMain([this, change, external] { cache_->addChange(change, external); });
+  }
+  onMain([this, pass] { refreshInsertedObjects(pass->inserted, pass->updated, pass->deleted); });
+  onMain([this, pass, recovering] {
+    hasRemoteFiles_ = pass->notOnDisk;
+    pass->completion(recovering || !(pass->missing || pass->notOnDisk));
+  });
+}
+
+void CorvaneStore::foldReplayedChange(Pass& pass, const Value& change, const Value& content,
+                                      const Value& parsedObjects) {
+  auto forEachObject = [this](const Value& byEntity, const auto& visit) {
+    for (const auto& [entityName, byUID] : byEntity.entries()) {
+      const EntityDescription* entity = entityForName(entityName.str());
+      if (entity == nullptr || !byUID.isDictionary()) continue;
+      for (const auto& entry : byUID.entries()) {
+        ObjectID id = newObjectIDForEntity(entity, entry.first);
+        if (id) visit(*entity, entry.first.str(), id);
+      }
+    }
+  };
+  const std::string& name = change["name"].str();
+  if (change["type"] == Value(kChangeTypeRecovery)) {
+    // The objects of a discarded change are read from their files again.
+    for (const char* type : {kChangeTypeInsert, kChangeTypeUpdate, kChangeTypeDelete}) {
+      forEachObject(content[type], [&](const EntityDescription& entity, const std::string& uid, const ObjectID& id) {
+        cache_->removeObjectID(id);
+        pass.unfoldable.insert(entity.name() + "/" + uid);
+      });
+    }
+    return;
+  }
+  for (const char* type : {kChangeTypeInsert, kChangeTypeUpdate}) {
+    forEachObject(content[type], [&](const EntityDescription& entity, const std::string& uid, const ObjectID& id) {
+      const std::string key = entity.name() + "/" + uid;
+      if (pass.unfoldable.contains(key)) return;
+      const std::string file = pathJoin(pathJoin(pathJoin(entitiesURL(), fileNameForEntity(entity)), uid), name);
+      Value values = parsedObjects[key];
+      if (!values.isDictionary()) {
+        // Validation skips the inserts of an entity that the change also updates.
+        if (std::optional<Bytes> bytes = readBytes(env_, file)) {
+          if (std::optional<Bytes> plain = decrypt(*bytes)) {
+            if (std::optional<Value> parsed = jsonToValue(asStringView(*plain)); parsed && parsed->isDictionary()) {
+              values = *parsed;
+            }
+          }
+        }
+      }
+      bool folded = false;
+      if (values.isDictionary()) {
+        try {
+          cache_->updateCacheForObjectID(id, values, file);
+          folded = true;
+        } catch (const Exception& e) {
+          log(e.name() + ": " + e.reason(), kCorvaneLogTypeError);
+        }
+      }
+      if (!folded) {
+        cache_->removeObjectID(id);
+        pass.unfoldable.insert(key);
+      }
+    });
+  }
+  forEachObject(content[kChangeTypeDelete],
+                [&](const EntityDescription&, const std::string&, const ObjectID& id) { cache_->removeObjectID(id); });
+}
+
+// ---- Validation ---------------------------------------------------------------------------------
+
+Value CorvaneStore::combineChangeDictionary(const Value& updates, const Value& inserts) {
+  Value combined = store_internal::mutableDictionaryCopy(updates);
+  for (const auto& [entityName, byUID] : inserts.entries()) {
+    if (combined.get(entityName).isNil()) {
+      Value entry = Value::mutableDictionary();
+      for (const auto& [uid, record] : byUID.entries()) entry.set(uid, record);
+      combined.set(entityName, entry);
+    }
+    // An entity with updates keeps only them: its inserted objects go unchecked, as every
+    // device has always done, so that all devices agree on which changes pass.
+  }
+  return combined;
+}
+
+Value CorvaneStore::validatedChanges(const Value& change, bool lightWeight) {
+  Value combined, parsedObjects;
+  if (!validateChange(change, lightWeight, &combined, &parsedObjects)) return Value();
+  return combined;
+}
+
+bool CorvaneStore::validateChange(const Value& change, bool lightWeight, Value* combinedOut, Value* parsedObjects) {
+  const Value& changes = change["changes"];
+  const Value combined = combineChangeDictionary(changes["update"], changes["insert"]);
+  *combinedOut = combined;
+  *parsedObjects = Value::mutableDictionary();
+  if (change["name"].isNil()) {
+    log(fmt::format("Change incomplete {}", change.description()), kCorvaneLogTypeError);
+    return false;
+  }
+  const std::string& name = change["name"].str();
+  const std::string changePath = pathJoin(changesURL(), name);
+  const std::string shortChange = shortURL(changePath);
+  const bool recovering = recover();
+  log(fmt::format("Begin validation {}", shortChange), kCorvaneLogTypeSuccess);
+  const std::vector<StoreMenuItem> menu = {{"Ignore", kStoreMenuActionDiscardChange, changePath},
+                                           {"Show in Finder", kStoreMenuActionShowInFinder, changePath}};
+  bool failed = false;
+  // Records a failure; answers whether validation stops here.
+  auto fail = [&](const std::string& message, const char* type) {
+    log(message, type, change, menu);
+    setErrorLevel(kCorvaneLogTypeWarning);
+    failed = true;
+    return !recovering;
+  };
+  const std::string entities = entitiesURL();
+  bool stop = false;
+  for (const auto& [entityName, byUID] : combined.entries()) {
+    log(fmt::format("Begin validation of {}", entityName.str()), kCorvaneLogTypeSuccess);
+    const std::string folder = fileNameForEntityName(entityName.str());
+    if (folder.empty()) continue;
+    for (const auto& [uid, record] : byUID.entries()) {
+      const std::string objectFolder = pathJoin(pathJoin(entities, folder), uid.str());
+      const std::string objectFile = pathJoin(objectFolder, name);
+      const std::string shortFile = shortURL(objectFile);
+      if (!lightWeight) {
+        std::optional<FileAttributes> attributes = env_->attributes(objectFile);
+        std::optional<Bytes> bytes;
+        if (!attributes) {
+          stop = fail(fmt::format("Missing file: {}", shortFile), kCorvaneLogTypeWarning);
+        } else if (!volumes_->isOnDisk(env_, objectFile)) {
+          stop = fail(fmt::format("File not on disk: {}", shortFile), kCorvaneLogTypeError);
+        } else if (attributes->size == 0) {
+          stop = fail(fmt::format("Empty file: {}", shortFile), kCorvaneLogTypeWarning);
+        } else if (bytes = readBytes(env_, objectFile); !bytes) {
+          stop = fail(fmt::format("Missing file: {}", shortFile), kCorvaneLogTypeWarning);
+        } else if (std::optional<Bytes> plain = decrypt(*bytes); !plain) {
+          // Reported, but the other files are still checked.
+          log(fmt::format("Decryption error on file: {} {}", entityName.str(), shortFile), kCorvaneLogTypeWarning,
+              change);
+          setErrorLevel(kCorvaneLogTypeWarning);
+          failed = true;
+        } else if (std::optional<Value> parsed = jsonToValue(asStringView(*plain)); !parsed || !parsed->isDictionary()) {
+          stop = fail(fmt::format("Incomplete file: {}", shortFile), kCorvaneLogTypeWarning);
+        } else {
+          parsedObjects->set(Value(entityName.str() + "/" + uid.str()), *parsed);
+        }
+        if (stop) break;
+      }
+      for (const Value& data : record["data"].elements()) {
+        const int64_t length = data["length"].longLongValue();
+        if (length == 0) continue;
+        const std::string dataFile = correctedDataURL(pathJoin(pathJoin(objectFolder, "Data"), data["name"].str()));
+        const std::string shortData = shortURL(dataFile);
+        std::optional<FileAttributes> attributes = env_->attributes(dataFile);
+        if (!attributes || !volumes_->isOnDisk(env_, dataFile)) {
+          stop = fail(fmt::format("Data file is not on disk: {}", shortData), kCorvaneLogTypeError);
+        } else if (static_cast<int64_t>(attributes->size) != length) {
+          stop = fail(fmt::format("Missing or incomplete data file: {}", shortData), kCorvaneLogTypeWarning);
+        } else if (data["hash"].isString() && !lightWeight) {
+          std::optional<Bytes> bytes = readBytes(env_, dataFile);
+          if (!bytes || corvaneSHA256HexDigest(*bytes) != data["hash"].str()) {
+            stop = fail(fmt::format("Hash mismatch for data file: {}", shortData), kCorvaneLogTypeWarning);
+          }
+        }
+        if (stop) break;
+      }
+      if (stop) break;
+    }
+    if (stop) break;
+  }
+  if (failed) {
+    log(fmt::format("Failed validation {}", shortChange), kCorvaneLogTypeError, change);
+    setErrorLevel(kCorvaneLogTypeError);
+    return recovering;
+  }
+  log(fmt::format("Completed validation {}", shortChange), kCorvaneLogTypeSuccess);
+  setErrorLevel(kCorvaneLogTypeSuccess);
+  return true;
+}
+
+std::string CorvaneStore::correctedDataURL(const std::string& path) {
+  if (env_->fileExists(path)) return path;
+  // A sync service that met two versions keeps one under a longer name ("<name> (1)").
+  const std::string folder = pathDeletingLastComponent(path);
+  const std::string name = pathLastComponent(path);
+  std::vector<std::string> entries;
+  if (!env_->listDirectory(folder, false, &entries, nullptr)) return path;
+  for (const std::string& entry : entries) {
+    if (entry.size() > name.size() && entry.compare(0, name.size(), name) == 0) return pathJoin(folder, entry);
+  }
+  return path;
+}
+
+// ---- Refreshing contexts ------------------------------------------------------------------------
+
+void corvaneRefreshObject(ManagedObjectContext& context, ManagedObject* object, CorvaneStore& store) {
+  if (object == nullptr) return;
+  store.cache()->removeObjectID(object->objectID());
+  auto* own = dynamic_cast<CorvaneManagedObjectContext*>(&context);
+  if (own != nullptr) own->setMergingExternally(true);
+  context.refreshObject(object, true);
+  if (own != nullptr) own->setMergingExternally(false);
+}
+
+std::shared_ptr<CorvaneManagedObjectContext> CorvaneManagedObjectContext::create(ConcurrencyType type) {
+  return std::make_shared<CorvaneManagedObjectContext>(type);
+}
+
+void CorvaneStore::refreshInsertedObjects(const Value& inserted, const Value& updated, const Value& deleted) {
+  if (closed_) return;
+  for (const std::shared_ptr<ManagedObjectContext>& context : contexts()) {
+    if (dynamic_cast<CorvaneManagedObjectContext*>(context.get()) == nullptr) continue;
+    std::shared_ptr<PersistentStoreCoordinator> coordinator = context->persistentStoreCoordinator();
+    if (!coordinator || coordinator->persistentStores().empty()) continue;
+    Value userInfo;
+    context->performAndWait([&] {
+      UndoManager* undo = context->undoManager();
+      if (undo != nullptr) undo->disableUndoRegistration();  // nobody can undo another device's edit
+      std::unordered_set<ObjectID, ObjectIDHash> refreshed;
+      auto collect = [&](const Value& byEntity, Value& into, bool refresh) {
+        for (const auto& [entityName, byUID] : byEntity.entries()) {
+          const EntityDescription* entity = context->entity(entityName.str());
+          if (entity == nullptr) continue;
+          for (const auto& entry : byUID.entries()) {
+            ObjectID id = newObjectIDForEntity(entity, entry.first);
+            if (!id) continue;
+            Retained<ManagedObject> object = context->objectWithID(id);
+            if (refresh && refreshed.insert(id).second) corvaneRefreshObject(*context, object.get(), *this);
+            into.append(Value::object(object.get()));
+          }
+        }
+      };
+      Value insertedObjects = Value::mutableSet();
+      Value updatedObjects = Value::mutableSet();
+      Value deletedObjects = Value::mutableSet();
+      collect(inserted, insertedObjects, true);
+      collect(updated, updatedObjects, true);
+      collect(deleted, deletedObjects, false);
+      for (const Value& gone : deletedObjects.elements()) insertedObjects.remove(gone);
+      if (undo != nullptr) undo->enableUndoRegistration();
+      if (insertedObjects.empty() && updatedObjects.empty() && deletedObjects.empty()) return;
+      userInfo = dict({{kInsertedObjectsKey, insertedObjects.copy()},
+                       {kDeletedObjectsKey, deletedObjects.copy()},
+                       {kUpdatedObjectsKey, updatedObjects.copy()}});
+    });
+    if (userInfo.isNil()) continue;
+    NotificationCenter& center = NotificationCenter::defaultCenter();
+    center.post(kCorvaneObjectsWillChangeExternallyNotification, context.get(), userInfo);
+    center.post(kCorvaneObjectsChangedInManagingContextNotification, context.get(), userInfo);
+    center.post(kCorvaneObjectsDidChangeExternallyNotification, context.get(), userInfo);
+    if (environment_->documentNotifier) environment_->documentNotifier(context.get(), userInfo);
+  }
+}
+
+}  // namespace corvane

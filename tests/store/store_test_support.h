@@ -1,0 +1,192 @@
+// A model, a fake clock, private folders and helpers that open CorvaneStores for the store tests.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "corvane/cache/cache.h"
+#include "corvane/foundation/json.h"
+#include "corvane/foundation/manual_clock_env.h"
+#include "corvane/foundation/notification_center.h"
+#include "corvane/foundation/run_loop.h"
+#include "corvane/foundation/user_defaults.h"
+#include "corvane/graph/object_model.h"
+#include "corvane/store/corvane_change.h"
+#include "corvane/store/corvane_managed_object_context.h"
+#include "corvane/store/corvane_persistent_store_coordinator.h"
+#include "corvane/store/corvane_store.h"
+#include "support/printers.h"
+#include "support/temp_dir.h"
+
+namespace corvane::testing {
+
+// People with every attribute type, friends (to-many), children (ordered to-many), an employer
+// (to-one); companies; an abstract Thing with a concrete Gadget.
+inline const char* kStoreModelJSON = R"({"entities": [
+  {"name": "Person", "attributes": [
+    {"name": "name", "type": "string"},
+    {"name": "age", "type": "integer32"},
+    {"name": "rank", "type": "integer16"},
+    {"name": "serial", "type": "integer64"},
+    {"name": "balance", "type": "decimal"},
+    {"name": "height", "type": "double"},
+    {"name": "weight", "type": "float"},
+    {"name": "active", "type": "boolean"},
+    {"name": "born", "type": "date"},
+    {"name": "photo", "type": "binary"}],
+   "relationships": [
+    {"name": "friends", "destination": "Person", "inverse": "friendOf", "toMany": true},
+    {"name": "friendOf", "destination": "Person", "inverse": "friends", "toMany": true},
+    {"name": "children", "destination": "Person", "inverse": "parent", "toMany": true, "ordered": true},
+    {"name": "parent", "destination": "Person", "inverse": "children"},
+    {"name": "employer", "destination": "Company", "inverse": "staff"}]},
+  {"name": "Company", "attributes": [{"name": "name", "type": "string"}],
+   "relationships": [{"name": "staff", "destination": "Person", "inverse": "employer", "toMany": true}]},
+  {"name": "Thing", "abstract": true, "attributes": [{"name": "label", "type": "string"}]},
+  {"name": "Gadget", "parent": "Thing"}
+]})";
+
+inline std::shared_ptr<ObjectModel> storeTestModel() {
+  static std::shared_ptr<ObjectModel> model = [] {
+    Error error;
+    auto m = ObjectModel::fromJSON(kStoreModelJSON, &error);
+    if (!m) ADD_FAILURE() << error.localizedDescription;
+    return m;
+  }();
+  return model;
+}
+
+// Answers "not on disk" for chosen paths, like online-only placeholders.
+class FakeVolumes : public StoreVolumeQueries {
+ public:
+  std::set<std::string> remote;
+  bool isOnDisk(Env* env, const std::string& path) override {
+    return !remote.contains(path) && StoreVolumeQueries::isOnDisk(env, path);
+  }
+};
+
+// An open store with its coordinator and a main-queue context.
+struct OpenStore {
+  std::shared_ptr<CorvanePersistentStoreCoordinator> coordinator;
+  CorvaneStore* store = nullptr;
+  std::shared_ptr<CorvaneManagedObjectContext> context;
+  explicit operator bool() const { return store != nullptr; }
+};
+
+class StoreTest : public ::testing::Test {
+ protected:
+  StoreTest() {
+    CorvaneStore::registerStoreType();
+    environment_->env = &env;
+    environment_->defaults = std::make_shared<UserDefaults>(&env, dir / "defaults.plist");
+    environment_->volumes = volumes;
+    environment_->encryptionRounds = 1000;
+    readyObserver_ = NotificationCenter::defaultCenter().addObserver(kCorvaneReadyNotification, nullptr,
+                                                                     [this](const Notification&) { ++readyCount_; });
+  }
+  ~StoreTest() override {
+    CorvaneStore::waitForRecentFilesRegistration();
+    RunLoop::main().discardPendingWork();
+  }
+
+  Value options(const Value& extra = Value()) {
+    Value o = Value::mutableDictionary();
+    o.set(Value(kCorvaneCacheRootURLOption), Value(cacheRoot));
+    o.set(Value(kCorvaneStoreEnvironmentOption), environmentValue_);
+    for (const auto& [key, value] : extra.entries()) o.set(key, value);
+    return o.copy();
+  }
+
+  // Opens the package and waits for the first update pass.
+  OpenStore open(const Value& extra = Value(), Error* error = nullptr, const std::string& path = {}) {
+    OpenStore opened;
+    opened.coordinator = std::make_shared<CorvanePersistentStoreCoordinator>(storeTestModel());
+    const int before = readyCount_;
+    auto* added = opened.coordinator->addPersistentStore(kCorvaneStoreType, "", path.empty() ? package : path,
+                                                         options(extra), error);
+    if (added == nullptr) return opened;
+    opened.store = static_cast<CorvaneStore*>(added);
+    waitUntil([&] { return readyCount_ > before; });
+    opened.context = CorvaneManagedObjectContext::create(ConcurrencyType::MainQueue);
+    opened.context->setPersistentStoreCoordinator(opened.coordinator);
+    return opened;
+  }
+
+  // Closes as a document does and lets the store go.
+  void close(OpenStore& opened) {
+    if (!opened) return;
+    opened.context.reset();
+    opened.store->close();
+    opened.coordinator.reset();
+    opened.store = nullptr;
+    RunLoop::main().discardPendingWork();
+  }
+
+  void waitUntil(const std::function<bool()>& done) {
+    ASSERT_TRUE(RunLoop::main().runUntil(done, 30)) << "timed out";
+  }
+  // Runs what the store handed to the main loop (log entries, cache updates).
+  void drain() {
+    for (int i = 0; i < 5; ++i) RunLoop::main().runOnce();
+  }
+  // Runs an update pass and waits for its end.
+  void update(CorvaneStore* store) {
+    const int before = readyCount_;
+    store->updateChanges();
+    waitUntil([&] { return readyCount_ > before; });
+    drain();
+  }
+
+  bool save(OpenStore& opened) {
+    Error error;
+    bool ok = opened.context->save(&error);
+    EXPECT_TRUE(ok) << error.localizedDescription;
+    opened.store->waitForSaves();
+    drain();
+    return ok;
+  }
+
+  std::vector<std::string> messages(CorvaneStore* store) {
+    drain();
+    std::vector<std::string> out;
+    for (const StoreLogEntry& entry : store->logEntries()) out.push_back(entry.message);
+    return out;
+  }
+  std::optional<StoreLogEntry> entryContaining(CorvaneStore* store, const std::string& fragment) {
+    drain();
+    for (const StoreLogEntry& entry : store->logEntries()) {
+      if (entry.message.find(fragment) != std::string::npos) return entry;
+    }
+    return std::nullopt;
+  }
+
+  std::vector<std::string> list(const std::string& folder) {
+    std::vector<std::string> names;
+    env.listDirectory(folder, true, &names, nullptr);
+    return names;
+  }
+  Value readJSON(const std::string& path) {
+    auto parsed = jsonToValue(readTextFile(path));
+    return parsed ? *parsed : Value();
+  }
+
+  TempDir dir;
+  ManualClockEnv env;
+  ScopedRunLoopEnv clock_{RunLoop::main(), &env};
+  std::shared_ptr<FakeVolumes> volumes = std::make_shared<FakeVolumes>();
+  std::string package = dir / "Doc.corvane";
+  std::string cacheRoot = dir / "caches";
+  Value environmentValue_ = Value::object(new StoreEnvironment());
+  StoreEnvironment* environment_ = static_cast<StoreEnvironment*>(environmentValue_.objectPointer());
+  int readyCount_ = 0;
+  NotificationCenter::Observer readyObserver_;
+};
+
+}  // namespace corvane::testing
