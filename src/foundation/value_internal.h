@@ -211,30 +211,22 @@ struct ValueAccess {
     n->retain();
     return v;
   }
-  static Value scalar(NumberKind kind, int64_t i) noexcept {
-    Value v;
-    v.kind_ = ValueKind::Number;
-    v.numberKind_ = kind;
-    v.scalar_.i = i;
-    return v;
-  }
-  static Value scalarUnsigned(NumberKind kind, uint64_t u) noexcept {
-    Value v;
-    v.kind_ = ValueKind::Number;
-    v.numberKind_ = kind;
-    v.scalar_.u = u;
-    return v;
-  }
-  static Value scalarDouble(NumberKind kind, double d) noexcept {
-    Value v;
-    v.kind_ = ValueKind::Number;
-    v.numberKind_ = kind;
-    v.scalar_.d = d;
-    return v;
-  }
+  // Plain numbers, stored as the signed, unsigned or floating-point member.
+  static Value scalar(NumberKind kind, int64_t i) noexcept { return number(kind, Value::Scalar{.i = i}); }
+  static Value scalarUnsigned(NumberKind kind, uint64_t u) noexcept { return number(kind, Value::Scalar{.u = u}); }
+  static Value scalarDouble(NumberKind kind, double d) noexcept { return number(kind, Value::Scalar{.d = d}); }
   static int64_t i(const Value& v) noexcept { return v.scalar_.i; }
   static uint64_t u(const Value& v) noexcept { return v.scalar_.u; }
   static double d(const Value& v) noexcept { return v.scalar_.d; }
+
+ private:
+  static Value number(NumberKind kind, Value::Scalar payload) noexcept {
+    Value v;
+    v.kind_ = ValueKind::Number;
+    v.numberKind_ = kind;
+    v.scalar_ = payload;
+    return v;
+  }
 };
 
 // Helpers shared by the value sources.
