@@ -140,6 +140,9 @@ void CorvaneStore::writeInfo(const Value& options) {
   const std::string& path = url();
   if (env_->fileExists(path)) return;
   env_->createDirectory(path, true, nullptr);
+  // A package is recognised by these folders as well, so a new one has them from the start.
+  env_->createDirectory(pathJoin(path, "Changes"), true, nullptr);
+  env_->createDirectory(pathJoin(path, "Entities"), true, nullptr);
   Value info = Value::mutableDictionary();
   const Value& identifier = options[kCorvaneDocumentIdentifierOption];
   info.set(Value("DocumentIdentifier"), identifier.isString() ? identifier : Value(env_->newUUIDString()));
@@ -344,7 +347,8 @@ Value CorvaneStore::metadata() const {
     fetchingMetadata_ = true;
   }
   Value merged = store_internal::mutableDictionaryCopy(PersistentStore::metadata());
-  for (const auto& [key, value] : infoDictionary().entries()) merged.set(key, value);
+  const Value info = infoDictionary();
+  for (const auto& [key, value] : info.entries()) merged.set(key, value);
   std::lock_guard<std::mutex> lock(metadataMutex_);
   fetchingMetadata_ = false;
   cachedMetadata_ = merged.copy();

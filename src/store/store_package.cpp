@@ -48,7 +48,8 @@ std::string CorvaneStore::documentIdentifierForURL(const std::string& url, Env* 
 }
 
 bool CorvaneStore::documentExistsAtURL(const std::string& url, const std::string& identifier, Env* env) {
-  const Value& found = infoDictionaryForURL(url, env)["DocumentIdentifier"];
+  const Value info = infoDictionaryForURL(url, env);
+  const Value& found = info["DocumentIdentifier"];
   return found.isString() && found.str() == identifier;
 }
 

@@ -101,7 +101,14 @@ void saveFromStore(ManagedObject& object, CorvaneStore* fromStore, CorvaneStore&
     if (allValues) {
       properties = entity.properties();
     } else {
-      for (const Value& key : object.changedValues().keys()) {
+      const Value changed = object.changedValues();
+      for (const Value& key : changed.keys()) {
+        if (const PropertyDescription* p = entity.property(key.str())) properties.push_back(p);
+      }
+      // A value set to nothing has no entry among the changed values: find it by what it was.
+      const Value committed = object.committedValues();
+      for (const auto& [key, before] : committed.entries()) {
+        if (changed.contains(key) || !object.primitiveValue(key.str()).isNil()) continue;
         if (const PropertyDescription* p = entity.property(key.str())) properties.push_back(p);
       }
     }

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <functional>
 #include <map>
 #include <memory>
@@ -83,6 +84,12 @@ struct OpenStore {
 class StoreTest : public ::testing::Test {
  protected:
   StoreTest() {
+    // Trash, caches and settings of the code under test stay inside the test's folder.
+    for (const char* variable : {"XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_CONFIG_HOME"}) {
+      const char* old = std::getenv(variable);
+      savedVariables_.emplace_back(variable, old != nullptr ? std::optional<std::string>(old) : std::nullopt);
+      setenv(variable, (dir / (std::string("xdg-") + variable)).c_str(), 1);
+    }
     CorvaneStore::registerStoreType();
     environment_->env = &env;
     environment_->defaults = std::make_shared<UserDefaults>(&env, dir / "defaults.plist");
@@ -94,6 +101,13 @@ class StoreTest : public ::testing::Test {
   ~StoreTest() override {
     CorvaneStore::waitForRecentFilesRegistration();
     RunLoop::main().discardPendingWork();
+    for (const auto& [variable, old] : savedVariables_) {
+      if (old) {
+        setenv(variable.c_str(), old->c_str(), 1);
+      } else {
+        unsetenv(variable.c_str());
+      }
+    }
   }
 
   Value options(const Value& extra = Value()) {
@@ -178,6 +192,7 @@ class StoreTest : public ::testing::Test {
   }
 
   TempDir dir;
+  std::vector<std::pair<std::string, std::optional<std::string>>> savedVariables_;
   ManualClockEnv env;
   ScopedRunLoopEnv clock_{RunLoop::main(), &env};
   std::shared_ptr<FakeVolumes> volumes = std::make_shared<FakeVolumes>();

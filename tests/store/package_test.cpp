@@ -1,0 +1,199 @@
+// The package: Info.plist, recognition, passwords, entity folder names, the class operations.
+#include "corvane/foundation/application_info.h"
+#include "corvane/foundation/plist.h"
+#include "store/store_test_support.h"
+
+namespace corvane::testing {
+namespace {
+
+class PackageTest : public StoreTest {
+ protected:
+  Value info() {
+    Value v;
+    EXPECT_TRUE(readPropertyListFile(&env, package + "/Info.plist", &v));
+    return v;
+  }
+};
+
+bool isUpperUUID(const std::string& s) {
+  if (s.size() != 36) return false;
+  for (size_t i = 0; i < s.size(); ++i) {
+    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+    if (dash != (s[i] == '-')) return false;
+    if (!dash && !std::isdigit(static_cast<unsigned char>(s[i])) && !(s[i] >= 'A' && s[i] <= 'F')) return false;
+  }
+  return true;
+}
+
+TEST_F(PackageTest, NewPackageHasEveryInfoKeyAndItsFolders) {
+  ApplicationInfo host;
+  host.identifier = "com.example.Ledger";
+  host.version = "77";
+  host.shortVersion = "7.7";
+  ApplicationInfo::setCurrent(host);
+  OpenStore s = open(dict({{"DocumentInfo", dict({{"Title", "Books"}})}, {"DocumentOptions", dict({{"A", 1}})}}));
+  ASSERT_TRUE(s);
+  const Value i = info();
+  EXPECT_TRUE(isUpperUUID(i["DocumentIdentifier"].str())) << i["DocumentIdentifier"].str();
+  EXPECT_EQ(i["DocumentInfo"], dict({{"Title", "Books"}}));
+  EXPECT_EQ(i["DocumentOptions"], dict({{"A", 1}}));
+  EXPECT_EQ(i["Application"], dict({{"CFBundleIdentifier", "com.example.Ledger"},
+                                    {"CFBundleVersion", "77"},
+                                    {"CFBundleShortVersionString", "7.7"}}));
+  EXPECT_EQ(i["Corvane"], dict({{"CFBundleIdentifier", kFrameworkBundleIdentifier},
+                                {"CFBundleVersion", kFrameworkVersion},
+                                {"CFBundleShortVersionString", kFrameworkShortVersion}}));
+  EXPECT_TRUE(i["DateCreation"].isDate());
+  EXPECT_NEAR(i["DateCreation"].dateValue(), env.now(), 1.0);
+  EXPECT_TRUE(i["Encryption"].isNil());
+  for (const char* folder : {"Changes", "Entities", "Errors"}) EXPECT_TRUE(pathExists(package + "/" + folder)) << folder;
+  EXPECT_TRUE(CorvaneStore::isCorrectFormat(package, &env));
+  EXPECT_EQ(CorvaneStore::documentIdentifierForURL(package, &env), i["DocumentIdentifier"].str());
+  EXPECT_TRUE(CorvaneStore::documentExistsAtURL(package, i["DocumentIdentifier"].str(), &env));
+  EXPECT_FALSE(CorvaneStore::documentExistsAtURL(package, "other", &env));
+  // The store's identity in object-ID URIs is the document's.
+  EXPECT_EQ(s.store->identifier(), i["DocumentIdentifier"].str());
+  const Value metadata = s.store->metadata();
+  EXPECT_EQ(metadata[kStoreTypeKey], Value(kCorvaneStoreType));
+  EXPECT_EQ(metadata["Corvane"], i["Corvane"]);
+  close(s);
+  ApplicationInfo::setCurrent(ApplicationInfo());
+}
+
+TEST_F(PackageTest, OpeningAnExistingPackageWritesNothingIntoIt) {
+  OpenStore s = open(dict({{"DocumentIdentifier", "FIRST"}}));
+  close(s);
+  const std::string before = readTextFile(package + "/Info.plist");
+  OpenStore again = open(dict({{"DocumentIdentifier", "SECOND"}, {"DocumentInfo", dict({{"x", 1}})}}));
+  ASSERT_TRUE(again);
+  EXPECT_EQ(readTextFile(package + "/Info.plist"), before);
+  EXPECT_EQ(again.store->documentIdentifier(), "FIRST");
+  close(again);
+}
+
+TEST_F(PackageTest, EncryptedPackageEntryPasswordsAndHashedFolderNames) {
+  OpenStore s = open(dict({{"password", "secret"}}));
+  ASSERT_TRUE(s);
+  const Value encryption = info()["Encryption"];
+  EXPECT_EQ(encryption["Salt"].bytes().size(), 64u);
+  EXPECT_EQ(encryption["Rounds"], Value(1000));
+  EXPECT_TRUE(encryption["Info"].isData());
+  EXPECT_TRUE(CorvaneStore::canOpenURL(package, std::string("secret"), &env));
+  EXPECT_FALSE(CorvaneStore::canOpenURL(package, std::string("Secret"), &env));
+  EXPECT_FALSE(CorvaneStore::canOpenURL(package, std::nullopt, &env));
+  // SHA-256 of "(null).Person.org.corvane.Corvane": the salt slot never held the salt.
+  EXPECT_EQ(s.store->fileNameForEntityName("Person"), "8D76580C0EFC1B41F39C3DE2227191D2F901C22B18FADBC9EA825184DA5071AD");
+  EXPECT_EQ(s.store->fileNameForEntityName("Company"),
+            "8E482B3807E2F11348A8FD714E867C5FA8E304CDB22AC8E9614F6F9DB5A8EF54");
+  EXPECT_EQ(s.store->entityNameForFileName("8D76580C0EFC1B41F39C3DE2227191D2F901C22B18FADBC9EA825184DA5071AD"),
+            "Person");
+  close(s);
+
+  Error error;
+  EXPECT_FALSE(open(dict({{"password", "wrong"}}), &error));
+  EXPECT_NE(error.localizedDescription.find("password does not open"), std::string::npos);
+  EXPECT_FALSE(open(Value(), &error));
+  EXPECT_NE(error.localizedDescription.find("password is needed"), std::string::npos);
+  OpenStore right = open(dict({{"password", "secret"}}));
+  EXPECT_TRUE(right);
+  close(right);
+}
+
+TEST_F(PackageTest, PlainPackagesKeepEntityNamesAndRefuseAPassword) {
+  OpenStore s = open();
+  EXPECT_EQ(s.store->fileNameForEntityName("Person"), "Person");
+  EXPECT_EQ(s.store->fileNameForEntityName("Nobody"), "");
+  close(s);
+  Error error;
+  EXPECT_FALSE(open(dict({{"password", "secret"}}), &error));
+  EXPECT_NE(error.localizedDescription.find("not encrypted"), std::string::npos);
+  EXPECT_TRUE(CorvaneStore::canOpenURL(package, std::nullopt, &env));
+  EXPECT_FALSE(CorvaneStore::canOpenURL(package, std::string("secret"), &env));
+}
+
+TEST_F(PackageTest, RecognitionNeedsAllThreeEntriesAndTheFrameworkKey) {
+  OpenStore s = open();
+  close(s);
+  EXPECT_TRUE(CorvaneStore::isCorrectFormat(package, &env));
+  env.removeItem(package + "/Entities", nullptr);
+  EXPECT_FALSE(CorvaneStore::isCorrectFormat(package, &env));
+  env.createDirectory(package + "/Entities", false, nullptr);
+  Value i = info().mutableCopy();
+  i.remove(Value("Corvane"));
+  writePropertyListFile(&env, package + "/Info.plist", i);
+  EXPECT_FALSE(CorvaneStore::isCorrectFormat(package, &env));
+  Error error;
+  EXPECT_FALSE(open(Value(), &error));
+  EXPECT_NE(error.localizedDescription.find("is not a Corvane document"), std::string::npos);
+
+  // An Info.plist that is an online-only placeholder: the user is told.
+  writeTextFile(package + "/Info.plist", "");
+  std::vector<std::string> alerts;
+  environment_->showAlert = [&](const std::string& m, const std::string&) { alerts.push_back(m); };
+  volumes->remote.insert(package + "/Info.plist");
+  EXPECT_FALSE(CorvaneStore::isCorrectFormat(package, &env, environment_));
+  EXPECT_EQ(alerts.size(), 1u);
+}
+
+TEST_F(PackageTest, FileExtensionComesFromTheDocumentTypes) {
+  ApplicationInfo host;
+  ApplicationInfo::setCurrent(host);
+  EXPECT_EQ(CorvaneStore::fileExtension(), std::nullopt);
+  host.documentTypes = arr({dict({{"NSPersistentStoreTypeKey", "SQLite"}, {"CFBundleTypeExtensions", arr({"sql"})}}),
+                            dict({{"NSPersistentStoreTypeKey", "CorvaneStore"},
+                                  {"CFBundleTypeExtensions", arr({"ledger", "ldg"})}})});
+  ApplicationInfo::setCurrent(host);
+  EXPECT_EQ(CorvaneStore::fileExtension(), std::optional<std::string>("ledger"));
+  ApplicationInfo::setCurrent(ApplicationInfo());
+}
+
+TEST_F(PackageTest, PrepareNewStoreTrashesTheOldPackageAndResetsItsCache) {
+  OpenStore s = open();
+  close(s);
+  CorvaneStore::prepareNewStoreAtURL(package, &env, environment_->defaults);
+  EXPECT_FALSE(pathExists(package));
+  const Value records = environment_->defaults->arrayForKey(kCorvaneOverwrittenFilesKey);
+  ASSERT_EQ(records.count(), 1u);
+  EXPECT_EQ(records.at(0)["originalPath"], Value(package));
+  EXPECT_TRUE(pathExists(records.at(0)["trashPath"].str()));
+  EXPECT_TRUE(records.at(0)["date"].isDate());
+}
+
+TEST_F(PackageTest, RecentFilesKeepOneRecordPerPackage) {
+  OpenStore s = open();
+  close(s);
+  OpenStore again = open();
+  close(again);
+  CorvaneStore::waitForRecentFilesRegistration();
+  const Value records = environment_->defaults->arrayForKey(kCorvaneRecentFilesKey);
+  ASSERT_EQ(records.count(), 1u);
+  EXPECT_EQ(records.at(0)["Path"], Value(package));
+  EXPECT_EQ(records.at(0)["BackupPath"], Value("No Time Machine Backup found"));
+  EXPECT_TRUE(records.at(0)["DocumentInfo"]["DocumentIdentifier"].isString());
+}
+
+TEST_F(PackageTest, SessionIdentityAndDocumentIdentifier) {
+  env.setMachineName("Ann's Laptop");
+  env.setFullUserName("Ann Example");
+  env.setUserName("ann");
+  env.setOsVersion("Debian 12");
+  OpenStore s = open();
+  const Value session = s.store->sessionDictionary();
+  EXPECT_EQ(session["machineName"], Value("Ann's Laptop"));
+  EXPECT_EQ(session["fullUserName"], Value("Ann Example"));
+  EXPECT_EQ(session["userName"], Value("ann"));
+  EXPECT_EQ(session["osVersion"], Value("Debian 12"));
+  EXPECT_TRUE(isUpperUUID(session["id"].str()));
+  EXPECT_TRUE(session["userInfo"].isNil());
+  s.store->setUserInfo(dict({{"team", "blue"}}));
+  EXPECT_EQ(s.store->sessionDictionary()["userInfo"], dict({{"team", "blue"}}));
+  s.store->setDocumentIdentifier("NEW-ID");
+  EXPECT_EQ(CorvaneStore::documentIdentifierForURL(package, &env), "NEW-ID");
+  close(s);
+  OpenStore second = open();
+  EXPECT_NE(second.store->session(), session["id"].str());  // a new session at every opening
+  close(second);
+}
+
+}  // namespace
+}  // namespace corvane::testing
