@@ -65,7 +65,7 @@ std::optional<std::string> CorvaneVolumeURL(Env* env, const std::string& path);
 // unless, among the first kCorvaneOnDiskEntryLimit entries of a depth-first walk (hidden items
 // skipped, names in byte order, symbolic links neither followed nor judged), an entry has
 // vanished or is a regular file occupying no blocks. A missing path is not on disk; neither
-// is a folder that cannot be listed.
+// is a folder that cannot be listed. A link at `path` itself stands for its target.
 bool CorvaneIsOnDisk(Env* env, const std::string& path);
 
 // The name of the sync service owning the folder of `path` ("Dropbox", "Google Drive",
@@ -76,7 +76,8 @@ bool CorvaneIsOnDisk(Env* env, const std::string& path);
 std::optional<std::string> CorvaneServiceType(Env* env, const std::string& path);
 
 // Bytes allocated on disk: for a folder, the sum over every regular file below it (hidden
-// ones included, links not followed); for anything else, its own allocation; 0 when missing.
+// ones included, links below it not followed); for anything else, its own allocation; 0 when
+// missing. A link at `path` to a folder is measured as that folder.
 uint64_t CorvaneTotalSize(Env* env, const std::string& path);
 
 // Bytes available to the user on the volume of `path`; 0 when unknown. (The missing "l" is
