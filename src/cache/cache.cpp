@@ -66,10 +66,10 @@ CorvaneCache::CorvaneCache(CorvaneCacheStoreServices* store, RunLoop* mainLoop)
       saveQueue_(std::string(kFrameworkBundleIdentifier) + ".CacheSaveQueue") {
   CorvaneCacheItem::registerClass();
   auto& center = NotificationCenter::defaultCenter();
-  saveObserver_ = center.addObserver(kApplicationWillTerminateNotification, nullptr,
-                                     [this](const Notification&) { save(); });
-  terminateObserver_ = center.addObserver(kApplicationWillTerminateNotification, nullptr,
-                                          [this](const Notification&) { terminate(); });
+  saveObserver_ =
+      center.addObserver(kApplicationWillTerminateNotification, nullptr, [this](const Notification&) { save(); });
+  terminateObserver_ =
+      center.addObserver(kApplicationWillTerminateNotification, nullptr, [this](const Notification&) { terminate(); });
 }
 
 CorvaneCache::~CorvaneCache() {

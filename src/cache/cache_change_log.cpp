@@ -98,7 +98,9 @@ void CorvaneCache::invalidateObjectUIDs(const Value& lists) {
   }
 }
 
-Value CorvaneCache::objectUIDsForEntity(const EntityDescription& entity) { return objectUIDsForEntityName(entity.name()); }
+Value CorvaneCache::objectUIDsForEntity(const EntityDescription& entity) {
+  return objectUIDsForEntityName(entity.name());
+}
 
 Value CorvaneCache::objectUIDsForEntityName(const std::string& entityName) {
   return cacheForEntityUIDs(entityName)->content();

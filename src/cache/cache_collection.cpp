@@ -160,7 +160,7 @@ size_t CorvaneCacheCollection::count() {
 // ---- Dictionary ------------------------------------------------------------------------------
 
 std::shared_ptr<CorvaneCacheDictionary> CorvaneCacheDictionary::dictionaryWithStore(CorvaneCacheStoreServices* store,
-                                                                                   std::string url) {
+                                                                                    std::string url) {
   return std::shared_ptr<CorvaneCacheDictionary>(new CorvaneCacheDictionary(store, std::move(url)));
 }
 

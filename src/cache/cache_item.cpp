@@ -60,7 +60,9 @@ CorvaneCacheItem::CorvaneCacheItem(FCNSDecoder& decoder)
       extraData_(decoder.decodeObjectForKey("extraData")),
       state_(decoder.decodeObjectForKey("state")) {}
 
-CorvaneCacheItemPtr CorvaneCacheItem::create() { return CorvaneCacheItemPtr::fromValue(Value::object(new CorvaneCacheItem())); }
+CorvaneCacheItemPtr CorvaneCacheItem::create() {
+  return CorvaneCacheItemPtr::fromValue(Value::object(new CorvaneCacheItem()));
+}
 
 void CorvaneCacheItem::registerClass() {
   static std::once_flag once;
@@ -192,8 +194,8 @@ void CorvaneCacheItem::dropDerived(bool relationsChanged) {
 
 // ---- Reading ---------------------------------------------------------------------------------
 
-void CorvaneCacheItem::parseMissing(const ObjectID& objectID, CorvaneCacheStoreServices* store, bool toOne,
-                                    bool toMany, bool data) {
+void CorvaneCacheItem::parseMissing(const ObjectID& objectID, CorvaneCacheStoreServices* store, bool toOne, bool toMany,
+                                    bool data) {
   if (toOne && parsedToOneRelations_.isNil()) parsedToOneRelations_ = parseRelationsForObjectID(objectID, store, false);
   if (toMany && parsedToManyRelations_.isNil()) {
     parsedToManyRelations_ = parseRelationsForObjectID(objectID, store, true);
@@ -276,7 +278,8 @@ Value CorvaneCacheItem::parseRelationsForObjectID(const ObjectID& objectID, Corv
       if (!toMany) break;  // a to-one relationship takes the first target that resolves
     }
     if (toMany) {
-      result.set(name, relationship->isOrdered() ? Value::orderedSet(std::move(targets)) : Value::set(std::move(targets)));
+      result.set(name,
+                 relationship->isOrdered() ? Value::orderedSet(std::move(targets)) : Value::set(std::move(targets)));
     } else if (!targets.empty()) {
       result.set(name, targets.front());
     }

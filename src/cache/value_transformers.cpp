@@ -103,8 +103,7 @@ Value CorvaneNSNumber800ValueTransformer::reverseTransformedValue(const Value& v
 
 // ---- Dates ---------------------------------------------------------------------------------
 
-CorvaneNSDateValueTransformer::CorvaneNSDateValueTransformer()
-    : CorvaneNSDateValueTransformer(DateTimeZone::gmt()) {}
+CorvaneNSDateValueTransformer::CorvaneNSDateValueTransformer() : CorvaneNSDateValueTransformer(DateTimeZone::gmt()) {}
 
 CorvaneNSDateValueTransformer::CorvaneNSDateValueTransformer(DateTimeZone zone)
     : formatter_(kTimestampDatePattern, zone) {}
@@ -140,7 +139,8 @@ Value CorvaneNSDataValueTransformer::reverseTransformedValue(const Value& value)
 namespace {
 long countUIDs(const Value& byEntity) {
   long n = 0;
-  for (const auto& entry : byEntity.entries()) n += static_cast<long>(entry.second.isDictionary() ? entry.second.count() : 0);
+  for (const auto& entry : byEntity.entries())
+    n += static_cast<long>(entry.second.isDictionary() ? entry.second.count() : 0);
   return n;
 }
 }  // namespace

@@ -87,8 +87,9 @@ TEST_F(ChangeLogTest, TheChainListsTheFiftyNewestNewestFirst) {
   cache->addChange(changeRecord("last", {}), false);
   Value chain = cache->changesChain();
   ASSERT_EQ(chain.count(), 50u);
-  EXPECT_EQ(chain.at(0), dict({{"name", "last"}, {"machineName", "box"}, {"fullUserName", "Ann"}, {"osVersion", "12"},
-                               {"version", "7"}}));
+  EXPECT_EQ(
+      chain.at(0),
+      dict({{"name", "last"}, {"machineName", "box"}, {"fullUserName", "Ann"}, {"osVersion", "12"}, {"version", "7"}}));
   EXPECT_EQ(chain.at(1), dict({{"name", "c50"}}));  // missing values are left out
   EXPECT_EQ(chain.at(49)["name"], Value("c2"));
 }

@@ -28,7 +28,9 @@ class CacheCollectionTest : public ::testing::Test {
     EXPECT_TRUE(h.env.readFile(url(key) + ".fast", &bytes, nullptr));
     return bytes;
   }
-  void writeGraph(const std::string& key, const Value& root) { writeFile(key, *h.store.encrypt(*FastCoder::dataWithRootObject(root))); }
+  void writeGraph(const std::string& key, const Value& root) {
+    writeFile(key, *h.store.encrypt(*FastCoder::dataWithRootObject(root)));
+  }
 };
 
 TEST_F(CacheCollectionTest, ABadFileIsLoggedOnceAndReadsAsEmptyDirtyContent) {
@@ -91,7 +93,8 @@ TEST_F(CacheCollectionTest, AMissingFileOrAFileOfTheWrongShape) {
   auto uids = CorvaneCacheSet::setWithStore(&h.store, url("Person_uids"));
   EXPECT_EQ(uids->count(), 0u);
   EXPECT_TRUE(uids->corruptionDetected());
-  EXPECT_EQ(h.store.logMessages(), std::vector<std::string>{"Cache corruption detected in Person_uids: the file does not hold an array"});
+  EXPECT_EQ(h.store.logMessages(),
+            std::vector<std::string>{"Cache corruption detected in Person_uids: the file does not hold an array"});
 }
 
 TEST_F(CacheCollectionTest, ASetIsWrittenAsAnArrayAndDuplicatesCollapse) {
@@ -103,10 +106,12 @@ TEST_F(CacheCollectionTest, ASetIsWrittenAsAnArrayAndDuplicatesCollapse) {
   EXPECT_TRUE(uids->invalid());
   uids->saveIfNeeded();
   // Derived from the format: an immutable array (10) of two strings (8), registered after them.
+  // clang-format off
   const Bytes expected = {0x54, 0x53, 0x41, 0x46, 0x03, 0x00, 0x03, 0x00, 0x01, 0x00, 0x00, 0x00,
                           0x00, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00,  // 1 object, 2 strings
                           0x0A, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00,  // array of 2
                           0x08, 'B', 0x00, 0x08, 'C', 0x00};
+  // clang-format on
   EXPECT_EQ(readFile("Person_uids"), expected);
 }
 

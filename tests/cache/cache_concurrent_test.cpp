@@ -14,8 +14,8 @@ namespace corvane {
 namespace {
 
 using testing::CacheHarness;
-using testing::FakeStore;
 using testing::changeRecord;
+using testing::FakeStore;
 using testing::kUID0;
 using testing::kUID1;
 using testing::objectEntry;
@@ -61,7 +61,8 @@ TEST(CacheConcurrency, ReadersWritersInvalidationsAndSavesInterleave) {
   auto cache = h.boundCache();
   h.store.loader = [&](const ObjectID& id) { return itemNamed(h.store, "loaded " + storeUID(id)); };
   std::vector<ObjectID> ids;
-  for (int i = 0; i < 32; ++i) ids.push_back(h.store.idFor("Person", std::string(1, "0123456789ABCDEF"[i % 16]) + std::to_string(i)));
+  for (int i = 0; i < 32; ++i)
+    ids.push_back(h.store.idFor("Person", std::string(1, "0123456789ABCDEF"[i % 16]) + std::to_string(i)));
 
   std::atomic<bool> stop{false};
   std::vector<std::thread> threads;
@@ -79,7 +80,8 @@ TEST(CacheConcurrency, ReadersWritersInvalidationsAndSavesInterleave) {
   threads.emplace_back([&] {
     for (int round = 0; round < 200; ++round) {
       const ObjectID& id = ids[(round * 5) % ids.size()];
-      cache->updateCacheForObjectID(id, objectEntry(dict({{"name", entry(Value("saved " + std::to_string(round)))}})), "");
+      cache->updateCacheForObjectID(id, objectEntry(dict({{"name", entry(Value("saved " + std::to_string(round)))}})),
+                                    "");
       if (round % 3 == 0) cache->removeObjectID(ids[(round * 11) % ids.size()]);
     }
   });
@@ -119,7 +121,8 @@ TEST(CacheConcurrency, ChangesArriveWhileTheBackgroundFillingRuns) {
     }
   });
   std::thread reader([&] {
-    for (int i = 0; i < 100; ++i) cache->valuesForObjectID(h.store.idFor("Person", uids[(i * 3) % uids.size()]), nullptr);
+    for (int i = 0; i < 100; ++i)
+      cache->valuesForObjectID(h.store.idFor("Person", uids[(i * 3) % uids.size()]), nullptr);
   });
   external.join();
   reader.join();

@@ -26,7 +26,9 @@ class CacheItemTest : public ::testing::Test {
   CorvaneCacheItemPtr item = CorvaneCacheItem::create();
   ObjectID id = h.store.idFor("Person", kUID0);
 
-  void fold(const Value& values, const Value& version = Value("1")) { item->updateValues(values, person(), "", version); }
+  void fold(const Value& values, const Value& version = Value("1")) {
+    item->updateValues(values, person(), "", version);
+  }
 };
 
 TEST_F(CacheItemTest, FoldsAttributesThroughTheirTransformers) {
@@ -75,7 +77,8 @@ TEST_F(CacheItemTest, AnAttributeWithoutTransformerStopsTheFoldAndChangesNothing
 }
 
 TEST_F(CacheItemTest, FoldsToManyAddedRemovedAndOrderedValues) {
-  fold(dict({{"children", dict({{"addedValues", refs({"Person/A", "Person/B", "Person/C", "Person/B", "Person/D"})}})}}));
+  fold(dict(
+      {{"children", dict({{"addedValues", refs({"Person/A", "Person/B", "Person/C", "Person/B", "Person/D"})}})}}));
   // Every copy of a removed reference goes.
   fold(dict({{"children", dict({{"removedValues", refs({"Person/B"})}})}}));
   EXPECT_EQ(item->relations()["children"], refs({"Person/A", "Person/C", "Person/D"}));
@@ -190,6 +193,7 @@ TEST_F(CacheItemTest, CodesUnderItsFiveKeysAsAKeyedObject) {
   // Derived from the format's rules: a mutable dictionary (24) of one entry whose value is a
   // coded object (43) of class "CorvaneCacheItem" with the pairs attributes, relations,
   // extraData, data (each value before its key; state is nil and left out), ended by Nil.
+  // clang-format off
   const Bytes expected = {
       0x54, 0x53, 0x41, 0x46, 0x03, 0x00, 0x03, 0x00,  // "TSAF", version 3.3
       0x06, 0x00, 0x00, 0x00,                          // 6 objects: root, 4 dictionaries, the item
@@ -210,6 +214,7 @@ TEST_F(CacheItemTest, CodesUnderItsFiveKeysAsAKeyedObject) {
       0x00,                                            // @118 end of the pairs
       0x08, 'A', 0x00,                                 // the key "A"
   };
+  // clang-format on
   EXPECT_EQ(*bytes, expected);
 
   // Read back, the five keys come as they were; a missing key reads as nil.
@@ -231,7 +236,10 @@ TEST_F(CacheItemTest, LocksItsCollectionWhenItHasOne) {
   auto table = CorvaneCacheDictionary::dictionaryWithStore(&h.store, "");
   {
     auto lock = item->corvaneLock();
-    std::thread other([&] { EXPECT_TRUE(table->mutex().try_lock()); table->mutex().unlock(); });
+    std::thread other([&] {
+      EXPECT_TRUE(table->mutex().try_lock());
+      table->mutex().unlock();
+    });
     other.join();
   }
   item->setCollection(table);

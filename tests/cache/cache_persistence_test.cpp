@@ -130,8 +130,8 @@ TEST_F(CachePersistenceTest, BackgroundFillingLoadsEachMissingObjectOnce) {
     return CorvaneCacheItem::create();
   };
   put(kUID0, "cached already");
-  cache->addChange(changeRecord("c1", {{"insert", {{"Person", {kUID0, kUID1, "2X"}}, {"Thing", {"T"}}, {"Gadget", {"G"}}}}}),
-                   false);
+  cache->addChange(
+      changeRecord("c1", {{"insert", {{"Person", {kUID0, kUID1, "2X"}}, {"Thing", {"T"}}, {"Gadget", {"G"}}}}}), false);
   ASSERT_NE(cache->indexQueue(), nullptr);
   OperationQueue* queue = cache->indexQueue();
   EXPECT_EQ(queue->maxConcurrentOperationCount(),

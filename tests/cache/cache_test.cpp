@@ -49,7 +49,8 @@ TEST_F(CacheTest, FolderNamesHashThePackageURLWithoutOuterSlashes) {
   EXPECT_EQ(CorvaneCache::cacheFolderName("/Users/ann/My Doc.pkg/"), "71EC375A7FB1EA3BCCA93D4404E2C252");
   EXPECT_EQ(CorvaneCache::cacheFolderName("http://example.com/a/"), "3E27A17E84F5F8486FBC14488E12E6FF");
   // The same package through another path (a link, another mount point) is another cache.
-  EXPECT_NE(CorvaneCache::cacheFolderName("/Volumes/ann/My Doc.pkg"), CorvaneCache::cacheFolderName("/Users/ann/My Doc.pkg"));
+  EXPECT_NE(CorvaneCache::cacheFolderName("/Volumes/ann/My Doc.pkg"),
+            CorvaneCache::cacheFolderName("/Users/ann/My Doc.pkg"));
   EXPECT_EQ(CorvaneCache::storeKey("Person", kUID1), "Person_1");
 }
 
@@ -75,7 +76,8 @@ TEST_F(CacheTest, BindingLoadsTheChangeLogAndBringsTheStoreUpToDate) {
   auto cache = h.boundCache();
   EXPECT_EQ(cache->URL(), root + "/" + CorvaneCache::cacheFolderName(h.package));
   EXPECT_NE(cache->changeLog(), nullptr);
-  EXPECT_EQ(h.store.logs(), (std::vector<std::pair<std::string, std::string>>{{"No changes found", "CorvaneLogTypeWarning"}}));
+  EXPECT_EQ(h.store.logs(),
+            (std::vector<std::pair<std::string, std::string>>{{"No changes found", "CorvaneLogTypeWarning"}}));
   EXPECT_EQ(h.store.updateChangesCalls.load(), 1);
   // The probe file is gone again.
   std::vector<std::string> names;
@@ -95,10 +97,11 @@ TEST_F(CacheTest, AWriteProtectedFolderIsResetTwiceThenReported) {
   testing::writeTextFile(otherPackage + "/Changes.fast", "x");
   h.env.failWrites = true;
   auto cache = h.boundCache();
-  EXPECT_EQ(h.env.written().size(), 3u);  // three probes
+  EXPECT_EQ(h.env.written().size(), 3u);            // three probes
   EXPECT_FALSE(testing::pathExists(otherPackage));  // the second attempt resets every cache
-  EXPECT_EQ(h.store.alerts, std::vector<std::string>{"The cache folder is write protected / Please delete the contents of "
-                                                     "the Folder that is beeing opened after closing this window"});
+  EXPECT_EQ(h.store.alerts,
+            std::vector<std::string>{"The cache folder is write protected / Please delete the contents of "
+                                     "the Folder that is beeing opened after closing this window"});
   EXPECT_EQ(h.store.reveals, std::vector<std::string>{root});
   EXPECT_EQ(cache->URL(), root + "/" + CorvaneCache::cacheFolderName(h.package));  // carries on
 

@@ -234,9 +234,10 @@ inline Value objectEntry(const Value& payload, const Value& version = Value("1")
 }
 
 // A change record touching UIDs: kind -> entity -> [uids].
-inline Value changeRecord(const std::string& name,
-                          std::initializer_list<std::pair<const char*, std::vector<std::pair<std::string, std::vector<std::string>>>>>
-                              parts) {
+inline Value changeRecord(
+    const std::string& name,
+    std::initializer_list<std::pair<const char*, std::vector<std::pair<std::string, std::vector<std::string>>>>>
+        parts) {
   Value changes = Value::mutableDictionary();
   for (const auto& [kind, entities] : parts) {
     Value byEntity = Value::mutableDictionary();
@@ -247,8 +248,10 @@ inline Value changeRecord(const std::string& name,
     }
     changes.set(Value(kind), byEntity);
   }
-  return dict({{"name", Value(name)}, {"changes", changes},
-               {"session", dict({{"machineName", "box"}, {"fullUserName", "Ann"}, {"osVersion", "12"}, {"version", "7"}})}});
+  return dict(
+      {{"name", Value(name)},
+       {"changes", changes},
+       {"session", dict({{"machineName", "box"}, {"fullUserName", "Ann"}, {"osVersion", "12"}, {"version", "7"}})}});
 }
 
 // Per-test surroundings: a temporary data home and package, a fake clock, a run loop of its own

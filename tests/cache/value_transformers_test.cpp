@@ -13,9 +13,7 @@ namespace {
 
 using testing::cacheTestModel;
 
-const AttributeDescription& attribute(const char* name) {
-  return *cacheTestModel()->entity("Person")->attribute(name);
-}
+const AttributeDescription& attribute(const char* name) { return *cacheTestModel()->entity("Person")->attribute(name); }
 
 template <class T>
 bool isA(const std::shared_ptr<ValueTransformer>& t) {
@@ -35,7 +33,8 @@ std::string noTransformerReason(const AttributeDescription& a, const Value& vers
 TEST(ValueTransformerLookup, GoesByClassTypeAndVersionInFourSteps) {
   EXPECT_TRUE(isA<CorvaneNSStringValueTransformer>(CorvaneValueTransformerForAttribute(attribute("name"))));
   // Booleans are found at the second step, by their attribute type 800.
-  EXPECT_TRUE(isA<CorvaneNSNumber800ValueTransformer>(CorvaneValueTransformerForAttribute(attribute("active"), Value("1"))));
+  EXPECT_TRUE(
+      isA<CorvaneNSNumber800ValueTransformer>(CorvaneValueTransformerForAttribute(attribute("active"), Value("1"))));
   // Every other number goes by its class alone.
   EXPECT_TRUE(isA<CorvaneNSNumberValueTransformer>(CorvaneValueTransformerForAttribute(attribute("age"), Value("1"))));
   EXPECT_TRUE(isA<CorvaneNSDecimalNumberValueTransformer>(CorvaneValueTransformerForAttribute(attribute("balance"))));

@@ -86,8 +86,7 @@ class CorvaneCacheCollection : public std::enable_shared_from_this<CorvaneCacheC
 
 class CorvaneCacheDictionary final : public CorvaneCacheCollection {
  public:
-  static std::shared_ptr<CorvaneCacheDictionary> dictionaryWithStore(CorvaneCacheStoreServices* store,
-                                                                     std::string url);
+  static std::shared_ptr<CorvaneCacheDictionary> dictionaryWithStore(CorvaneCacheStoreServices* store, std::string url);
 
   // The live dictionary (loads first). setValue() installs a new dictionary rather than
   // changing one that a reader still holds, so a reader may go on enumerating what it got.

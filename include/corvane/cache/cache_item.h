@@ -91,8 +91,7 @@ class CorvaneCacheItem final : public FastCodingObject {
   // "removedValues", "orderedValues" for to-many ones. `url` is not consulted. `version`
   // selects the attribute transformers. Entries of the wrong kind are skipped; an attribute
   // without a transformer throws Exception("No Transformer") and leaves the item unchanged.
-  void updateValues(const Value& values, const EntityDescription& entity, const std::string& url,
-                    const Value& version);
+  void updateValues(const Value& values, const EntityDescription& entity, const std::string& url, const Value& version);
 
   // ---- Reading --------------------------------------------------------------------------
   // One value: the attribute of that name, else the resolved to-one target (an object-ID
@@ -108,8 +107,7 @@ class CorvaneCacheItem final : public FastCodingObject {
   Value valuesForObjectID(const ObjectID& objectID, CorvaneCacheStoreServices* store, ManagedObjectContext* context);
   // Everything: attributes, both kinds of resolved relationships and binary values; later
   // entries win on a shared key. Remembered until the next change.
-  Value allValuesForObjectID(const ObjectID& objectID, CorvaneCacheStoreServices* store,
-                             ManagedObjectContext* context);
+  Value allValuesForObjectID(const ObjectID& objectID, CorvaneCacheStoreServices* store, ManagedObjectContext* context);
   // A new dictionary of relationship name to resolved target(s), for the to-one (toMany false)
   // or to-many relationships of the object's entity. A reference to an entity that the model
   // lacks makes the store refuse later saves and is skipped.
@@ -167,8 +165,7 @@ class CorvaneCacheItem final : public FastCodingObject {
                      Value& attributes, Value& data);
   static void foldToMany(const Value& entry, const std::string& key, Value& relations);
   static void foldToOne(const Value& entry, const std::string& key, Value& relations);
-  void parseMissing(const ObjectID& objectID, CorvaneCacheStoreServices* store, bool toOne, bool toMany,
-                    bool data);
+  void parseMissing(const ObjectID& objectID, CorvaneCacheStoreServices* store, bool toOne, bool toMany, bool data);
 
   mutable std::recursive_mutex mutex_;
   mutable std::mutex collectionMutex_;  // guards collection_ alone

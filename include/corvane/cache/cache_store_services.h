@@ -95,7 +95,8 @@ class CorvaneCacheStoreServices {
   // applied. `lightWeight` skips the checks of the object and data files.
   virtual Value validatedChanges(const Value& change, bool lightWeight) = 0;
   // Tells the open contexts about objects changed behind their back (arguments are UID lists,
-  // entity name to dictionary keyed by UID). Called on the main thread.
+  // entity name to dictionary keyed by UID). Called on the thread that loads the change log: the
+  // binding thread, or the main run loop when a refused package copy is tried again.
   virtual void refreshInsertedObjects(const Value& inserted, const Value& updated, const Value& deleted) = 0;
   // Applies the change files that the cache's change log does not hold yet. Called on the
   // thread that binds the cache (the store's own initialiser or URL refresh).
