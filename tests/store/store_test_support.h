@@ -73,6 +73,16 @@ class FakeVolumes : public StoreVolumeQueries {
   }
 };
 
+// The fake clock, with files that cannot be read (vanished between listing and reading).
+class TestEnv : public ManualClockEnv {
+ public:
+  std::set<std::string> unreadable;
+  bool readFile(const std::string& path, Bytes* out, Error* error) override {
+    if (unreadable.contains(path)) return setError(error, Error(kPOSIXErrorDomain, 2, path + ": unreadable"));
+    return ManualClockEnv::readFile(path, out, error);
+  }
+};
+
 // An open store with its coordinator and a main-queue context.
 struct OpenStore {
   std::shared_ptr<CorvanePersistentStoreCoordinator> coordinator;
@@ -181,6 +191,16 @@ class StoreTest : public ::testing::Test {
     return std::nullopt;
   }
 
+  // An entry whose message starts and ends so: validation messages carry the change's date and
+  // author after their first ":".
+  std::optional<StoreLogEntry> entryWith(CorvaneStore* store, const std::string& prefix, const std::string& suffix) {
+    drain();
+    for (const StoreLogEntry& entry : store->logEntries()) {
+      if (entry.message.starts_with(prefix) && entry.message.ends_with(suffix)) return entry;
+    }
+    return std::nullopt;
+  }
+
   std::vector<std::string> list(const std::string& folder) {
     std::vector<std::string> names;
     env.listDirectory(folder, true, &names, nullptr);
@@ -193,7 +213,7 @@ class StoreTest : public ::testing::Test {
 
   TempDir dir;
   std::vector<std::pair<std::string, std::optional<std::string>>> savedVariables_;
-  ManualClockEnv env;
+  TestEnv env;
   ScopedRunLoopEnv clock_{RunLoop::main(), &env};
   std::shared_ptr<FakeVolumes> volumes = std::make_shared<FakeVolumes>();
   std::string package = dir / "Doc.corvane";
