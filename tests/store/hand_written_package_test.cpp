@@ -1,0 +1,172 @@
+// A package whose files are written here by hand, following the formats byte for byte, as
+// another device would write them: it opens and reads correctly, with and without a password.
+#include "corvane/foundation/plist.h"
+#include "corvane/security/digest.h"
+#include "corvane/security/sea_crypto.h"
+#include "store/store_test_support.h"
+
+namespace corvane::testing {
+namespace {
+
+constexpr const char* kInfoPlist = R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0">
+<dict>
+	<key>DocumentIdentifier</key>
+	<string>11111111-2222-4333-8444-555555555555</string>
+	<key>Application</key>
+	<dict>
+		<key>CFBundleIdentifier</key>
+		<string>com.example.Other</string>
+		<key>CFBundleVersion</key>
+		<string>3</string>
+		<key>CFBundleShortVersionString</key>
+		<string>3.0</string>
+	</dict>
+	<key>Corvane</key>
+	<dict>
+		<key>CFBundleIdentifier</key>
+		<string>org.corvane.Corvane</string>
+		<key>CFBundleVersion</key>
+		<string>1</string>
+		<key>CFBundleShortVersionString</key>
+		<string>0.1.0</string>
+	</dict>
+	<key>DateCreation</key>
+	<date>2024-05-17T09:41:07Z</date>
+</dict>
+</plist>
+)";
+
+constexpr const char* kC1 = "2024-05-17-09-41-07.250.AAAAAAAA-0000-4000-8000-000000000001.json";
+constexpr const char* kC2 = "2024-05-17-09-42-00.000.BBBBBBBB-0000-4000-8000-000000000002.json";
+constexpr const char* kAnn = "A0000000-0000-4000-8000-000000000001";
+constexpr const char* kBob = "B0000000-0000-4000-8000-000000000002";
+constexpr const char* kAcme = "C0000000-0000-4000-8000-000000000003";
+constexpr const char* kGadget = "D0000000-0000-4000-8000-000000000004";
+constexpr const char* kPhoto = "E0000000-0000-4000-8000-000000000005";
+constexpr const char* kSession =
+    R"("session":{"userName":"bob","fullUserName":"Bob Other","machineName":"Bob's PC",)"
+    R"("id":"F0000000-0000-4000-8000-000000000006","version":"3","osVersion":"Debian 12"})";
+
+class HandWrittenPackageTest : public StoreTest {
+ protected:
+  // Writes the package. `seal` turns plain file bytes into stored bytes (identity, or the
+  // cipher); `folder` gives an entity's folder name.
+  void writePackage(const std::function<std::string(const std::string&)>& seal,
+                    const std::function<std::string(const std::string&)>& folder) {
+    const std::string photo = seal("PHOTO");
+    const std::string photoHash = corvaneSHA256HexDigest(asBytes(photo));
+    const std::string photoLength = std::to_string(photo.size());
+    const std::string dataRecord =
+        R"({"length":)" + photoLength + R"(,"hash":")" + photoHash + R"(","name":")" + kPhoto + R"("})";
+    // c1 inserts Ann (with a photo, an employer and a friend), Bob, Acme and a gadget.
+    write("Changes/" + std::string(kC1), seal(std::string(R"({"name":")") + kC1 +
+                                              R"(","date":"2024-05-17T09:41:07.250+0000","changes":{"insert":{)"
+                                              R"("Person":{")" + kAnn + R"(":{"data":[)" + dataRecord + R"(]},")" +
+                                              kBob + R"(":{}},"Company":{")" + kAcme + R"(":{}},"Gadget":{")" +
+                                              kGadget + R"(":{}}}},)" + kSession + "}"));
+    write("Entities/" + folder("Person") + "/" + kAnn + "/" + kC1,
+          seal(std::string(R"({"version":"1","type":"insert","payload":{"name":{"value":"Ann"},)"
+                           R"("age":{"value":"42"},"serial":{"value":"9007199254740993"},)"
+                           R"("balance":{"value":"12.50"},"height":{"value":"1.75"},"active":{"value":true},)"
+                           R"("born":{"value":"2024-05-17T09:41:07.250+0000"},"photo":{"value":")") +
+               kPhoto + R"(","length":)" + photoLength + R"(,"hash":")" + photoHash +
+               R"("},"employer":{"value":["Company/)" + kAcme + R"("]},"friends":{"addedValues":["Person/)" +
+               kBob + R"("]},"children":{},"parent":{}}})"));
+    write("Entities/" + folder("Person") + "/" + kAnn + "/Data/" + kPhoto, photo);
+    write("Entities/" + folder("Person") + "/" + kBob + "/" + kC1,
+          seal(R"({"version":"1","type":"insert","payload":{"name":{"value":"Bob"},"friendOf":{"addedValues":["Person/)" +
+               std::string(kAnn) + R"("]}}})"));
+    write("Entities/" + folder("Company") + "/" + kAcme + "/" + kC1,
+          seal(R"({"version":"1","type":"insert","payload":{"name":{"value":"Acme"},"staff":{"addedValues":["Person/)" +
+               std::string(kAnn) + R"("]}}})"));
+    write("Entities/" + folder("Gadget") + "/" + kGadget + "/" + kC1,
+          seal(R"({"version":"1","type":"insert","payload":{"label":{"value":"Widget"}}})"));
+    // c2 renames Ann, clears her age, sets her birth date with a "Z" zone, and deletes the gadget.
+    write("Changes/" + std::string(kC2),
+          seal(std::string(R"({"name":")") + kC2 +
+               R"(","date":"2024-05-17T09:42:00.000+0000","changes":{"update":{"Person":{")" + kAnn +
+               R"(":{}}},"delete":{"Gadget":{")" + kGadget + R"(":{}}}},)" + kSession + R"(,"previousName":")" +
+               kC1 + R"("})"));
+    write("Entities/" + folder("Person") + "/" + kAnn + "/" + kC2,
+          seal(R"({"version":"1","type":"update","payload":{"name":{"value":"Ann B"},"age":{},)"
+               R"("born":{"value":"2024-05-18T10:00:00.000Z"}}})"));
+    write("Entities/" + folder("Gadget") + "/" + kGadget + "/" + kC2, seal(R"({"version":"1","type":"delete"})"));
+  }
+
+  void write(const std::string& relative, const std::string& bytes) { writeTextFile(package + "/" + relative, bytes); }
+
+  void expectContent(OpenStore& s) {
+    FetchRequest request("Person");
+    request.setSortDescriptors({SortDescriptor("name")});
+    auto people = s.context->fetch(request);
+    ASSERT_TRUE(people);
+    ASSERT_EQ(people->size(), 2u);
+    const auto& ann = (*people)[0];
+    EXPECT_EQ(storeUID(ann->objectID()), kAnn);
+    EXPECT_EQ(ann->stringValue("name"), "Ann B");
+    EXPECT_TRUE(ann->isNil("age"));
+    EXPECT_EQ(ann->value("serial"), Value(9007199254740993LL));
+    EXPECT_EQ(ann->value("balance"), Value(*Decimal::fromString("12.5")));
+    EXPECT_DOUBLE_EQ(ann->doubleValue("height"), 1.75);
+    EXPECT_TRUE(ann->boolValue("active"));
+    EXPECT_DOUBLE_EQ(ann->dateValue("born"), 737719200.0);  // 2024-05-18T10:00:00Z
+    EXPECT_EQ(ann->value("photo"), Value::data(asBytes("PHOTO")));
+    EXPECT_EQ(ann->toOne("employer")->stringValue("name"), "Acme");
+    auto friends = ann->toMany("friends");
+    ASSERT_EQ(friends.size(), 1u);
+    EXPECT_EQ(friends[0]->stringValue("name"), "Bob");
+    EXPECT_EQ((*people)[1]->toMany("friendOf").size(), 1u);
+    FetchRequest things("Thing");
+    EXPECT_EQ(s.context->count(things), std::optional<size_t>(0));
+    EXPECT_EQ(s.store->documentIdentifier(), "11111111-2222-4333-8444-555555555555");
+    EXPECT_EQ(s.store->cache()->changes().count(), 2u);
+  }
+};
+
+TEST_F(HandWrittenPackageTest, APlainPackageOpensAndReads) {
+  write("Info.plist", kInfoPlist);
+  writePackage([](const std::string& plain) { return plain; }, [](const std::string& entity) { return entity; });
+  ASSERT_TRUE(CorvaneStore::isCorrectFormat(package, &env));
+  OpenStore s = open();
+  ASSERT_TRUE(s);
+  expectContent(s);
+  EXPECT_FALSE(entryContaining(s.store, "Failed validation"));
+  close(s);
+  // And again from the cache this device keeps.
+  OpenStore again = open();
+  expectContent(again);
+  EXPECT_TRUE(entryContaining(again.store, "No new changes to apply"));
+  close(again);
+}
+
+TEST_F(HandWrittenPackageTest, AnEncryptedPackageOpensAndReads) {
+  SeaCrypto cipher(&env);
+  cipher.setSalt(Bytes(64, 0x42));
+  cipher.setRounds(1000);
+  cipher.setPassword(std::string_view("pw"));
+  Value info;
+  ASSERT_TRUE(propertyListFromBytes(asBytes(kInfoPlist)).has_value());
+  info = propertyListFromBytes(asBytes(kInfoPlist))->mutableCopy();
+  info.set(Value("Encryption"), dict({{"Salt", Value::data(Bytes(64, 0x42))},
+                                      {"Rounds", 1000},
+                                      {"Info", Value::data(*cipher.encryptData(asBytes("pw")))}}));
+  env.createDirectory(package, true, nullptr);
+  ASSERT_TRUE(writePropertyListFile(&env, package + "/Info.plist", info));
+  // Folder names: SHA-256 of "(null).<entity>.org.corvane.Corvane" in upper-case hex.
+  const std::map<std::string, std::string> folders = {
+      {"Person", "8D76580C0EFC1B41F39C3DE2227191D2F901C22B18FADBC9EA825184DA5071AD"},
+      {"Company", "8E482B3807E2F11348A8FD714E867C5FA8E304CDB22AC8E9614F6F9DB5A8EF54"},
+      {"Gadget", "8D33098BD86D5DCA30FBA12268027D8C66459A0A12A5F781F939D3FE942372F1"}};
+  writePackage([&](const std::string& plain) { return toString(*cipher.encryptData(asBytes(plain))); },
+               [&](const std::string& entity) { return folders.at(entity); });
+  EXPECT_TRUE(CorvaneStore::canOpenURL(package, std::string("pw"), &env));
+  OpenStore s = open(dict({{"password", "pw"}}));
+  ASSERT_TRUE(s);
+  expectContent(s);
+  close(s);
+}
+
+}  // namespace
+}  // namespace corvane::testing
