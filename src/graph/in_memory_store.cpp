@@ -2,7 +2,6 @@
 
 #include <charconv>
 #include <deque>
-#include <map>
 
 #include "corvane/foundation/env.h"
 #include "corvane/graph/managed_object_context.h"
@@ -19,8 +18,9 @@ struct InMemoryStore::Record {
   uint64_t version = 0;
 };
 
+// Records in one vector (fetches scan them). Deleting moves the last record into the hole.
 struct InMemoryStore::EntityTable {
-  std::map<int64_t, Record> records;  // by reference, which is creation order
+  std::vector<Record> records;
 };
 
 // A fetch candidate: answers keys from the stored values, turning IDs into the requesting
@@ -100,10 +100,35 @@ InMemoryStore::EntityTable& InMemoryStore::tableFor(const EntityDescription* ent
 
 InMemoryStore::Record* InMemoryStore::find(const ObjectID& id) {
   if (id.persistentStore() != this || !id.referenceObject().isNumber()) return nullptr;
-  auto it = tables_.find(id.entity());
-  if (it == tables_.end()) return nullptr;
-  auto r = it->second->records.find(id.referenceObject().longLongValue());
-  return r == it->second->records.end() ? nullptr : &r->second;
+  int64_t reference = id.referenceObject().longLongValue();
+  if (reference <= 0 || static_cast<size_t>(reference) >= locations_.size()) return nullptr;
+  const Location& at = locations_[static_cast<size_t>(reference)];
+  if (at.table == nullptr) return nullptr;
+  Record& record = at.table->records[at.position];
+  return record.id.entity() == id.entity() ? &record : nullptr;
+}
+
+void InMemoryStore::put(int64_t reference, Record record) {
+  if (static_cast<size_t>(reference) >= locations_.size()) locations_.resize(static_cast<size_t>(reference) + 1);
+  Location& at = locations_[static_cast<size_t>(reference)];
+  if (at.table != nullptr) {
+    at.table->records[at.position] = std::move(record);
+    return;
+  }
+  EntityTable& table = tableFor(record.id.entity());
+  at = Location{&table, table.records.size()};
+  table.records.push_back(std::move(record));
+}
+
+void InMemoryStore::erase(int64_t reference) {
+  Location& at = locations_[static_cast<size_t>(reference)];
+  std::vector<Record>& records = at.table->records;
+  if (at.position + 1 != records.size()) {
+    records[at.position] = std::move(records.back());
+    locations_[static_cast<size_t>(records[at.position].id.referenceObject().longLongValue())].position = at.position;
+  }
+  records.pop_back();
+  at = Location{};
 }
 
 Value InMemoryStore::referenceObjectForURIComponent(const std::string& component) const {
@@ -153,7 +178,7 @@ std::optional<Value> InMemoryStore::executeFetch(const FetchRequest& request, Ma
       total += it->second->records.size();
       continue;
     }
-    for (const auto& [reference, record] : it->second->records) {
+    for (const Record& record : it->second->records) {
       if (request.predicate()) {
         Candidate candidate(&record, context);
         if (!request.predicate()->evaluate(candidate)) continue;
@@ -244,8 +269,8 @@ std::optional<Value> InMemoryStore::executeSave(const SaveChangesRequest& reques
     record.id = id;
     record.version = 1;
     record.values.reserve(properties.size());
-    for (const PropertyDescription* p : properties) record.values.push_back(storedForm(o->primitiveValue(p->name()), p));
-    tableFor(id.entity()).records[id.referenceObject().longLongValue()] = std::move(record);
+    for (size_t i = 0; i < properties.size(); ++i) record.values.push_back(storedForm(o->primitiveValueAt(i), properties[i]));
+    put(id.referenceObject().longLongValue(), std::move(record));
   }
   for (const auto& o : request.updatedObjects()) {
     Record* record = find(o->objectID());
@@ -263,8 +288,7 @@ std::optional<Value> InMemoryStore::executeSave(const SaveChangesRequest& reques
   }
   for (const auto& o : request.deletedObjects()) {
     const ObjectID& id = o->objectID();
-    auto it = tables_.find(id.entity());
-    if (it != tables_.end() && id.referenceObject().isNumber()) it->second->records.erase(id.referenceObject().longLongValue());
+    if (find(id) != nullptr) erase(id.referenceObject().longLongValue());
   }
   return Value::array();
 }

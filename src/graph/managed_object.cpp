@@ -1,5 +1,6 @@
 #include "corvane/graph/managed_object.h"
 
+#include <atomic>
 #include <map>
 #include <mutex>
 
@@ -14,6 +15,7 @@ namespace {
 struct ClassRegistry {
   std::mutex mutex;
   std::map<std::string, ManagedObject::Factory> factories;
+  std::atomic<bool> any{false};  // lets the common case (no classes) skip the lock
 };
 
 ClassRegistry& classRegistry() {
@@ -53,7 +55,7 @@ void withChangeHooks(ManagedObject* o, std::string_view key, F&& change) {
 struct ObjectAccess {
   static ManagedObject* make(const EntityDescription* entity, ManagedObjectContext* context) {
     ManagedObject::Factory factory;
-    {
+    if (classRegistry().any.load(std::memory_order_acquire)) {
       ClassRegistry& r = classRegistry();
       std::lock_guard<std::mutex> lock(r.mutex);
       for (const EntityDescription* e = entity; e != nullptr && !factory; e = e->superentity()) {
@@ -77,11 +79,22 @@ ManagedObject::~ManagedObject() = default;
 void ManagedObject::registerClass(const std::string& entityName, Factory factory) {
   ClassRegistry& r = classRegistry();
   std::lock_guard<std::mutex> lock(r.mutex);
+  if (!factory) {
+    r.factories.erase(entityName);
+    return;
+  }
   r.factories[entityName] = std::move(factory);
+  r.any.store(true, std::memory_order_release);
 }
 
 std::string ManagedObject::description() const {
-  return "<" + entity_->name() + ": " + id_.uriRepresentation() + (fault_ ? "; fault>" : ">");
+  return "<" + entity_->name() + ": " + objectID().uriRepresentation() + (fault_ ? "; fault>" : ">");
+}
+
+void ManagedObject::assignTemporaryID() const {
+  id_ = ObjectID::makeTemporary(entity_);
+  // Registered from now on, so that objectWithID() finds it by this ID.
+  if (context_ != nullptr) context_->registerObject(const_cast<ManagedObject*>(this));
 }
 
 // ---- Slots -----------------------------------------------------------------------------------
@@ -113,7 +126,7 @@ const Value& ManagedObject::slot(int index) const {
     if (p.isRelationship() && static_cast<const RelationshipDescription&>(p).isToMany()) {
       v = context_->loadToMany(const_cast<ManagedObject*>(this), index);
       auto* self = const_cast<ManagedObject*>(this);
-      if (!self->committed_.empty()) self->committed_[static_cast<size_t>(index)] = v;
+      if (!self->clean_ && !self->committed_.empty()) self->committed_[static_cast<size_t>(index)] = v;
     }
   }
   return v;
@@ -124,6 +137,7 @@ void ManagedObject::changeSlot(int index, const Value& newValue) {
   slot(index);
   Value& current = slots_[static_cast<size_t>(index)];
   if (current == newValue && current.kind() == newValue.kind()) return;
+  if (!inserted_) detachSnapshot();
   Value old = current;
   current = newValue;
   context_->objectDidChange(this);
@@ -151,6 +165,7 @@ void ManagedObject::addMember(int index, const Value& member, size_t position) {
     if (std::min(position, items.size() - 1) == oldPosition) return;
   }
   // Copy on write: the committed snapshot may share the node.
+  if (!inserted_) detachSnapshot();
   if (!members.isMutable() || (!committed_.empty() && members.isSameNode(committed_[static_cast<size_t>(index)]))) {
     members = members.mutableCopy();
   }
@@ -178,6 +193,7 @@ void ManagedObject::removeMember(int index, const Value& member) {
   slot(index);
   Value& members = slots_[static_cast<size_t>(index)];
   if (!members.contains(member)) return;
+  if (!inserted_) detachSnapshot();
   if (!members.isMutable() || (!committed_.empty() && members.isSameNode(committed_[static_cast<size_t>(index)]))) {
     members = members.mutableCopy();
   }
@@ -457,7 +473,7 @@ void ManagedObject::didChangeValueForKey(std::string_view) {}
 
 bool ManagedObject::hasPersistentChangedValues() const {
   if (inserted_) return true;
-  if (fault_ || slots_.empty() || committed_.empty()) return false;
+  if (fault_ || slots_.empty() || clean_ || committed_.empty()) return false;
   for (size_t i = 0; i < slots_.size(); ++i) {
     if (!(slots_[i] == committed_[i])) return true;
   }
@@ -472,7 +488,7 @@ Value ManagedObject::changedValues() const {
   for (size_t i = 0; i < slots_.size(); ++i) {
     const Value& v = slots_[i];
     bool changed = inserted_ ? !(v.isNil() || (v.isCollection() && v.empty()))
-                             : !committed_.empty() && !(v == committed_[i]);
+                             : !clean_ && !committed_.empty() && !(v == committed_[i]);
     if (changed) out.set(Value(entity_->properties()[i]->name()), v.isMutable() ? v.copy() : v);
   }
   return out.copy();
@@ -482,14 +498,14 @@ Value ManagedObject::committedValues(const std::vector<std::string>& keys) const
   Value out = Value::mutableDictionary();
   if (inserted_) return out.copy();
   fireFault();
-  if (committed_.empty()) return out.copy();
+  if (!hasSnapshot()) return out.copy();
   auto add = [&](int i) {
     slot(i);  // loads a to-many relationship that was never read, which fills its snapshot
-    const Value& v = committed_[static_cast<size_t>(i)];
+    const Value& v = committedAt(static_cast<size_t>(i));
     if (!v.isNil()) out.set(Value(entity_->properties()[static_cast<size_t>(i)]->name()), v.isMutable() ? v.copy() : v);
   };
   if (keys.empty()) {
-    for (size_t i = 0; i < committed_.size(); ++i) add(static_cast<int>(i));
+    for (size_t i = 0; i < slots_.size(); ++i) add(static_cast<int>(i));
   } else {
     for (const auto& k : keys) add(indexForKey(k));
   }

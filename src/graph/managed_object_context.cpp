@@ -54,13 +54,14 @@ std::shared_ptr<ManagedObjectContext> ManagedObjectContext::create(ConcurrencyTy
 
 ManagedObjectContext::ManagedObjectContext(ConcurrencyType type)
     : type_(type),
-      inserted_(std::make_unique<ObjectSet>()),
-      updated_(std::make_unique<ObjectSet>()),
-      deleted_(std::make_unique<ObjectSet>()),
-      pendingInserted_(std::make_unique<ObjectSet>()),
-      pendingUpdated_(std::make_unique<ObjectSet>()),
-      pendingDeleted_(std::make_unique<ObjectSet>()),
-      pendingRefreshed_(std::make_unique<ObjectSet>()),
+      inserted_(std::make_unique<ObjectSet>(1)),
+      updated_(std::make_unique<ObjectSet>(2)),
+      deleted_(std::make_unique<ObjectSet>(4)),
+      pendingInserted_(std::make_unique<ObjectSet>(8)),
+      pendingUpdated_(std::make_unique<ObjectSet>(16)),
+      pendingDeleted_(std::make_unique<ObjectSet>(32)),
+      pendingRefreshed_(std::make_unique<ObjectSet>(64)),
+      registered_(std::make_unique<graph_internal::ObjectRegistry>()),
       alive_(std::make_shared<bool>(true)) {
   if (type_ == ConcurrencyType::PrivateQueue) {
     queue_ = std::make_unique<SerialQueue>("corvane.ManagedObjectContext");
@@ -215,17 +216,15 @@ ManagedObject* ManagedObjectContext::makeObject(const EntityDescription* entity,
   return o;
 }
 
-void ManagedObjectContext::registerObject(ManagedObject* object) { registered_[object->id_] = Retained(object); }
+void ManagedObjectContext::registerObject(ManagedObject* object) { registered_->insert(object); }
 
 Retained<ManagedObject> ManagedObjectContext::objectRegisteredForID(const ObjectID& id) const {
-  auto it = registered_.find(id);
-  return it == registered_.end() ? Retained<ManagedObject>() : it->second;
+  return Retained<ManagedObject>(registered_->find(id));
 }
 
 Retained<ManagedObject> ManagedObjectContext::objectWithID(const ObjectID& id) {
   if (id.isNull()) return nullptr;
-  auto it = registered_.find(id);
-  if (it != registered_.end()) return it->second;
+  if (ManagedObject* known = registered_->find(id)) return Retained<ManagedObject>(known);
   ManagedObject* o = makeObject(id.entity(), id);
   o->fault_ = true;
   registerObject(o);
@@ -255,8 +254,11 @@ Retained<ManagedObject> ManagedObjectContext::existingObjectWithID(const ObjectI
 
 std::vector<Retained<ManagedObject>> ManagedObjectContext::registeredObjects() const {
   std::vector<Retained<ManagedObject>> out;
-  out.reserve(registered_.size());
-  for (const auto& [id, o] : registered_) out.push_back(o);
+  out.reserve(registered_->size());
+  registered_->forEach([&](ManagedObject* o) { out.emplace_back(o); });
+  for (auto& o : inserted_->items()) {
+    if (o->id_.isNull()) out.push_back(o);
+  }
   return out;
 }
 
@@ -264,9 +266,10 @@ std::vector<Retained<ManagedObject>> ManagedObjectContext::registeredObjects() c
 // reference cycle outlives the context) and answers no context any more.
 void ManagedObjectContext::unregister(ManagedObject* object) {
   Retained<ManagedObject> keep(object);
-  registered_.erase(object->id_);
+  registered_->erase(object->id_);
   object->context_ = nullptr;
   object->committed_.clear();
+  object->clean_ = false;
   if (!object->slots_.empty()) {
     const auto& properties = object->entity_->properties();
     for (size_t i = 0; i < properties.size(); ++i) {
@@ -279,23 +282,29 @@ void ManagedObjectContext::unregister(ManagedObject* object) {
                     pendingDeleted_.get(), pendingRefreshed_.get()}) {
     set->erase(object);
   }
-  if (!object->id_.isTemporaryID()) {
+  if (!object->id_.isNull() && !object->id_.isTemporaryID()) {
     if (auto coordinator = persistentStoreCoordinator()) coordinator->didUnregisterObjectIDs({object->id_});
   }
 }
 
 void ManagedObjectContext::forgetObjects() {
-  auto registered = std::move(registered_);
-  registered_.clear();
+  std::vector<Retained<ManagedObject>> registered = registered_->takeAll();
+  for (auto& o : inserted_->items()) {
+    if (o->id_.isNull()) registered.push_back(o);  // new objects whose ID nobody asked for
+  }
+  for (auto& o : deleted_->items()) {
+    if (o->id_.isNull()) registered.push_back(o);
+  }
   std::vector<ObjectID> ids;
-  for (auto& [id, o] : registered) {
+  for (auto& o : registered) {
     o->context_ = nullptr;
-    if (!id.isTemporaryID()) ids.push_back(id);
+    if (!o->id_.isNull() && !o->id_.isTemporaryID()) ids.push_back(o->id_);
   }
   // Dropping the values breaks the cycles that inverse relationships form.
-  for (auto& [id, o] : registered) {
+  for (auto& o : registered) {
     o->slots_.clear();
     o->committed_.clear();
+    o->clean_ = false;
   }
   for (auto* set : {inserted_.get(), updated_.get(), deleted_.get(), pendingInserted_.get(), pendingUpdated_.get(),
                     pendingDeleted_.get(), pendingRefreshed_.get()}) {
@@ -310,22 +319,20 @@ void ManagedObjectContext::sweepUnreferenced() {
   // Only the registry holds such an object: nobody can reach it, so it may go and come back
   // later as a fault. Letting one go can free others it referred to, hence a second pass.
   for (int pass = 0; pass < 2; ++pass) {
+    auto removed = registered_->removeIf([](const ManagedObject* o) {
+      return o->refCount() == 1 && !o->inserted_ && !o->updated_ && !o->deleted_;
+    });
+    if (removed.empty()) return;
     std::vector<ObjectID> gone;
-    for (const auto& [id, o] : registered_) {
-      if (o->refCount() == 1 && !o->inserted_ && !o->updated_ && !o->deleted_) gone.push_back(id);
-    }
-    if (gone.empty()) return;
-    std::vector<ObjectID> permanent;
-    for (const auto& id : gone) {
-      auto it = registered_.find(id);
-      Retained<ManagedObject> o = std::move(it->second);
-      registered_.erase(it);
+    gone.reserve(removed.size());
+    for (const auto& o : removed) {
       o->context_ = nullptr;
-      o->slots_.clear();
       o->committed_.clear();
-      if (!id.isTemporaryID()) permanent.push_back(id);
+      o->clean_ = false;
+      if (!o->id_.isTemporaryID()) gone.push_back(o->id_);
     }
-    if (auto coordinator = persistentStoreCoordinator()) coordinator->didUnregisterObjectIDs(permanent);
+    for (const auto& o : removed) o->slots_.clear();
+    if (auto coordinator = persistentStoreCoordinator()) coordinator->didUnregisterObjectIDs(gone);
   }
 }
 
@@ -404,7 +411,7 @@ void ManagedObjectContext::fillFromNode(ManagedObject* object, const Value& valu
     }
   }
   object->slots_ = std::move(slots);
-  object->committed_ = object->slots_;
+  object->markClean();
   object->fault_ = false;
   object->version_ = version;
 }
@@ -456,7 +463,7 @@ Retained<ManagedObject> ManagedObjectContext::insertNewObject(const EntityDescri
   if (entity->isAbstract()) {
     throw Exception("NSInvalidArgumentException", "Cannot create an object of the abstract entity " + entity->name());
   }
-  Retained<ManagedObject> o(makeObject(entity, ObjectID::makeTemporary(entity)));
+  Retained<ManagedObject> o(makeObject(entity, ObjectID()));
   const auto& properties = entity->properties();
   o->slots_.resize(properties.size());
   for (size_t i = 0; i < properties.size(); ++i) {
@@ -466,8 +473,7 @@ Retained<ManagedObject> ManagedObjectContext::insertNewObject(const EntityDescri
       o->slots_[i] = emptyMembers(*r);
     }
   }
-  o->inserted_ = true;
-  registerObject(o.get());
+  o->inserted_ = true;  // registered under its temporary ID once it has one
   inserted_->insert(o.get());
   pendingInserted_->insert(o.get());
   registerUndo(o.get(), guarded([this, o] { undoInsertion(o); }));
@@ -521,6 +527,7 @@ void ManagedObjectContext::revive(const Retained<ManagedObject>& o) {
     o->context_ = this;
     o->inserted_ = true;
     o->committed_.clear();
+    o->clean_ = false;
     registerObject(o.get());
   } else if (o->context_ != this) {
     return;
@@ -598,6 +605,10 @@ void ManagedObjectContext::processPendingChanges() {
   if (processing_) return;
   processing_ = true;
   try {
+    if (sweepDue_) {
+      sweepDue_ = false;
+      sweepUnreferenced();
+    }
     propagateDeletes();
     postObjectsDidChange();
   } catch (...) {
@@ -609,6 +620,12 @@ void ManagedObjectContext::processPendingChanges() {
 
 void ManagedObjectContext::postObjectsDidChange() {
   if (pendingInserted_->empty() && pendingUpdated_->empty() && pendingDeleted_->empty() && pendingRefreshed_->empty()) {
+    return;
+  }
+  if (!NotificationCenter::defaultCenter().hasObservers(kObjectsDidChangeNotification, this)) {
+    for (auto* set : {pendingInserted_.get(), pendingUpdated_.get(), pendingDeleted_.get(), pendingRefreshed_.get()}) {
+      set->clear();
+    }
     return;
   }
   std::vector<Retained<ManagedObject>> inserted, updated, deleted, refreshed;
@@ -663,6 +680,7 @@ void ManagedObjectContext::turnIntoFault(ManagedObject* object) {
   object->willTurnIntoFault();
   object->slots_.clear();
   object->committed_.clear();
+  object->clean_ = false;
   object->fault_ = true;
   if (object->updated_) {
     object->updated_ = false;
@@ -687,7 +705,7 @@ void ManagedObjectContext::refreshObject(ManagedObject* object, bool mergeChange
   std::vector<std::pair<size_t, std::vector<Value>>> added, removed;
   for (size_t i = 0; i < properties.size(); ++i) {
     const Value& now = object->slots_[i];
-    const Value& before = object->committed_[i];
+    const Value& before = object->committedAt(i);
     if (now == before) continue;
     if (toManyRelationship(properties[i]) == nullptr) {
       edits.emplace_back(i, now);
@@ -712,6 +730,7 @@ void ManagedObjectContext::refreshObject(ManagedObject* object, bool mergeChange
     return;
   }
   fillFromNode(object, *values, version);
+  object->detachSnapshot();  // the store's values become the committed ones
   suppressUndo_ = true;
   for (auto& [i, v] : edits) object->slots_[i] = v;
   for (auto& [i, members] : added) {
@@ -747,11 +766,13 @@ void ManagedObjectContext::rollback() {
     o->deleted_ = false;
     o->updated_ = false;
     o->propagated_ = false;
+    if (o->clean_) continue;
     if (o->committed_.empty()) {
       o->slots_.clear();
       o->fault_ = true;
     } else {
-      o->slots_ = o->committed_;
+      o->slots_ = std::move(o->committed_);
+      o->markClean();
     }
   }
   for (auto* set : {inserted_.get(), updated_.get(), deleted_.get(), pendingInserted_.get(), pendingUpdated_.get(),
@@ -769,15 +790,14 @@ void ManagedObjectContext::reset() {
 
 void ManagedObjectContext::assignPermanentID(ManagedObject* object, const ObjectID& newID) {
   Retained<ManagedObject> keep(object);
-  registered_.erase(object->id_);
+  if (!object->id_.isNull()) registered_->erase(object->id_);
   object->id_ = newID;
-  registered_[newID] = keep;
+  registered_->insert(object);
 }
 
 void ManagedObjectContext::rekey(const std::vector<std::pair<ObjectID, ObjectID>>& changes) {
   for (const auto& [oldID, newID] : changes) {
-    auto it = registered_.find(oldID);
-    if (it != registered_.end()) assignPermanentID(it->second.get(), newID);
+    if (ManagedObject* o = registered_->find(oldID)) assignPermanentID(o, newID);
   }
   if (parent_) {
     auto parent = parent_;
@@ -788,16 +808,24 @@ void ManagedObjectContext::rekey(const std::vector<std::pair<ObjectID, ObjectID>
 bool ManagedObjectContext::obtainPermanentIDsForObjects(const std::vector<ManagedObject*>& objects, Error* error) {
   std::vector<ManagedObject*> temporary;
   for (auto* o : objects) {
-    if (o != nullptr && o->context_ == this && o->id_.isTemporaryID()) temporary.push_back(o);
+    if (o != nullptr && o->context_ == this && (o->id_.isNull() || o->id_.isTemporaryID())) temporary.push_back(o);
   }
   if (temporary.empty()) return true;
   auto coordinator = persistentStoreCoordinator();
   if (!coordinator) return setError(error, contextError("The context has no coordinator"));
   auto ids = coordinator->obtainPermanentIDsForObjects(temporary, error);
   if (!ids) return false;
+  // Objects whose temporary ID nobody saw just get the new one; the others are registered
+  // anew here and in the parents that know them by the temporary ID.
   std::vector<std::pair<ObjectID, ObjectID>> changes;
-  for (size_t i = 0; i < temporary.size(); ++i) changes.emplace_back(temporary[i]->id_, (*ids)[i]);
-  rekey(changes);
+  for (size_t i = 0; i < temporary.size(); ++i) {
+    if (!temporary[i]->id_.isNull()) changes.emplace_back(temporary[i]->id_, (*ids)[i]);
+    assignPermanentID(temporary[i], (*ids)[i]);
+  }
+  if (parent_ && !changes.empty()) {
+    auto parent = parent_;
+    parent->performAndWait([&] { parent->rekey(changes); });
+  }
   return true;
 }
 
@@ -843,6 +871,10 @@ bool ManagedObjectContext::save(Error* error) {
     bool written = parent_ ? pushToParent(lists, error) : pushToStores(lists, error);
     if (!written) return false;
     commitSavedChanges(lists);
+    // Objects nobody holds any more are let go at the end of the event (or perform block),
+    // as an autorelease pool would, not while save() keeps the caller waiting.
+    sweepDue_ = !retainsRegisteredObjects_;
+    scheduleEndOfEvent();
     return true;
   } catch (const Exception& e) {
     return setError(error, contextError(e.name() + ": " + e.reason()));
@@ -903,11 +935,11 @@ bool ManagedObjectContext::pushToParent(const SaveLists& lists, Error* error) {
   std::vector<Transfer> transfers;
   for (auto* group : {&lists.inserted, &lists.updated}) {
     for (const auto& o : *group) {
-      Transfer t{o->id_, o->entity_, o->inserted_, {}};
+      Transfer t{o->objectID(), o->entity_, o->inserted_, {}};
       const auto& properties = o->entity_->properties();
       for (size_t i = 0; i < properties.size(); ++i) {
         const Value& v = o->slots_[i];
-        bool changed = o->inserted_ ? !v.isNil() : !(v == o->committed_[i]);
+        bool changed = o->inserted_ ? !v.isNil() : !(v == o->committedAt(i));
         if (!changed) continue;
         Value carried = v;
         if (toManyRelationship(properties[i]) != nullptr) {
@@ -923,7 +955,7 @@ bool ManagedObjectContext::pushToParent(const SaveLists& lists, Error* error) {
     }
   }
   std::vector<ObjectID> deleted;
-  for (const auto& o : lists.deleted) deleted.push_back(o->id_);
+  for (const auto& o : lists.deleted) deleted.push_back(o->objectID());
   auto parent = parent_;
   parent->performAndWait([&] { parent->applyChildChanges(transfers, deleted); });
   return true;
@@ -931,7 +963,7 @@ bool ManagedObjectContext::pushToParent(const SaveLists& lists, Error* error) {
 
 void ManagedObjectContext::applyChildChanges(const std::vector<Transfer>& transfers, const std::vector<ObjectID>& deleted) {
   for (const auto& t : transfers) {
-    if (!t.inserted || registered_.count(t.id) != 0) continue;
+    if (!t.inserted || registered_->find(t.id) != nullptr) continue;
     Retained<ManagedObject> o(makeObject(t.entity, t.id));
     const auto& properties = t.entity->properties();
     o->slots_.resize(properties.size());
@@ -974,12 +1006,12 @@ void ManagedObjectContext::applyChildChanges(const std::vector<Transfer>& transf
 void ManagedObjectContext::commitSavedChanges(const SaveLists& lists) {
   for (const auto& o : lists.inserted) {
     o->inserted_ = false;
-    o->committed_ = o->slots_;
+    o->markClean();
     o->version_ = 1;
   }
   for (const auto& o : updated_->items()) {
     o->updated_ = false;
-    o->committed_ = o->slots_;
+    o->markClean();
   }
   for (const auto& o : lists.updated) ++o->version_;
   for (const auto& o : deleted_->items()) unregister(o.get());
@@ -989,14 +1021,14 @@ void ManagedObjectContext::commitSavedChanges(const SaveLists& lists) {
   for (auto* group : {&lists.inserted, &lists.updated, &lists.deleted}) {
     for (auto& o : *group) o->didSave();
   }
-  if (!lists.inserted.empty() || !lists.updated.empty() || !lists.deleted.empty()) {
+  if ((!lists.inserted.empty() || !lists.updated.empty() || !lists.deleted.empty()) &&
+      NotificationCenter::defaultCenter().hasObservers(kDidSaveNotification, this)) {
     Value info = Value::mutableDictionary();
     info.set(Value(kInsertedObjectsKey), objectSetValue(lists.inserted));
     info.set(Value(kUpdatedObjectsKey), objectSetValue(lists.updated));
     info.set(Value(kDeletedObjectsKey), objectSetValue(lists.deleted));
     NotificationCenter::defaultCenter().post(kDidSaveNotification, this, info.copy());
   }
-  if (!retainsRegisteredObjects_) sweepUnreferenced();
 }
 
 // ---- Fetching --------------------------------------------------------------------------------
@@ -1100,7 +1132,8 @@ std::optional<Value> ManagedObjectContext::execute(const FetchRequest& request, 
     std::vector<Value> out;
     out.reserve(merged.size());
     for (const auto& o : merged) {
-      out.push_back(r.resultType() == FetchResultType::ManagedObjectID ? o->id_.asValue() : Value::object(o.get()));
+      out.push_back(r.resultType() == FetchResultType::ManagedObjectID ? o->objectID().asValue()
+                                                                        : Value::object(o.get()));
     }
     return Value::array(std::move(out));
   } catch (const Exception& ex) {

@@ -1,6 +1,7 @@
 #include "corvane/graph/object_id.h"
 
 #include <atomic>
+#include <typeinfo>
 
 #include "corvane/foundation/env.h"
 #include "corvane/graph/object_model.h"
@@ -19,10 +20,11 @@ class ObjectIDNode final : public Object {
 
   std::string className() const override { return "NSManagedObjectID"; }
   bool isEqualTo(const Object& other) const override {
-    if (this == &other) return true;
-    const auto* o = dynamic_cast<const ObjectIDNode*>(&other);
-    return o != nullptr && o->hashCode == hashCode && o->entity == entity && o->temporary == temporary &&
-           o->store == store && o->reference == reference;
+    return typeid(other) == typeid(ObjectIDNode) && equals(static_cast<const ObjectIDNode&>(other));
+  }
+  bool equals(const ObjectIDNode& o) const {
+    return this == &o || (o.hashCode == hashCode && o.entity == entity && o.temporary == temporary &&
+                          o.store == store && o.reference == reference);
   }
   size_t hashValue() const override { return hashCode; }
   std::string description() const override;
@@ -90,7 +92,7 @@ size_t ObjectID::hash() const { return isNull() ? 0 : nodeOf(value_)->hashCode; 
 bool operator==(const ObjectID& a, const ObjectID& b) {
   if (a.value_.isSameNode(b.value_)) return true;
   if (a.isNull() || b.isNull()) return a.isNull() && b.isNull();
-  return nodeOf(a.value_)->isEqualTo(*nodeOf(b.value_));
+  return nodeOf(a.value_)->equals(*nodeOf(b.value_));
 }
 
 }  // namespace corvane

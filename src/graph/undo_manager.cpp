@@ -50,6 +50,8 @@ void UndoManager::registerUndo(const void* target, Action action) {
 }
 
 void UndoManager::beginUndoGrouping() {
+  // An explicit group is its own undo step even when no run loop closed the event's group.
+  if (autoGroupOpen_ && open_.size() == 1 && !undoing_ && !redoing_) endUndoGrouping();
   checkpoint();
   open_.emplace_back();
 }

@@ -46,10 +46,19 @@ class InMemoryStore final : public IncrementalStore {
 
   std::optional<Value> executeFetch(const FetchRequest& request, ManagedObjectContext* context, Error* error);
   std::optional<Value> executeSave(const SaveChangesRequest& request, Error* error);
+  // Where the record of a reference lives; references index locations_ directly.
+  struct Location {
+    EntityTable* table = nullptr;
+    size_t position = 0;
+  };
+
   EntityTable& tableFor(const EntityDescription* entity);
   Record* find(const ObjectID& id);
+  void put(int64_t reference, Record record);
+  void erase(int64_t reference);
 
   std::unordered_map<const EntityDescription*, std::unique_ptr<EntityTable>> tables_;
+  std::vector<Location> locations_;
   int64_t nextReference_ = 1;
 };
 

@@ -50,6 +50,9 @@ class EntityDescription;
 class PropertyDescription;
 class RelationshipDescription;
 class ManagedObjectContext;
+namespace graph_internal {
+class ObjectSet;
+}
 
 // An owning pointer to a reference-counted corvane::Object (managed objects above all).
 template <class T>
@@ -110,7 +113,12 @@ class ManagedObject : public Object {
   static void registerClass(const std::string& entityName, Factory factory);
 
   const EntityDescription& entity() const { return *entity_; }
-  const ObjectID& objectID() const { return id_; }
+  // A new object's temporary ID is made the first time it is asked for (on the object's
+  // queue, like every other use of the object); saving gives it its permanent ID.
+  const ObjectID& objectID() const {
+    if (id_.isNull()) assignTemporaryID();
+    return id_;
+  }
   ManagedObjectContext* managedObjectContext() const { return context_; }
 
   bool isInserted() const { return inserted_ && !deleted_; }
@@ -153,6 +161,10 @@ class ManagedObject : public Object {
   // inverse relationships in step. Writes are still recorded (changed values, undo).
   Value primitiveValue(std::string_view key) const;
   void setPrimitiveValue(std::string_view key, const Value& value);
+  // The stored value of the property at `index` in entity().properties(), for stores that
+  // walk all properties: to-one relationships are object values, to-many ones the
+  // relationship's own (possibly mutable) set. Read it at once; do not keep or change it.
+  const Value& primitiveValueAt(size_t index) const { return slot(static_cast<int>(index)); }
   // Hooks around every access and change made through value()/setValue() and the helpers.
   // The base versions do nothing; the framework fires faults and records changes itself.
   virtual void willAccessValueForKey(std::string_view key) const;
@@ -190,8 +202,10 @@ class ManagedObject : public Object {
 
  private:
   friend class ManagedObjectContext;
+  friend class graph_internal::ObjectSet;
   friend struct ObjectAccess;
 
+  void assignTemporaryID() const;
   int indexForKey(std::string_view key) const;  // throws for an unknown key
   const PropertyDescription& propertyAt(int index) const;
   void fireFault() const;
@@ -208,20 +222,36 @@ class ManagedObject : public Object {
   void detachInverse(const RelationshipDescription& r, ManagedObject* other);
   void attachInverse(const RelationshipDescription& r, ManagedObject* other);
   bool validateCommon(Error* error) const;
+  // The committed snapshot. "Clean" means it equals the current values, which is the usual
+  // case after a read or a save and costs no copy; the first change takes the copy.
+  bool hasSnapshot() const { return !inserted_ && (clean_ || !committed_.empty()); }
+  const Value& committedAt(size_t i) const { return clean_ ? slots_[i] : committed_[i]; }
+  void markClean() {
+    committed_.clear();
+    clean_ = true;
+  }
+  void detachSnapshot() {
+    if (clean_) {
+      committed_ = slots_;
+      clean_ = false;
+    }
+  }
   Error validationError(int64_t code, const std::string& key, const Value& value, const std::string& text) const;
 
   const EntityDescription* entity_;
   ManagedObjectContext* context_;
-  ObjectID id_;
+  mutable ObjectID id_;                // null for a new object until someone asks for it
   mutable std::vector<Value> slots_;  // one per property; empty while a fault
-  std::vector<Value> committed_;      // snapshot as last read or saved; empty when inserted
+  std::vector<Value> committed_;      // snapshot as last read or saved, unless clean_
   uint64_t version_ = 0;
+  mutable bool clean_ = false;
   mutable bool fault_ = false;
   bool inserted_ = false;
   bool updated_ = false;
   bool deleted_ = false;
   bool propagated_ = false;  // delete rules applied for the current deletion
-  bool pendingUpdate_ = false;  // reported in the next objects-did-change notification
+  uint8_t memberships_ = 0;          // the context's sets holding the object, one bit each
+  mutable uint8_t listed_ = 0;       // scratch bits for listing a set without repeats
 };
 
 }  // namespace corvane

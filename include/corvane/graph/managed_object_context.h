@@ -68,6 +68,7 @@ inline constexpr const char* kRefreshedObjectsKey = "refreshed";
 
 namespace graph_internal {
 class ObjectSet;
+class ObjectRegistry;
 }
 
 class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectContext> {
@@ -149,7 +150,8 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
 
   bool retainsRegisteredObjects() const { return retainsRegisteredObjects_; }
   // When false (the default), objects without changes that nobody else holds are let go
-  // after a save; they come back as faults when asked for again.
+  // after a save, at the end of the event or perform block (or the next time pending changes
+  // are processed); they come back as faults when asked for again.
   void setRetainsRegisteredObjects(bool retains) { retainsRegisteredObjects_ = retains; }
 
   // ---- Undo (context's queue) ---------------------------------------------------------------
@@ -209,7 +211,6 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   std::unique_ptr<SerialQueue> queue_;
   std::shared_ptr<PersistentStoreCoordinator> coordinator_;
   std::shared_ptr<ManagedObjectContext> parent_;
-  std::unordered_map<ObjectID, Retained<ManagedObject>, ObjectIDHash> registered_;
   // Changes since the last save, and since the last objects-did-change notification.
   std::unique_ptr<graph_internal::ObjectSet> inserted_, updated_, deleted_;
   std::unique_ptr<graph_internal::ObjectSet> pendingInserted_, pendingUpdated_, pendingDeleted_, pendingRefreshed_;
@@ -220,6 +221,8 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   bool processing_ = false;
   bool saving_ = false;
   bool suppressUndo_ = false;
+  bool sweepDue_ = false;
+  std::unique_ptr<graph_internal::ObjectRegistry> registered_;
   std::shared_ptr<bool> alive_;  // lets queued work and undo actions notice a destroyed context
 };
 

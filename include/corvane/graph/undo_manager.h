@@ -8,7 +8,9 @@
 // Groups open with beginUndoGrouping() and close with endUndoGrouping(); groups nest, and the
 // nested ones become part of the enclosing top-level group. With groupsByEvent (the default)
 // a registration outside any group opens a group by itself; on the main thread that group is
-// closed at the end of the current pass of the main run loop, and undo() closes it too.
+// closed at the end of the current pass of the main run loop, and undo() closes it too, as
+// does an explicit beginUndoGrouping() (so an explicit group is always its own undo step,
+// whether or not a run loop runs).
 //
 // Notifications (NotificationCenter::defaultCenter(), object = the manager):
 // kUndoManagerCheckpointNotification on every open and close of a group and before undo and
