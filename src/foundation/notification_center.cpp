@@ -118,6 +118,15 @@ NotificationCenter::Observer NotificationCenter::addObserver(std::string name, c
   return Observer(impl_, entry);
 }
 
+bool NotificationCenter::hasObservers(const std::string& name, const void* object) const {
+  Notification probe{name, object, Value()};
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  for (const auto& e : impl_->entries) {
+    if (e->matches(probe)) return true;
+  }
+  return false;
+}
+
 void NotificationCenter::post(const Notification& notification) { impl_->post(notification); }
 
 void NotificationCenter::post(std::string name, const void* object, Value userInfo) {

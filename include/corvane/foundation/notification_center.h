@@ -66,6 +66,10 @@ class NotificationCenter {
   // `name` empty: every notification; `object` nullptr: from any object.
   [[nodiscard]] Observer addObserver(std::string name, const void* object, Callback callback);
 
+  // Whether an observer would receive a notification of that name from that object now (so
+  // that a poster can skip building an expensive user info nobody reads).
+  bool hasObservers(const std::string& name, const void* object) const;
+
   void post(const Notification& notification);
   void post(std::string name, const void* object = nullptr, Value userInfo = Value());
   // Posts on RunLoop::main() (the object address must still mean something then).
