@@ -8,6 +8,7 @@
 #include <rapidjson/writer.h>
 
 #include <cmath>
+#include <unordered_map>
 #include <vector>
 
 namespace corvane {
@@ -34,20 +35,22 @@ class ValueBuilder {
     return add(Value::string(std::string_view(s, length), options_.mutableLeaves));
   }
   bool Key(const char* s, rapidjson::SizeType length, bool) {
-    frames_.back().pendingKey = Value::string(std::string_view(s, length));
+    frames_[depth_ - 1].pendingKey = internedKey(std::string_view(s, length));
     return true;
   }
   bool StartObject() { return open(true); }
   bool EndObject(rapidjson::SizeType) {
-    Frame frame = std::move(frames_.back());
-    frames_.pop_back();
-    return add(Value::dictionary(std::move(frame.entries), options_.mutableContainers));
+    Frame& frame = frames_[--depth_];
+    Value v = Value::dictionaryMovingFrom(frame.entries, options_.mutableContainers);
+    frame.entries.clear();
+    return add(std::move(v));
   }
   bool StartArray() { return open(false); }
   bool EndArray(rapidjson::SizeType) {
-    Frame frame = std::move(frames_.back());
-    frames_.pop_back();
-    return add(Value::array(std::move(frame.items), options_.mutableContainers));
+    Frame& frame = frames_[--depth_];
+    Value v = Value::arrayMovingFrom(frame.items, options_.mutableContainers);
+    frame.items.clear();
+    return add(std::move(v));
   }
 
   bool tooDeep() const { return tooDeep_; }
@@ -61,19 +64,22 @@ class ValueBuilder {
     std::vector<std::pair<Value, Value>> entries;
   };
 
+  // Frames stay allocated when their container closes, so the next container at the same
+  // depth reuses their buffers instead of growing new ones.
   bool open(bool isObject) {
-    if (frames_.size() >= static_cast<size_t>(kMaxJsonDepth)) {
+    if (depth_ >= static_cast<size_t>(kMaxJsonDepth)) {
       tooDeep_ = true;
       return false;
     }
-    frames_.push_back(Frame{isObject, Value(), {}, {}});
+    if (depth_ == frames_.size()) frames_.emplace_back();
+    frames_[depth_++].isObject = isObject;
     return true;
   }
 
   bool add(Value v) {
-    if (frames_.empty()) {
+    if (depth_ == 0) {
       root_ = std::move(v);
-    } else if (Frame& top = frames_.back(); top.isObject) {
+    } else if (Frame& top = frames_[depth_ - 1]; top.isObject) {
       top.entries.emplace_back(std::move(top.pendingKey), std::move(v));
     } else {
       top.items.push_back(std::move(v));
@@ -81,8 +87,22 @@ class ValueBuilder {
     return true;
   }
 
+  // Keys repeat across the records of a file ("length", "hash", "name", ...). Immutable
+  // strings can share one node, which saves an allocation per repetition.
+  Value internedKey(std::string_view key) {
+    if (key.size() > kMaxInternedKeyLength) return Value::string(key);
+    auto it = keys_.find(key);
+    if (it != keys_.end()) return it->second;
+    Value v = Value::string(key);
+    keys_.emplace(std::string_view(v.str()), v);
+    return v;
+  }
+
+  static constexpr size_t kMaxInternedKeyLength = 24;  // UIDs and other unique keys are longer
   const JsonReadOptions& options_;
+  std::unordered_map<std::string_view, Value> keys_;
   std::vector<Frame> frames_;
+  size_t depth_ = 0;
   Value root_;
   bool tooDeep_ = false;
 };

@@ -204,7 +204,17 @@ Value Value::array(std::vector<Value> items, bool mutableNode) {
   return ValueAccess::adopt(ValueKind::Array, node);
 }
 
+Value Value::arrayMovingFrom(std::span<Value> items, bool mutableNode) {
+  auto* node = new ElementsNode(mutableNode, false);
+  node->items.assign(std::make_move_iterator(items.begin()), std::make_move_iterator(items.end()));
+  return ValueAccess::adopt(ValueKind::Array, node);
+}
+
 Value Value::dictionary(std::vector<std::pair<Value, Value>> entries, bool mutableNode) {
+  return dictionaryMovingFrom(entries, mutableNode);
+}
+
+Value Value::dictionaryMovingFrom(std::span<std::pair<Value, Value>> entries, bool mutableNode) {
   auto* node = new DictionaryNode(mutableNode);
   Value result = ValueAccess::adopt(ValueKind::Dictionary, node);
   node->entries.reserve(entries.size());

@@ -177,6 +177,10 @@ class Value {
   static Value mutableDictionary(std::vector<std::pair<Value, Value>> entries = {}) {
     return dictionary(std::move(entries), true);
   }
+  // The same, moving the members out of a buffer that the caller keeps (and reuses), as a
+  // parser does for each container it closes.
+  static Value arrayMovingFrom(std::span<Value> items, bool mutableNode = false);
+  static Value dictionaryMovingFrom(std::span<std::pair<Value, Value>> entries, bool mutableNode = false);
   static Value set(std::vector<Value> items = {}, bool mutableNode = false);
   static Value mutableSet(std::vector<Value> items = {}) { return set(std::move(items), true); }
   static Value orderedSet(std::vector<Value> items = {}, bool mutableNode = false);
