@@ -1,4 +1,4 @@
-#include "corvane/document/folder_merge.h"
+#include "corvane/foundation/folder_merge.h"
 
 #include <gtest/gtest.h>
 
