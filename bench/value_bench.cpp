@@ -3,14 +3,12 @@
 // records deeply. RapidJSON allocates from a memory pool and frees it in one go, so it is the
 // floor for a dynamic value type; the ratio (Value's rate / RapidJSON's) says how close we come.
 // Run with --benchmark_counters_tabular=true; the ratios are printed at the end.
-#include <benchmark/benchmark.h>
 #include <rapidjson/document.h>
 
-#include <cstdio>
-#include <map>
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "corvane/foundation/value.h"
 
 namespace {
@@ -122,41 +120,12 @@ BENCHMARK(BM_RapidJSONLookup);
 BENCHMARK(BM_ValueEqual);
 BENCHMARK(BM_RapidJSONEqual);
 
-// Prints as usual and remembers each run's rate for the ratio table.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      auto it = run.counters.find("items_per_second");
-      if (it != run.counters.end()) rate_[run.benchmark_name()] = it->second.value;
-    }
-  }
-
-  void printRatios() const {
-    std::printf("\nValue records/s / RapidJSON records/s\n");
-    std::printf("%-10s %16s %16s %7s\n", "operation", "Value", "RapidJSON", "ratio");
-    for (const char* op : {"Build", "Lookup", "Equal"}) {
-      auto ours = rate_.find(std::string("BM_Value") + op);
-      auto theirs = rate_.find(std::string("BM_RapidJSON") + op);
-      if (ours == rate_.end() || theirs == rate_.end()) continue;
-      std::printf("%-10s %16.0f %16.0f %7.3f\n", op, ours->second, theirs->second, ours->second / theirs->second);
-    }
-  }
-
- private:
-  std::map<std::string, double> rate_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatios();
-  benchmark::Shutdown();
-  return 0;
+  return corvane::bench::runWithRatios(argc, argv, "Value records/s / RapidJSON records/s", "items_per_second",
+                                       {{"build", "BM_ValueBuild", "BM_RapidJSONBuild"},
+                                        {"lookup", "BM_ValueLookup", "BM_RapidJSONLookup"},
+                                        {"equal", "BM_ValueEqual", "BM_RapidJSONEqual"}},
+                                       1.0, "rec/s");
 }
