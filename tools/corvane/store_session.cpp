@@ -1,0 +1,181 @@
+#include "store_session.h"
+
+#include "corvane/document/volume.h"
+#include "corvane/foundation/application_info.h"
+#include "corvane/foundation/notification_center.h"
+#include "corvane/foundation/run_loop.h"
+#include "corvane/security/package_encryption.h"
+
+namespace corvane::cli {
+namespace {
+
+// The document layer's answers, for the store's checks of files that are only placeholders.
+class DocumentVolumeQueries final : public StoreVolumeQueries {
+ public:
+  bool isOnDisk(Env* env, const std::string& path) override { return CorvaneIsOnDisk(env, path); }
+  std::optional<std::string> serviceType(Env* env, const std::string& path) override {
+    return CorvaneServiceType(env, path);
+  }
+  bool isLocalURL(Env* env, const std::string& path) override { return CorvaneIsLocalURL(env, path); }
+  Value volumeInformation(Env* env, const std::string& path) override { return CorvaneVolumeInformation(env, path); }
+};
+
+// An update pass that takes longer than this is not waited for (it goes on; the command works
+// with what has been applied).
+constexpr double kOpenTimeoutSeconds = 600;
+
+}  // namespace
+
+void addStoreOptions(CLI::App* command, StoreOptions* options, bool withModel) {
+  if (withModel) {
+    command->add_option("--model", options->model, "The JSON model file of the document's entities")
+        ->required()
+        ->type_name("MODEL.json");
+  }
+  command->add_option("--cache-root", options->cacheRoot,
+                      "Keep this device's cache of the document under DIR (default: the tool's data folder)")
+      ->type_name("DIR");
+  command->add_flag("--recover", options->recover,
+                    "Recovery mode: go on past damaged or missing change files instead of stopping");
+  addPasswordOptions(command, &options->password);
+}
+
+void prepareStoreEnvironment() {
+  static bool prepared = false;
+  if (prepared) return;
+  prepared = true;
+  ApplicationInfo tool;
+  tool.identifier = std::string(kFrameworkBundleIdentifier) + ".cli";
+  tool.name = "corvane";
+  tool.version = kFrameworkVersion;
+  tool.shortVersion = kFrameworkShortVersion;
+  ApplicationInfo::setCurrent(tool);
+  setDefaultStoreVolumeQueries(std::make_shared<DocumentVolumeQueries>());
+  CorvaneStore::registerStoreType();
+}
+
+std::shared_ptr<ObjectModel> loadModel(const std::string& path, std::string* error) {
+  Env* env = Env::defaultEnv();
+  if (!env->fileExists(path)) {
+    *error = path + ": no such model file";
+    return nullptr;
+  }
+  Error readError;
+  std::shared_ptr<ObjectModel> model = ObjectModel::fromFile(path, &readError, env);
+  if (!model) *error = path + " is not a valid model: " + readError.localizedDescription;
+  return model;
+}
+
+StoreSession::~StoreSession() { close(); }
+
+std::unique_ptr<StoreSession> StoreSession::open(const StoreOptions& options, std::string* error) {
+  prepareStoreEnvironment();
+  Env* env = Env::defaultEnv();
+  bool isDirectory = false;
+  if (!env->fileExists(options.package, &isDirectory) || !isDirectory) {
+    *error = options.package + " is not a folder: a Corvane document is a package folder";
+    return nullptr;
+  }
+  if (!CorvaneStore::isCorrectFormat(options.package, env)) {
+    *error = options.package + " is not a Corvane package (it needs Info.plist, Changes and Entities)";
+    return nullptr;
+  }
+  // The password is checked before anything else is read or written.
+  Value extra = Value::mutableDictionary();
+  const Value info = CorvaneStore::infoDictionaryForURL(options.package, env);
+  if (isEncryptedPackageInfo(info)) {
+    std::optional<std::string> password =
+        obtainPassword(env, options.password, "Password for " + options.package + ": ", error);
+    if (!password) return nullptr;
+    if (!CorvaneStore::canOpenURL(options.package, *password, env)) {
+      *error = "wrong password for " + options.package;
+      return nullptr;
+    }
+    extra.set(Value(kCorvanePasswordOption), Value(*password));
+  }
+  return openStore(options, extra, error);
+}
+
+std::unique_ptr<StoreSession> StoreSession::create(const StoreOptions& options, const std::string& identifier,
+                                                   const std::optional<std::string>& password, std::string* error) {
+  prepareStoreEnvironment();
+  if (Env::defaultEnv()->fileExists(options.package)) {
+    *error = options.package + " already exists";
+    return nullptr;
+  }
+  Value extra = Value::mutableDictionary();
+  if (!identifier.empty()) extra.set(Value(kCorvaneDocumentIdentifierOption), Value(identifier));
+  if (password) extra.set(Value(kCorvanePasswordOption), Value(*password));
+  return openStore(options, extra, error);
+}
+
+std::unique_ptr<StoreSession> StoreSession::openStore(const StoreOptions& options, const Value& extra,
+                                                      std::string* error) {
+  std::unique_ptr<StoreSession> session(new StoreSession());
+  session->model_ = loadModel(options.model, error);
+  if (!session->model_) return nullptr;
+  Value storeOptions = extra.mutableCopy();
+  if (!options.cacheRoot.empty()) storeOptions.set(Value(kCorvaneCacheRootURLOption), Value(options.cacheRoot));
+  if (options.recover) storeOptions.set(Value(kCorvaneRecoverOption), Value(true));
+
+  int ready = 0;
+  NotificationCenter::Observer observer =
+      NotificationCenter::defaultCenter().addObserver(kCorvaneReadyNotification, nullptr,
+                                                      [&ready](const Notification&) { ++ready; });
+  session->coordinator_ = std::make_shared<CorvanePersistentStoreCoordinator>(session->model_);
+  Error openError;
+  auto* store = session->coordinator_->addPersistentStore(kCorvaneStoreType, "", options.package,
+                                                          storeOptions.copy(), &openError);
+  if (store == nullptr) {
+    *error = openError.localizedDescription;
+    session->closed_ = true;
+    return nullptr;
+  }
+  session->store_ = static_cast<CorvaneStore*>(store);
+  RunLoop::main().runUntil([&ready] { return ready > 0; }, kOpenTimeoutSeconds);
+  RunLoop::main().runOnce();  // the log entries posted last
+  session->context_ = CorvaneManagedObjectContext::create(ConcurrencyType::MainQueue);
+  session->context_->setPersistentStoreCoordinator(session->coordinator_);
+  session->context_->setUndoManager(nullptr);
+  return session;
+}
+
+std::vector<std::string> StoreSession::problems() const {
+  std::vector<std::string> out;
+  if (store_ == nullptr) return out;
+  const std::vector<StoreLogEntry> entries = store_->logEntries();
+  for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
+    if (it->type != kCorvaneLogTypeSuccess && it->message != "Reset Log" && it->message != "No changes found") {
+      out.push_back(it->message);
+    }
+  }
+  return out;
+}
+
+bool StoreSession::save(std::string* error) {
+  Error saveError;
+  if (!context_->save(&saveError)) {
+    *error = saveError.localizedDescription.empty() ? saveError.description() : saveError.localizedDescription;
+    if (!saveError.recoverySuggestion.empty()) *error += " " + saveError.recoverySuggestion;
+    return false;
+  }
+  store_->waitForSaves();
+  const Value failures = store_->errorRecords();
+  if (!failures.empty()) {
+    *error = "the save could not be written: " + failures.at(0)["description"].str();
+    return false;
+  }
+  return true;
+}
+
+void StoreSession::close() {
+  if (closed_) return;
+  closed_ = true;
+  context_.reset();
+  if (store_ != nullptr) store_->close();
+  coordinator_.reset();
+  store_ = nullptr;
+  RunLoop::main().discardPendingWork();
+}
+
+}  // namespace corvane::cli
