@@ -112,6 +112,7 @@ void CorvaneSaveOperation::main() {
   if (!bytes && error.empty()) {
     error = Error(kCorvaneErrorDomain, -1, fmt::format("Could not serialize change {}", pathLastComponent(path_)));
   }
+  store_->ignoreOwnChange(path_);  // this device's own save starts no update pass
   if (bytes && store_->env()->writeFileAtomically(path_, *bytes, &error)) {
     didWrite();
     return;
@@ -154,6 +155,7 @@ bool CorvaneStore::writeRecoveryChange(const std::string& path, const Value& ref
   if (!bytes) return false;
   env_->createDirectory(pathDeletingLastComponent(path), true, nullptr);
   Error error;
+  ignoreOwnChange(path);
   if (!env_->writeFileAtomically(path, *bytes, &error)) {
     logError(error, "CorvaneSaveOperation");
     return false;
@@ -176,6 +178,7 @@ void CorvaneStore::discardChange(const std::string& path) {
   env_->createDirectory(invalid, true, nullptr);
   const std::string moved = pathJoin(invalid, fileName);
   env_->removeItem(moved, nullptr);  // an earlier discard of the same name
+  ignoreOwnChange(path);
   env_->moveItem(path, moved, nullptr);
 
   Value discarded;

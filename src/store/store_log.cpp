@@ -105,6 +105,7 @@ void CorvaneStore::logErrorString(const std::string& text, const std::string& do
     std::lock_guard<std::mutex> lock(logMutex_);
     errorRecords_.append(record);
   }
+  writeErrorRecord(record);
   if (environment_->errorDelegate) environment_->errorDelegate(fmt::format("{} {}", url(), text), domain);
 }
 

@@ -56,15 +56,7 @@ void CorvaneStore::invalidatePaths(const std::vector<std::string>& paths) {
   processToken_ = mainLoop_->postAfter(debounceDelay_, guarded([this] { processChanges(); }));
 }
 
-void CorvaneStore::observeDirectory() {
-  if (changesURL().empty()) return;
-  unobserveDirectory();
-  // Watching the folder for other devices' files comes with the multi-device support; a store
-  // catches up at opening and whenever updateChanges() or invalidatePaths() is called.
-  observing_ = true;
-}
-
-void CorvaneStore::unobserveDirectory() { observing_ = false; }
+// observeDirectory() and unobserveDirectory() are in store_watch.cpp.
 
 void CorvaneStore::updateChanges() {
   if (updating_) {
@@ -79,7 +71,7 @@ void CorvaneStore::updateChanges() {
       if (cache_->changeLog()) {
         log(fmt::format("File: {} up to date after {:.2f} seconds", documentIdentifier(), env_->monotonicNow() - start),
             kCorvaneLogTypeSuccess);
-        // "Checksum: <checksum>" joins this line once content checksums exist.
+        log(fmt::format("Checksum: {}", checkSum()), kCorvaneLogTypeSuccess);
         NotificationCenter::defaultCenter().post(kCorvaneDidFinishLoadingNotification, this);
       } else {
         scheduleUpdate(retryDelay_);

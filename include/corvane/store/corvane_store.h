@@ -43,6 +43,7 @@
 
 #include "corvane/cache/cache_store_services.h"
 #include "corvane/foundation/date_format.h"
+#include "corvane/foundation/file_event_stream.h"
 #include "corvane/foundation/observable.h"
 #include "corvane/foundation/operation_queue.h"
 #include "corvane/foundation/run_loop.h"
@@ -81,6 +82,8 @@ inline constexpr const char* kCorvaneRecoverOption = "CorvaneRecover";
 inline constexpr const char* kCorvaneUpdateRetryDelayOption = "CorvaneUpdateRetryDelay";
 // Seconds of quiet after the last file event before an update pass runs (default 5).
 inline constexpr const char* kCorvaneChangeDebounceDelayOption = "CorvaneChangeDebounceDelay";
+// Seconds over which file events of the Changes folder are gathered into one batch (default 2).
+inline constexpr const char* kCorvaneEventLatencyOption = "CorvaneEventLatency";
 // A StoreEnvironment object value (store_environment.h).
 inline constexpr const char* kCorvaneStoreEnvironmentOption = "CorvaneStoreEnvironment";
 
@@ -278,6 +281,55 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   void removeChange(const Value& change, const Value& objects, bool wasInsert);
   // Runs a repair chosen from a log entry's menu.
   void performMenuItem(const StoreMenuItem& item);
+  // The menu's actions by name: write a recovery change in place of the missing change file,
+  // move the change file aside, reveal the file (through the environment's revealInFileViewer).
+  void insertChangeFromMenu(const StoreMenuItem& item) { insertChange(item.path); }
+  void discardChangeFromMenu(const StoreMenuItem& item) { discardChange(item.path); }
+  void showInFinder(const StoreMenuItem& item) { revealInFileViewer(item.path); }
+
+  // ---- Comparing devices and repairing sync conflicts ---------------------------------------
+  // The first 6 upper-case hexadecimal digits of the MD5 of the applied change names joined
+  // by ",": equal on two devices that have applied the same history.
+  std::string checkSum() const;
+  // Entity name -> 6 upper-case hexadecimal digits over the cached values of its objects, or
+  // "incomplete" while an item is missing from the cache; entities without objects are left
+  // out. Kept until the history changes. Reads the cache without locking: call it off the
+  // main thread (or accept the cost); a result computed while the history changed is dropped.
+  Value contentChecksum();
+  // Merges entity folders that a sync service duplicated under a longer name ("Person 2")
+  // into the known folder whose name they begin with, longest known name first.
+  void fixSyncConflicts();
+
+  // ---- Watching <pkg>/Changes ---------------------------------------------------------------
+  // Whether a folder watch is running (observeDirectory() succeeded and nothing stopped it).
+  bool isObservingDirectory() const;
+  // Tells the watch that the store itself wrote the file, so that its event starts no pass.
+  void ignoreOwnChange(const std::string& path);
+
+  // ---- Diagnostics ---------------------------------------------------------------------------
+  // Up to 20 error records of <pkg>/Errors, newest first. Records are property-list files
+  // named "<yyyy-MM-dd-HH-mm-ss.SSS GMT>.<UUID>.plist", so that names sorted descending are
+  // newest first.
+  Value errorsArray() const;
+  // Those of errorsArray() from the last 10 days.
+  Value recentErrorsArray() const;
+  // The loading issues as an array of dictionaries (the name keeps its historical spelling).
+  Value peformanceArray() const;
+  // {"machineName", "fullUserName", "date"} of each machine that wrote an applied change in
+  // the last 14 days, newest first.
+  Value recentDeviceActivity() const;
+  bool hasRecentChangesFromOtherDevices() const;
+  // "<applied changes> in Cache / <change files> on Disk".
+  std::string changesInfo() const;
+  // The cache holds at least as many applied changes as the last pass counted change files.
+  bool loadedAllChanges() const;
+
+  // ---- Object history ------------------------------------------------------------------------
+  // Rows for an outline: {"name": "Object", "value": URI path, "paths": [object files]}, then
+  // one row per change of the object, newest first: {"name": medium date and time, "value":
+  // "<full name> (<machine>, <version>)", "version"?, "date", "URL", "children": [{"name":
+  // property, "value": payload entry}]}. Reads and decrypts the files; for on-demand display.
+  Value changesHistoryForObjectID(const ObjectID& objectID, ManagedObjectContext* context = nullptr);
 
   // ---- Update pass ---------------------------------------------------------------------------
   // One guarded pass; a pass while one runs is deferred by the retry delay. Main thread.
@@ -363,6 +415,8 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   // The log on the main run loop.
   void addLogEntry(StoreLogEntry entry, const Value& change);
   bool writeRecoveryChange(const std::string& path, const Value& refreshes);
+  // One error record as a property list in <pkg>/Errors (see errorsArray()).
+  void writeErrorRecord(const Value& record);
   void presentError(const Error& error);
 
   Value storeOptions_;  // the options without "CorvaneUpToChange"
@@ -421,9 +475,14 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   struct LogObservers;
   std::shared_ptr<LogObservers> logObservers_;
 
-  std::mutex tokensMutex_;
+  mutable std::mutex tokensMutex_;
   RunLoop::Token updateToken_, processToken_, refreshLogToken_;
   bool observing_ = false;
+  std::unique_ptr<FileEventStream> eventStream_;  // created and destroyed on the main run loop
+
+  mutable std::mutex checksumMutex_;
+  std::string lastCheckSum_;     // the checkSum() at which cachedContentChecksum_ was completed
+  Value cachedContentChecksum_;  // nil until one completed
 
   std::shared_ptr<CorvaneCache> cache_;
   SerialQueue readQueue_;

@@ -1,0 +1,122 @@
+// CorvaneStore: error records in <pkg>/Errors and the questions a support person asks about a
+// document: which errors were recorded, who wrote lately, how far this device has caught up.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <unordered_set>
+
+#include "corvane/cache/cache.h"
+#include "corvane/foundation/plist.h"
+#include "corvane/store/corvane_store.h"
+#include "store/store_internal.h"
+
+namespace corvane {
+
+namespace {
+constexpr size_t kMaxErrorRecords = 20;
+constexpr double kRecentErrorsSeconds = 864000;      // 10 days
+constexpr double kRecentActivitySeconds = 1209600;   // 14 days
+}  // namespace
+
+void CorvaneStore::writeErrorRecord(const Value& record) {
+  const std::string folder = errorsURL();
+  if (folder.empty()) return;
+  // The GMT date first, so that names sorted descending are newest first on every device; the
+  // UUID keeps records of the same millisecond (or of two devices) apart.
+  const std::string name = fmt::format("{}.{}.plist", dateFormatter_.format(record["date"].dateValue()),
+                                       env_->newUUIDString());
+  Value stored = record;
+  if (!isValidPropertyList(stored)) {
+    // Host-supplied user info in the session may hold values a property list cannot.
+    stored = store_internal::mutableDictionaryCopy(record);
+    Value session = store_internal::mutableDictionaryCopy(record["session"]);
+    session.remove(Value("userInfo"));
+    stored.set(Value("session"), session);
+    if (!isValidPropertyList(stored)) return;
+  }
+  env_->createDirectory(folder, true, nullptr);
+  writePropertyListFile(env_, pathJoin(folder, name), stored, nullptr);
+}
+
+Value CorvaneStore::errorsArray() const {
+  const std::string folder = errorsURL();
+  std::vector<std::string> names;
+  if (folder.empty() || !env_->listDirectory(folder, true, &names, nullptr)) return Value::array();
+  std::sort(names.begin(), names.end(), std::greater<>());
+  std::vector<Value> records;
+  for (const std::string& name : names) {
+    if (records.size() >= kMaxErrorRecords) break;
+    Value record;
+    if (!readPropertyListFile(env_, pathJoin(folder, name), &record, nullptr) || !record.isDictionary()) continue;
+    records.push_back(record);
+  }
+  return Value::array(std::move(records));
+}
+
+Value CorvaneStore::recentErrorsArray() const {
+  const double cutOff = env_->now() - kRecentErrorsSeconds;
+  std::vector<Value> recent;
+  for (const Value& record : errorsArray().elements()) {
+    if (record["date"].isDate() && record["date"].dateValue() > cutOff) recent.push_back(record);
+  }
+  return Value::array(std::move(recent));
+}
+
+Value CorvaneStore::peformanceArray() const {
+  const Value issues = loadingIssues();
+  std::vector<Value> dictionaries;
+  for (const Value& issue : issues.elements())
+    if (issue.isDictionary()) dictionaries.push_back(issue);
+  return Value::array(std::move(dictionaries));
+}
+
+Value CorvaneStore::recentDeviceActivity() const {
+  const double cutOff = env_->now() - kRecentActivitySeconds;
+  const Value changes = cache_->changes();
+  const std::vector<Value>& records = changes.elements();
+  std::unordered_set<std::string> seen;
+  std::vector<std::pair<double, Value>> activity;
+  for (auto it = records.rbegin(); it != records.rend(); ++it) {
+    std::optional<double> date = store_internal::dateFromChangeValue((*it)["date"]);
+    if (date && *date < cutOff) break;
+    const Value& session = (*it)["session"];
+    const Value& machine = session["machineName"];
+    if (!machine.isString() || machine.str().empty() || !seen.insert(machine.str()).second) continue;
+    Value entry = Value::mutableDictionary();
+    entry.set(Value("machineName"), machine);
+    if (!session["fullUserName"].isNil()) entry.set(Value("fullUserName"), session["fullUserName"]);
+    if (date) entry.set(Value("date"), Value::date(*date));
+    activity.emplace_back(date.value_or(0), entry.copy());
+  }
+  std::stable_sort(activity.begin(), activity.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+  std::vector<Value> sorted;
+  for (auto& [date, entry] : activity) sorted.push_back(std::move(entry));
+  return Value::array(std::move(sorted));
+}
+
+bool CorvaneStore::hasRecentChangesFromOtherDevices() const {
+  for (const Value& entry : recentDeviceActivity().elements()) {
+    if (entry["machineName"].str() != machineName_) return true;
+  }
+  return false;
+}
+
+std::string CorvaneStore::changesInfo() const {
+  const size_t cached = cache_->changes().count();
+  size_t onDisk = 0;
+  std::vector<std::string> names;
+  if (env_->listDirectory(changesURL(), false, &names, nullptr)) {
+    for (const std::string& name : names) {
+      // ENDSWITH[cd] 'json': any case.
+      if (name.size() < 4) continue;
+      std::string tail = name.substr(name.size() - 4);
+      std::transform(tail.begin(), tail.end(), tail.begin(), [](unsigned char c) { return std::tolower(c); });
+      if (tail == "json") ++onDisk;
+    }
+  }
+  return fmt::format("{} in Cache / {} on Disk", cached, onDisk);
+}
+
+bool CorvaneStore::loadedAllChanges() const { return cache_->changes().count() >= changesFileCount_.load(); }
+
+}  // namespace corvane
