@@ -16,7 +16,7 @@ void FCNSCoder::put(const Value& object, std::string_view key) {
     record_->emplace_back(object, Value(key));
     return;
   }
-  writer_->write(object);
+  writer_->writeHandedOver(object);
   writer_->writeImmutableString(key);
 }
 
@@ -31,8 +31,8 @@ void FCNSCoder::encodeObjectWithKeyValue(const Value& object, const Value& key) 
     record_->emplace_back(object, key);
     return;
   }
-  writer_->write(object);
-  writer_->write(key);
+  writer_->writeHandedOver(object);
+  writer_->writeHandedOver(key);
 }
 
 void FCNSCoder::encodeConditionalObject(const Value& object, std::string_view key) {
@@ -40,8 +40,8 @@ void FCNSCoder::encodeConditionalObject(const Value& object, std::string_view ke
     // Nothing has been written when recording, so nothing qualifies.
     return;
   }
-  if (!writer_->isInObjectTable(object.identity())) return;
-  writer_->writeObjectAlias(object.identity());
+  if (!writer_->isInObjectTable(object)) return;
+  writer_->writeObjectAlias(object);
   writer_->writeImmutableString(key);
 }
 

@@ -2,9 +2,11 @@
 // with, the wire constants, and the two engines behind FCNSCoder and FCNSDecoder.
 #pragma once
 
+#include <array>
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -113,38 +115,45 @@ class PointerIndexMap {
 };
 
 // Open-addressing map from string contents to a table index. Keys are copied into an arena,
-// so the strings may go away while the map lives.
+// so the strings may go away while the map lives. A 16-byte slot holds part of the hash, the
+// index and where the text lies, so a lookup touches one slot and, on a match, the text.
 class StringIndexMap {
  public:
-  StringIndexMap() { slots_.resize(256); }
+  StringIndexMap() { slots_.resize(1024); }
   int64_t find(std::string_view key, uint64_t hash) const {
     size_t mask = slots_.size() - 1;
+    auto tag = static_cast<uint32_t>(hash >> 32) | 1;  // never 0, which marks an empty slot
     for (size_t i = hash & mask;; i = (i + 1) & mask) {
       const Slot& s = slots_[i];
-      if (s.index == 0) return -1;
-      if (s.hash == hash && s.length == key.size() &&
-          std::memcmp(arena_.data() + s.offset, key.data(), key.size()) == 0)
-        return s.index - 1;
+      if (s.tag == 0) return -1;
+      if (s.tag == tag && s.length == key.size() && std::memcmp(arena_.data() + s.offset, key.data(), key.size()) == 0)
+        return s.index;
     }
   }
-  void insert(std::string_view key, uint64_t hash, uint32_t index) {
+  // Returns false, storing nothing, when the arena would pass 4 GiB; the caller then simply
+  // writes later equal strings again.
+  bool insert(std::string_view key, uint64_t hash, uint32_t index) {
+    if (arena_.size() + key.size() > UINT32_MAX) return false;
     if ((size_ + 1) * 4 > slots_.size() * 3) grow();
-    place(Slot{hash, arena_.size(), key.size(), index + 1});
+    place(Slot{static_cast<uint32_t>(hash >> 32) | 1, index, static_cast<uint32_t>(arena_.size()),
+               static_cast<uint32_t>(key.size())},
+          hash);
     arena_.append(key);
     ++size_;
+    return true;
   }
 
  private:
   struct Slot {
-    uint64_t hash = 0;
-    size_t offset = 0;
-    size_t length = 0;
-    uint32_t index = 0;  // index + 1; 0 marks an empty slot
+    uint32_t tag = 0;  // the hash's high 32 bits with the lowest set; 0: empty
+    uint32_t index = 0;
+    uint32_t offset = 0;
+    uint32_t length = 0;
   };
-  void place(const Slot& n) {
+  void place(const Slot& n, uint64_t hash) {
     size_t mask = slots_.size() - 1;
-    for (size_t i = n.hash & mask;; i = (i + 1) & mask) {
-      if (slots_[i].index == 0) {
+    for (size_t i = hash & mask;; i = (i + 1) & mask) {
+      if (slots_[i].tag == 0) {
         slots_[i] = n;
         return;
       }
@@ -154,7 +163,7 @@ class StringIndexMap {
     std::vector<Slot> old(slots_.size() * 2);
     old.swap(slots_);
     for (const Slot& s : old)
-      if (s.index != 0) place(s);
+      if (s.tag != 0) place(s, hashBytes(std::string_view(arena_.data() + s.offset, s.length)));
   }
   std::vector<Slot> slots_;
   std::string arena_;
@@ -168,11 +177,19 @@ class FastWriter {
   Bytes finish();
 
   void write(const Value& v);
+  // Writes a value that user code handed over (a getter's result, a coder argument, what a
+  // key path found). The table keys nodes by address, so such a node is retained until the
+  // end, as the platform's autorelease scope keeps objects alive: a node freed during the walk
+  // must not pass its address, and so its index, to a later node.
+  void writeHandedOver(const Value& v) {
+    if (v.identity() != nullptr) retained_.push_back(v);
+    write(v);
+  }
   void writeImmutableString(std::string_view s);
   void writeFreshData(ByteView bytes);  // a data object nothing else can alias
   void writeNumberOfKind(NumberKind kind, int64_t i, double d);
-  bool isInObjectTable(const void* identity) const { return identity != nullptr && objects_.find(identity) >= 0; }
-  void writeObjectAlias(const void* identity);  // identity must be in the table
+  bool isInObjectTable(const Value& v) const { return v.identity() != nullptr && objects_.find(v.identity()) >= 0; }
+  void writeObjectAlias(const Value& v);  // v must be in the table
 
  private:
   struct DictClass {  // the class definition of "$class" dictionaries of one name
@@ -206,11 +223,19 @@ class FastWriter {
     p[s.size()] = 0;
   }
 
-  bool objectAlias(const void* identity);
-  uint32_t registerObject(const void* identity) {
-    if (identity != nullptr) objects_.insert(identity, objectCount_);
-    return objectCount_++;
+  // Writes an alias when v's node is in the object table. A node can be met twice only
+  // through two handles, or through one that user code hands over twice, and such handles
+  // are retained (writeHandedOver), so a node that no other handle holds is not looked up.
+  bool objectAlias(const Value& v) {
+    if (static_cast<const detail::Node*>(v.identity())->refCount() < 2) return false;
+    int64_t i = objects_.find(v.identity());
+    if (i < 0) return false;
+    writeIndexedAlias(kAlias8, static_cast<uint32_t>(i));
+    return true;
   }
+  void registerObject(const Value& v) { objects_.insert(v.identity(), objectCount_++); }
+  // Takes an object index for something that is never referred to again.
+  void registerSlot() { ++objectCount_; }
   void writeIndexedAlias(uint8_t code8, uint32_t index);
   void writeNumber(const Value& v);
   void writeInteger32(int32_t v, bool boolean);
@@ -233,7 +258,14 @@ class FastWriter {
   int depth_ = 0;
   PointerIndexMap objects_;
   uint32_t objectCount_ = 0;
+  std::vector<Value> retained_;
   StringIndexMap strings_;
+  // Shared string nodes (dictionary keys) resolve by address before their text is hashed.
+  struct StringNodeSlot {
+    const void* node = nullptr;
+    uint32_t index = 0;
+  };
+  std::array<StringNodeSlot, 1024> stringNodes_{};
   std::unordered_map<Value, uint32_t, ValueHash> urls_;
   uint32_t stringCount_ = 0;
   std::unordered_map<std::string, ClassEntry> classes_;       // classes of registered objects
@@ -351,22 +383,48 @@ class FastReader {
   static Value c_keyedArchive(FastReader&);
   static Value c_date(FastReader&);
 
+  // Scratch vectors for immutable containers, one per nesting level, kept for the whole
+  // parse so that building a container costs no allocation beyond its own node.
+  template <class T>
+  class Scratch {
+   public:
+    std::vector<T>& acquire() {
+      if (depth_ == levels_.size()) levels_.emplace_back();
+      std::vector<T>& v = levels_[depth_++];
+      v.clear();
+      return v;
+    }
+    void release() { --depth_; }
+
+   private:
+    std::deque<std::vector<T>> levels_;  // a deque keeps outer levels in place as it grows
+    size_t depth_ = 0;
+  };
+
   const uint8_t* in_;
   size_t total_;
   size_t off_ = 8;
   const Constructor* constructors_;
+  Scratch<Value> scratchItems_;
+  Scratch<std::pair<Value, Value>> scratchEntries_;
   int depth_ = 0;
   std::vector<Value> objects_;
   std::vector<Value> strings_;
   std::vector<ClassDef> classes_;
   std::vector<std::unique_ptr<FCNSDecoder::Pairs>> pool_;
   FCNSDecoder decoder_{nullptr};
+  // Coded objects of one class usually name it through the same string node: look it up once.
+  const void* lastCodedName_ = nullptr;
+  const ClassInfo* lastCodedClass_ = nullptr;
 };
 
 // Shared by both readers.
 bool isValidUTF8(std::string_view s);
-// The object a keyed initialiser makes for `className`, or an UnknownCodedObject.
-Value constructCodedObject(const Value& className, FCNSDecoder& decoder, const FCNSDecoder::Pairs& pairs);
+// The object a keyed initialiser makes for `className` (whose class is `info`, null when not
+// registered), or an UnknownCodedObject.
+Value constructCodedObject(const ClassInfo* info, const Value& className, FCNSDecoder& decoder,
+                           const FCNSDecoder::Pairs& pairs);
+const ClassInfo* findCodedClass(const Value& className);
 // The instance (or "$class" dictionary) for a property-coded class; info may be null.
 Value constructPropertyObject(const ClassInfo* info, const std::string& name);
 // Sets one property on what constructPropertyObject made.

@@ -211,7 +211,7 @@ class LegacyReader {
       pairs.emplace_back(std::move(key), std::move(value));
     }
     FCNSDecoder decoder(&pairs);
-    return push(constructCodedObject(className, decoder, pairs));
+    return push(constructCodedObject(findCodedClass(className), className, decoder, pairs));
   }
 
   template <size_t N>

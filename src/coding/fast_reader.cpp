@@ -76,11 +76,15 @@ bool isValidUTF8(std::string_view s) {
   return true;
 }
 
-Value constructCodedObject(const Value& className, FCNSDecoder& decoder, const FCNSDecoder::Pairs& pairs) {
+const ClassInfo* findCodedClass(const Value& className) {
   const std::string& name = className.str();
-  const ClassInfo* info = name.empty() ? nullptr : ClassRegistry::shared().find(name);
+  return name.empty() ? nullptr : ClassRegistry::shared().find(name);
+}
+
+Value constructCodedObject(const ClassInfo* info, const Value& className, FCNSDecoder& decoder,
+                           const FCNSDecoder::Pairs& pairs) {
   if (info != nullptr && info->createWithCoder) return info->createWithCoder(decoder);
-  return Value::object(new UnknownCodedObject(name, pairs));
+  return Value::object(new UnknownCodedObject(className.str(), pairs));
 }
 
 Value constructPropertyObject(const ClassInfo* info, const std::string& name) {
@@ -191,34 +195,28 @@ Value FastReader::readDictionary(bool mutableNode) {
     objects_.push_back(empty);
     return empty;
   }
-  std::vector<std::pair<Value, Value>> entries;
+  std::vector<std::pair<Value, Value>>& entries = scratchEntries_.acquire();
   entries.reserve(capacityFor(count, 2));
   for (uint32_t i = 0; i < count; ++i) {
     Value value = readObject();
     Value key = readObject();
     if (!value.isNil() && !key.isNil()) entries.emplace_back(std::move(key), std::move(value));
   }
-  Value dict = Value::dictionary(std::move(entries));
+  Value dict = Value::dictionaryMovingFrom(entries);
+  entries.clear();
+  scratchEntries_.release();
   objects_.push_back(dict);
   return dict;
 }
 
 Value FastReader::readCollection(ValueKind kind, bool mutableNode) {
   auto count = takeAligned<uint32_t>();
-  std::vector<Value> items;
-  items.reserve(capacityFor(count, 1));
-  auto make = [kind](std::vector<Value> v, bool m) {
-    switch (kind) {
-      case ValueKind::Set:
-        return Value::set(std::move(v), m);
-      case ValueKind::OrderedSet:
-        return Value::orderedSet(std::move(v), m);
-      default:
-        return Value::array(std::move(v), m);
-    }
-  };
   if (mutableNode) {
-    Value c = make(std::move(items), true);
+    std::vector<Value> items;
+    items.reserve(capacityFor(count, 1));
+    Value c = kind == ValueKind::Set          ? Value::set(std::move(items), true)
+              : kind == ValueKind::OrderedSet ? Value::orderedSet(std::move(items), true)
+                                              : Value::array(std::move(items), true);
     objects_.push_back(c);
     for (uint32_t i = 0; i < count; ++i) c.append(readObject());
     return c;
@@ -231,8 +229,18 @@ Value FastReader::readCollection(ValueKind kind, bool mutableNode) {
     objects_.push_back(e);
     return e;
   }
+  std::vector<Value>& items = scratchItems_.acquire();
+  items.reserve(capacityFor(count, 1));
   for (uint32_t i = 0; i < count; ++i) items.push_back(readObject());
-  Value c = make(std::move(items), false);
+  Value c;
+  if (kind == ValueKind::Array) {
+    c = Value::arrayMovingFrom(items);
+  } else {
+    std::vector<Value> members(std::make_move_iterator(items.begin()), std::make_move_iterator(items.end()));
+    c = kind == ValueKind::Set ? Value::set(std::move(members)) : Value::orderedSet(std::move(members));
+  }
+  items.clear();
+  scratchItems_.release();
   objects_.push_back(c);
   return c;
 }
@@ -329,9 +337,14 @@ Value FastReader::readCodedObject() {
     Value key = readObject();
     pairs->emplace_back(std::move(key), std::move(value));
   }
+  const void* nameNode = className.identity();
+  if (nameNode == nullptr || nameNode != lastCodedName_) {
+    lastCodedClass_ = findCodedClass(className);
+    lastCodedName_ = nameNode;
+  }
   const FCNSDecoder::Pairs* saved = decoder_.properties_;
   decoder_.properties_ = pairs.get();
-  Value object = constructCodedObject(className, decoder_, *pairs);
+  Value object = constructCodedObject(lastCodedClass_, className, decoder_, *pairs);
   decoder_.properties_ = saved;
   pairs->clear();
   pool_.push_back(std::move(pairs));

@@ -73,14 +73,7 @@ void FastWriter::writeIndexedAlias(uint8_t code8, uint32_t index) {
   }
 }
 
-bool FastWriter::objectAlias(const void* identity) {
-  int64_t i = objects_.find(identity);
-  if (i < 0) return false;
-  writeIndexedAlias(kAlias8, static_cast<uint32_t>(i));
-  return true;
-}
-
-void FastWriter::writeObjectAlias(const void* identity) { objectAlias(identity); }
+void FastWriter::writeObjectAlias(const Value& v) { objectAlias(v); }
 
 void FastWriter::write(const Value& v) {
   switch (v.kind()) {
@@ -108,8 +101,8 @@ void FastWriter::write(const Value& v) {
       writeData(v);
       return;
     case ValueKind::Date:
-      if (objectAlias(v.identity())) return;
-      registerObject(v.identity());
+      if (objectAlias(v)) return;
+      registerObject(v);
       byte(kDate);
       align(8);
       raw<double>(v.dateValue());
@@ -258,17 +251,35 @@ void FastWriter::writeImmutableString(std::string_view s) {
 
 void FastWriter::writeString(const Value& v) {
   if (!v.isMutable()) {
+    const void* node = v.identity();
+    if (static_cast<const detail::Node*>(node)->refCount() < 2) {
+      writeImmutableString(v.str());
+      return;
+    }
+    StringNodeSlot& slot = stringNodes_[mixHash(reinterpret_cast<uintptr_t>(node)) & (stringNodes_.size() - 1)];
+    if (slot.node == node) {
+      writeIndexedAlias(kStringAlias8, slot.index);
+      return;
+    }
     writeImmutableString(v.str());
+    // Remember the node with the index its text has now. The node lives as long as the walk:
+    // it is held by the graph or was retained when user code handed it over.
+    const std::string& text = v.str();
+    int64_t index = strings_.find(text, hashBytes(text));
+    if (index >= 0) {
+      slot.node = node;
+      slot.index = static_cast<uint32_t>(index);
+    }
     return;
   }
-  if (objectAlias(v.identity())) return;
-  registerObject(v.identity());
+  if (objectAlias(v)) return;
+  registerObject(v);
   byte(kMutableString);
   cstring(v.str());
 }
 
 void FastWriter::writeFreshData(ByteView bytes) {
-  registerObject(nullptr);
+  registerSlot();
   byte(kData);
   align(4);
   raw<uint32_t>(static_cast<uint32_t>(bytes.size()));
@@ -279,8 +290,8 @@ void FastWriter::writeFreshData(ByteView bytes) {
 }
 
 void FastWriter::writeData(const Value& v) {
-  if (objectAlias(v.identity())) return;
-  registerObject(v.identity());
+  if (objectAlias(v)) return;
+  registerObject(v);
   ByteView bytes = v.bytes();
   byte(v.isMutable() ? kMutableData : kData);
   align(4);
@@ -294,21 +305,21 @@ void FastWriter::writeData(const Value& v) {
 // ---- Containers -------------------------------------------------------------------------
 
 void FastWriter::writeCollection(const Value& v, uint8_t immutableCode, uint8_t mutableCode) {
-  if (objectAlias(v.identity())) return;
+  if (objectAlias(v)) return;
   bool isMutable = v.isMutable();
   // A mutable container takes its index before its children so that it can contain itself;
   // an immutable one cannot, and takes it after them, where the reader builds it.
-  if (isMutable) registerObject(v.identity());
+  if (isMutable) registerObject(v);
   const auto& items = v.elements();
   byte(isMutable ? mutableCode : immutableCode);
   align(4);
   raw<uint32_t>(static_cast<uint32_t>(items.size()));
   for (const Value& item : items) write(item);
-  if (!isMutable) registerObject(v.identity());
+  if (!isMutable) registerObject(v);
 }
 
 void FastWriter::writeDictionary(const Value& v) {
-  if (objectAlias(v.identity())) return;
+  if (objectAlias(v)) return;
   const auto& entries = v.entries();
   if (entries.size() == 1 && entries[0].first == aliasKey()) {
     writeAliasDictionary(entries[0].second);
@@ -319,7 +330,7 @@ void FastWriter::writeDictionary(const Value& v) {
     return;
   }
   bool isMutable = v.isMutable();
-  if (isMutable) registerObject(v.identity());
+  if (isMutable) registerObject(v);
   byte(isMutable ? kMutableDictionary : kDictionary);
   align(4);
   raw<uint32_t>(static_cast<uint32_t>(entries.size()));
@@ -328,7 +339,7 @@ void FastWriter::writeDictionary(const Value& v) {
     write(value);
     write(key);
   }
-  if (!isMutable) registerObject(v.identity());
+  if (!isMutable) registerObject(v);
 }
 
 // {"$alias": "a.2.b"} stands for the value found from the root along the key path.
@@ -351,7 +362,7 @@ void FastWriter::writeAliasDictionary(const Value& path) {
     if (dot == std::string_view::npos) break;
     rest.remove_prefix(dot + 1);
   }
-  write(current);
+  writeHandedOver(current);
 }
 
 // A dictionary with "$class" is an object whose class was unknown when it was read. Every
@@ -399,7 +410,7 @@ void FastWriter::writeClassDictionary(const Value& v) {
     raw<uint32_t>(static_cast<uint32_t>(def->keys.size()));
     for (const auto& k : def->keys) cstring(k);
   }
-  registerObject(v.identity());
+  registerObject(v);
   writeClassIndex(classIndex);
   for (const auto& k : def->keys) {
     const Value* value = nullptr;
@@ -436,7 +447,7 @@ void FastWriter::writeClassIndex(uint32_t index) {
 
 void FastWriter::writeObject(const Value& v) {
   Object* obj = v.objectPointer();
-  if (objectAlias(obj)) return;
+  if (objectAlias(v)) return;
   auto* coding = dynamic_cast<FastCodingObject*>(obj);
   if (coding != nullptr && !coding->preferFastCoding() && coding->supportsKeyedCoding()) {
     if (coding->preferKeyedArchiver()) {
@@ -447,7 +458,7 @@ void FastWriter::writeObject(const Value& v) {
       } else {
         byte(kNil);
       }
-      registerObject(obj);
+      registerObject(v);
       return;
     }
     byte(kCodedObject);
@@ -460,7 +471,7 @@ void FastWriter::writeObject(const Value& v) {
     FCNSCoder coder(this);
     coding->encodeWithCoder(coder);
     byte(kNil);
-    registerObject(obj);
+    registerObject(v);
     return;
   }
 
@@ -475,17 +486,17 @@ void FastWriter::writeObject(const Value& v) {
     for (const auto& k : entry.keys) cstring(k);
     it = classes_.emplace(std::move(name), std::move(entry)).first;
   }
-  registerObject(obj);
+  registerObject(v);
   writeClassIndex(it->second.index);
-  for (const auto& k : it->second.keys) write(obj->valueForKey(k));
+  for (const auto& k : it->second.keys) writeHandedOver(obj->valueForKey(k));
 }
 
 // ---- Index sets, URLs, structures -------------------------------------------------------
 
 void FastWriter::writeIndexSet(const Value& v) {
-  if (objectAlias(v.identity())) return;
+  if (objectAlias(v)) return;
   bool isMutable = v.isMutable();
-  if (isMutable) registerObject(v.identity());
+  if (isMutable) registerObject(v);
   const auto& ranges = v.indexRanges();
   byte(isMutable ? kMutableIndexSet : kIndexSet);
   align(4);
@@ -494,7 +505,7 @@ void FastWriter::writeIndexSet(const Value& v) {
     raw<uint32_t>(static_cast<uint32_t>(r.location));
     raw<uint32_t>(static_cast<uint32_t>(r.length));
   }
-  if (!isMutable) registerObject(v.identity());
+  if (!isMutable) registerObject(v);
 }
 
 void FastWriter::writeURL(const Value& v) {
@@ -512,7 +523,7 @@ void FastWriter::writeURL(const Value& v) {
 void FastWriter::writeStructure(const Value& v) {
   // Structure values take an object index although nothing ever refers to them, and the
   // reader does not count them: files from the platform carry the same offset.
-  registerObject(nullptr);
+  registerSlot();
   auto doubles = v.structureDoubles();
   auto putDoubles = [&](size_t n) {
     for (size_t i = 0; i < n; ++i) raw<double>(i < doubles.size() ? doubles[i] : 0.0);
