@@ -101,7 +101,7 @@ struct BenchData {
     store = std::make_unique<BenchStore>(root);
     CorvaneCacheItem::registerClass();
   }
-  ~BenchData() { Env::defaultEnv()->removeItem(root, nullptr); }
+  void removeFiles() { Env::defaultEnv()->removeItem(root, nullptr); }
 
   std::shared_ptr<CorvaneCache> boundCache() {
     auto cache = CorvaneCache::cacheForStore(store.get(), &loop);
@@ -283,6 +283,7 @@ int main(int argc, char** argv) {
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   reporter.printRatio();
+  data().removeFiles();
   benchmark::Shutdown();
   return 0;
 }
