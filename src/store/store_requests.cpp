@@ -298,6 +298,7 @@ CorvaneCacheItemPtr CorvaneStore::loadValuesForEntity(const EntityDescription& e
                                                       const std::string& upToChange) {
   const auto start = std::chrono::steady_clock::now();
   const std::vector<std::string> files = changesFilesFor(entity, uid);
+  if (files.empty()) return {};  // no applied change wrote this object: there is none
   CorvaneCacheItemPtr item = CorvaneCacheItem::create();
   for (const std::string& file : files) {
     if (!volumes_->isOnDisk(env_, file)) {
@@ -329,7 +330,7 @@ CorvaneCacheItemPtr CorvaneStore::loadValuesForEntity(const EntityDescription& e
   }
   const double milliseconds =
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-  if (milliseconds > 5.0 && !files.empty()) {
+  if (milliseconds > 5.0) {
     addLoadingIssue(loadingIssueWithType(kLoadingIssueLoadingPerformance, files.front(), Value(milliseconds)));
   }
   return item;
