@@ -56,7 +56,8 @@ Value CorvaneStore::errorsArray() const {
 Value CorvaneStore::recentErrorsArray() const {
   const double cutOff = env_->now() - kRecentErrorsSeconds;
   std::vector<Value> recent;
-  for (const Value& record : errorsArray().elements()) {
+  const Value records = errorsArray();
+  for (const Value& record : records.elements()) {
     if (record["date"].isDate() && record["date"].dateValue() > cutOff) recent.push_back(record);
   }
   return Value::array(std::move(recent));
@@ -95,7 +96,8 @@ Value CorvaneStore::recentDeviceActivity() const {
 }
 
 bool CorvaneStore::hasRecentChangesFromOtherDevices() const {
-  for (const Value& entry : recentDeviceActivity().elements()) {
+  const Value activity = recentDeviceActivity();
+  for (const Value& entry : activity.elements()) {
     if (entry["machineName"].str() != machineName_) return true;
   }
   return false;

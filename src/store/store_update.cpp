@@ -50,7 +50,7 @@ void CorvaneStore::scheduleUpdate(double delay) {
 }
 
 void CorvaneStore::invalidatePaths(const std::vector<std::string>& paths) {
-  if (paths.empty()) return;
+  if (paths.empty() || isClosed()) return;  // a closed store ignores other devices
   std::lock_guard<std::mutex> lock(tokensMutex_);
   processToken_.cancel();
   processToken_ = mainLoop_->postAfter(debounceDelay_, guarded([this] { processChanges(); }));
