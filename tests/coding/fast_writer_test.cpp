@@ -301,6 +301,26 @@ TEST_F(FastWriterObjects, SecondObjectOfAClassReusesItsDefinition) {
   EXPECT_EQ(encode(pair), expected);
 }
 
+// A getter that makes a new node on every call and drops the previous one: a node freed
+// during the walk must not lend its address, and so its index, to the next one.
+class FreshGetter : public FastCodingObject {
+ public:
+  std::string className() const override { return "TestFresh"; }
+  Value valueForKey(std::string_view) const override {
+    last_ = Value();  // freed first, so that the allocator may hand out the same address
+    last_ = Value::mutableArray();
+    return last_;
+  }
+  mutable Value last_;
+};
+
+TEST(FastWriterFreshValues, NodesMadeByGettersAreNeverTakenForEarlierOnes) {
+  registerPropertyClass<FreshGetter>("TestFresh", {"a", "b"});
+  Bytes expected = cat({header(3, 1, 0), {0x1D}, cstr("TestFresh"), {0}, u32(2), cstr("a"), cstr("b"), {0x1E, 0x00},
+                        {0x19, 0x00}, u32(0), {0x19, 0, 0, 0}, u32(0)});
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(hex(encode(Value::object(new FreshGetter()))), hex(expected));
+}
+
 TEST(FastWriterUnknownClass, ReadsAsDictionaryAndWritesBackTheSameBytes) {
   // The name and its NUL fill 21 to 31, so the count follows at 32 without padding.
   Bytes stream = cat({header(1, 1, 0), {0x1D}, cstr("MissingOne"), u32(2), cstr("b"), cstr("a"),
