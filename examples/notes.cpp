@@ -9,11 +9,7 @@
 #include <string>
 
 #include "corvane/foundation/notification_center.h"
-#include "corvane/graph/in_memory_store.h"
-#include "corvane/graph/managed_object_context.h"
-#include "corvane/graph/object_model.h"
-#include "corvane/graph/persistent_store_coordinator.h"
-#include "corvane/graph/undo_manager.h"
+#include "corvane/graph/graph.h"
 
 using namespace corvane;
 

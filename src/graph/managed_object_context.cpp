@@ -91,7 +91,14 @@ void ManagedObjectContext::runBlock(const std::function<void()>& block) {
 
 void ManagedObjectContext::perform(std::function<void()> block) {
   auto self = shared_from_this();
-  auto task = [self, block = std::move(block)] { self->runBlock(block); };
+  auto task = [self, block = std::move(block)] {
+    // Nobody waits for this block, so an exception has nowhere to go but the log.
+    try {
+      self->runBlock(block);
+    } catch (const std::exception& e) {
+      logLine(std::string("Exception in a context's perform block: ") + e.what(), LogLevel::Error);
+    }
+  };
   if (type_ == ConcurrencyType::MainQueue) {
     RunLoop::main().post(std::move(task));
   } else {
@@ -315,25 +322,75 @@ void ManagedObjectContext::forgetObjects() {
   }
 }
 
-void ManagedObjectContext::sweepUnreferenced() {
-  // Only the registry holds such an object: nobody can reach it, so it may go and come back
-  // later as a fault. Letting one go can free others it referred to, hence a second pass.
-  for (int pass = 0; pass < 2; ++pass) {
-    auto removed = registered_->removeIf([](const ManagedObject* o) {
-      return o->refCount() == 1 && !o->inserted_ && !o->updated_ && !o->deleted_;
-    });
-    if (removed.empty()) return;
-    std::vector<ObjectID> gone;
-    gone.reserve(removed.size());
-    for (const auto& o : removed) {
-      o->context_ = nullptr;
-      o->committed_.clear();
-      o->clean_ = false;
-      if (!o->id_.isTemporaryID()) gone.push_back(o->id_);
+namespace {
+// Calls f(target) for every object of the context that `o`'s stored values refer to.
+template <class F>
+void forEachReference(const ManagedObject* o, const ManagedObjectContext* context, const std::vector<Value>& values,
+                      F&& f) {
+  auto visit = [&](const Value& v) {
+    ManagedObject* target = objectOf(v);
+    if (target != nullptr && target->managedObjectContext() == context) f(target);
+  };
+  for (const Value& v : values) {
+    if (v.isObject()) {
+      visit(v);
+    } else if (v.isCollection()) {
+      for (const Value& e : v.elements()) visit(e);
     }
-    for (const auto& o : removed) o->slots_.clear();
-    if (auto coordinator = persistentStoreCoordinator()) coordinator->didUnregisterObjectIDs(gone);
   }
+  (void)o;
+}
+}  // namespace
+
+void ManagedObjectContext::sweepUnreferenced() {
+  // An object may go when nothing outside the context's own graph holds it, directly or
+  // through objects it is related to: count the references the registered objects make to
+  // each other, take as roots the objects with changes or with more references than the
+  // registry's and those, keep what the roots reach and let the rest go (as faults they
+  // come back when asked for). Related objects hold each other, so counting alone would
+  // never free them.
+  registered_->forEach([](ManagedObject* o) {
+    o->incoming_ = 0;
+    o->marked_ = false;
+  });
+  auto edges = [&](ManagedObject* o, auto&& f) {
+    forEachReference(o, this, o->slots_, f);
+    if (!o->clean_) forEachReference(o, this, o->committed_, f);
+  };
+  registered_->forEach([&](ManagedObject* o) { edges(o, [](ManagedObject* t) { ++t->incoming_; }); });
+  std::vector<ManagedObject*> stack;
+  registered_->forEach([&](ManagedObject* o) {
+    bool held = o->refCount() > 1 + o->incoming_ || o->inserted_ || o->updated_ || o->deleted_;
+    if (held && !o->marked_) {
+      o->marked_ = true;
+      stack.push_back(o);
+    }
+  });
+  while (!stack.empty()) {
+    ManagedObject* o = stack.back();
+    stack.pop_back();
+    edges(o, [&](ManagedObject* t) {
+      if (!t->marked_) {
+        t->marked_ = true;
+        stack.push_back(t);
+      }
+    });
+  }
+  auto removed = registered_->removeIf([](const ManagedObject* o) { return !o->marked_; });
+  if (removed.empty()) return;
+  std::vector<ObjectID> gone;
+  gone.reserve(removed.size());
+  for (const auto& o : removed) {
+    o->context_ = nullptr;
+    if (!o->id_.isTemporaryID()) gone.push_back(o->id_);
+  }
+  // Dropping the values breaks the cycles among the objects let go.
+  for (const auto& o : removed) {
+    o->slots_.clear();
+    o->committed_.clear();
+    o->clean_ = false;
+  }
+  if (auto coordinator = persistentStoreCoordinator()) coordinator->didUnregisterObjectIDs(gone);
 }
 
 // ---- Faults ----------------------------------------------------------------------------------

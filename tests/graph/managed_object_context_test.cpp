@@ -543,9 +543,32 @@ TEST(ManagedObjectContext, LetsGoOfUnreferencedObjectsUnlessAskedToRetain) {
   }
   auto kept = note(c, "kept");
   ASSERT_TRUE(c.save());
+  c.processPendingChanges();
   EXPECT_FALSE(c.objectRegisteredForID(dropped));  // nobody held it
   EXPECT_EQ(c.objectRegisteredForID(kept->objectID()), kept);
   EXPECT_EQ(c.objectWithID(dropped)->stringValue("title"), "a");  // comes back as a fault
+
+  // Objects that only hold each other (inverse relationships) go too; what a held object
+  // reaches stays.
+  ObjectID folderID, tagID;
+  Retained<ManagedObject> holder;
+  {
+    auto folder = c.insertNewObject("Folder");
+    auto inFolder = note(c, "in folder");
+    inFolder->setToOne("folder", folder.get());
+    auto tag = c.insertNewObject("Tag");
+    tag->setValue("name", "t");
+    holder = note(c, "holder");
+    holder->addToMany("tags", tag.get());
+    ASSERT_TRUE(c.save());
+    folderID = folder->objectID();
+    tagID = tag->objectID();
+  }
+  c.processPendingChanges();  // the end of the event, where objects are let go
+  EXPECT_FALSE(c.objectRegisteredForID(folderID));
+  EXPECT_TRUE(c.objectRegisteredForID(tagID));
+  EXPECT_EQ(c.objectWithID(folderID)->toMany("notes").size(), 1u);
+  holder = nullptr;
 
   c.setRetainsRegisteredObjects(true);
   ObjectID retained;
@@ -554,6 +577,7 @@ TEST(ManagedObjectContext, LetsGoOfUnreferencedObjectsUnlessAskedToRetain) {
     ASSERT_TRUE(c.save());
     retained = b->objectID();
   }
+  c.processPendingChanges();
   EXPECT_TRUE(c.objectRegisteredForID(retained));
 }
 

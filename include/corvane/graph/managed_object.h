@@ -250,6 +250,8 @@ class ManagedObject : public Object {
   bool updated_ = false;
   bool deleted_ = false;
   bool propagated_ = false;  // delete rules applied for the current deletion
+  uint32_t incoming_ = 0;            // scratch for letting go of unreferenced objects
+  bool marked_ = false;
   uint8_t memberships_ = 0;          // the context's sets holding the object, one bit each
   mutable uint8_t listed_ = 0;       // scratch bits for listing a set without repeats
 };

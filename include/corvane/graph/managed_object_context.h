@@ -15,8 +15,9 @@
 // Queues. A main-queue context belongs to the main run loop (RunLoop::main()): use it and its
 // objects only on the main thread, or through perform(). A private-queue context has its own
 // serial queue: use it and its objects only inside perform() / performAndWait(). perform()
-// queues the block and returns; performAndWait() runs it and returns when it is done (at once
-// when called on the context's own queue). Pending changes are processed after every block.
+// queues the block and returns (an exception it throws is logged); performAndWait() runs it
+// and returns when it is done, passing exceptions on (at once when called on the context's
+// own queue). Pending changes are processed after every block.
 //
 // Notifications (NotificationCenter::defaultCenter(), posted on the context's queue, object =
 // the context): kObjectsDidChangeNotification when pending changes are processed, with sets
