@@ -189,5 +189,38 @@ TEST(ContextConcurrency, MainQueueContextServesBackgroundThreadsThroughItsRunLoo
   EXPECT_EQ(*main->count(FetchRequest("Note")), 4u);
 }
 
+TEST(ContextConcurrency, PrivateChildOfTheMainContextWorksInTheBackground) {
+  Stack s;
+  auto main = s.context;
+  main->insertNewObject("Folder")->setValue("name", "Inbox");
+  ASSERT_TRUE(main->save());
+  auto child = ManagedObjectContext::create(ConcurrencyType::PrivateQueue);
+  child->setParentContext(main);
+
+  // The child's reads and its save go through the main context, on the main thread, which
+  // keeps running its loop meanwhile.
+  std::atomic<bool> finished{false};
+  child->perform([&] {
+    FetchRequest request("Folder");
+    auto folders = child->fetch(request);
+    EXPECT_TRUE(folders && folders->size() == 1);
+    for (int i = 0; i < 20; ++i) {
+      auto note = child->insertNewObject("Note");
+      note->setValue("title", "bg" + std::to_string(i));
+      note->setToOne("folder", (*folders)[0].get());
+    }
+    Error error;
+    EXPECT_TRUE(child->save(&error)) << error.localizedDescription;
+    finished = true;
+  });
+  EXPECT_TRUE(RunLoop::main().runUntil([&] { return finished.load(); }, 30));
+  FetchRequest request("Folder");
+  auto inbox = (*main->fetch(request))[0];
+  EXPECT_EQ(inbox->toMany("notes").size(), 20u);
+  EXPECT_EQ(main->insertedObjects().size(), 20u);
+  EXPECT_TRUE(main->save());
+  EXPECT_EQ(*s.newContext()->count(FetchRequest("Note")), 20u);
+}
+
 }  // namespace
 }  // namespace corvane

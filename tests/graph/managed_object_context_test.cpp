@@ -142,6 +142,7 @@ TEST(ManagedObjectContext, InverseRelationshipsStayInStep) {
 TEST(ManagedObjectContext, SavedObjectsComeBackAsFaultsInAnotherContext) {
   Stack s;
   auto& c = *s.context;
+  Error error;
   auto inbox = c.insertNewObject("Folder");
   inbox->setValue("name", "Inbox");
   auto a = note(c, "a", 1);
@@ -149,7 +150,6 @@ TEST(ManagedObjectContext, SavedObjectsComeBackAsFaultsInAnotherContext) {
   auto tag = c.insertNewObject("Tag");
   tag->setValue("name", "t");
   a->addToMany("tags", tag.get());
-  Error error;
   ASSERT_TRUE(c.save(&error)) << error.localizedDescription;
   EXPECT_FALSE(a->objectID().isTemporaryID());
   EXPECT_FALSE(a->isInserted());
@@ -165,6 +165,19 @@ TEST(ManagedObjectContext, SavedObjectsComeBackAsFaultsInAnotherContext) {
   EXPECT_EQ(titles(same->toOne("folder")->toMany("notes")), "a");
   EXPECT_EQ(names(same->toMany("tags")), (std::vector<std::string>{"t"}));
   EXPECT_EQ(same->version(), 1u);
+
+  // Ordered relationships keep their order through the store.
+  std::vector<Retained<ManagedObject>> files;
+  for (const char* name : {"c", "a", "b"}) {
+    files.push_back(c.insertNewObject("Attachment"));
+    files.back()->setValue("name", name);
+  }
+  a->setToMany("attachments", files);
+  ASSERT_TRUE(c.save(&error)) << error.localizedDescription;
+  auto third = s.newContext();
+  std::string order;
+  for (const auto& f : third->objectWithID(a->objectID())->toMany("attachments")) order += f->stringValue("name");
+  EXPECT_EQ(order, "cab");
 
   auto gone = other->existingObjectWithID(ObjectID::makePermanent(testing::testModel()->entity("Note"), Value(999), s.store), &error);
   EXPECT_FALSE(gone);

@@ -273,6 +273,22 @@ TEST(ContextUndo, UndoesValuesInsertsDeletesAndRelationships) {
   auto other = s.newContext();
   EXPECT_EQ(other->objectWithID(id)->toOne("folder")->objectID(), inbox->objectID());
 
+  // A many-to-many change is undone on both sides.
+  undo.beginUndoGrouping();
+  auto tag = c.insertNewObject("Tag");
+  tag->setValue("name", "t");
+  undo.endUndoGrouping();
+  ASSERT_TRUE(c.save());
+  undo.beginUndoGrouping();
+  a->addToMany("tags", tag.get());
+  undo.endUndoGrouping();
+  c.undo();
+  EXPECT_TRUE(a->toMany("tags").empty());
+  EXPECT_TRUE(tag->toMany("notes").empty());
+  c.redo();
+  EXPECT_EQ(tag->toMany("notes").size(), 1u);
+  c.undo();
+
   // Undoing an insertion removes the object; redoing brings it back.
   undo.beginUndoGrouping();
   auto b = c.insertNewObject("Note");
