@@ -363,11 +363,12 @@ class Coded : public FastCodingObject {
 TEST(FastWriterCoded, PairsValueFirstThenANilTerminator) {
   registerKeyedClass<Coded>("TestCoded");
   auto* c = new Coded();
+  Value object = Value::object(c);  // owns c
   c->name = Value("v");
   c->n = 7;
   Bytes expected = cat({header(1, 0, 4), {0x2B, 0x08}, cstr("TestCoded"), {0x08}, cstr("v"), {0x08}, cstr("name"),
                         {0x0F, 0x07, 0x08}, cstr("n"), {0x00}});
-  EXPECT_EQ(encode(Value::object(c)), expected);
+  EXPECT_EQ(encode(object), expected);
 
   Value back = FastCoder::objectWithData(expected);
   auto* read = dynamic_cast<Coded*>(back.objectPointer());
@@ -377,7 +378,7 @@ TEST(FastWriterCoded, PairsValueFirstThenANilTerminator) {
 
   // A nil object writes no pair at all.
   c->name = Value();
-  EXPECT_EQ(encode(Value::object(c)),
+  EXPECT_EQ(encode(object),
             cat({header(1, 0, 2), {0x2B, 0x08}, cstr("TestCoded"), {0x0F, 0x07, 0x08}, cstr("n"), {0x00}}));
 }
 
