@@ -135,6 +135,10 @@ void UndoManager::undo() {
   checkpoint();
   if (groupsByEvent_ && autoGroupOpen_ && open_.size() == 1) endUndoGrouping();
   if (!open_.empty()) inconsistency("undo: undo was called with too many nested undo groups");
+  undoNewestGroup();
+}
+
+void UndoManager::undoNewestGroup() {
   if (undoStack_.empty()) return;
   post(kUndoManagerWillUndoChangeNotification);
   Group group = std::move(undoStack_.back());
@@ -160,12 +164,7 @@ void UndoManager::undoNestedGroup() {
     // parent, so there is nothing separate to undo.
     inconsistency("undoNestedGroup: an undo group is open");
   }
-  if (undoStack_.empty()) return;
-  post(kUndoManagerWillUndoChangeNotification);
-  Group group = std::move(undoStack_.back());
-  undoStack_.pop_back();
-  runGroup(std::move(group), true);
-  post(kUndoManagerDidUndoChangeNotification);
+  undoNewestGroup();
 }
 
 void UndoManager::removeAllActions() {

@@ -72,8 +72,9 @@ class UndoManager {
   // manager's state has been restored.
   virtual void undo();
   virtual void redo();
-  // Undoes the newest group without closing open groups first (only at grouping level 0 or
-  // inside an open group, whose last nested group is undone).
+  // Undoes the newest closed group without closing an open event group first. Nested groups
+  // are merged into their top-level group when they close, so this throws
+  // Exception("NSInternalInconsistencyException") while any group is open.
   void undoNestedGroup();
   bool isUndoing() const { return undoing_; }
   bool isRedoing() const { return redoing_; }
@@ -102,6 +103,7 @@ class UndoManager {
   void checkpoint();
   void post(const char* name);
   void runGroup(Group group, bool undoing);
+  void undoNewestGroup();
   std::vector<Group>& targetStack();
   void trimUndoStack();
 
