@@ -88,8 +88,9 @@ class CorvaneCacheDictionary final : public CorvaneCacheCollection {
  public:
   static std::shared_ptr<CorvaneCacheDictionary> dictionaryWithStore(CorvaneCacheStoreServices* store, std::string url);
 
-  // The live dictionary (loads first). setValue() installs a new dictionary rather than
-  // changing one that a reader still holds, so a reader may go on enumerating what it got.
+  // The live dictionary (loads first). setValue() and removeObjectForKey() change it in place
+  // only while no reader holds it; otherwise they install a changed copy, so a reader may go on
+  // enumerating what it got without the collection's lock.
   Value content();
   Value valueForKey(const Value& key);
   CorvaneCacheItemPtr itemForKey(std::string_view uid);
