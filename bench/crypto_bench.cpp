@@ -3,17 +3,15 @@
 // reference reuses its cipher context and output buffer, so it is the floor of what the
 // construction costs; the ratio (SeaCrypto's throughput / the reference's) says how close we
 // come. Run with --benchmark_counters_tabular=true; the ratios are printed at the end.
-#include <benchmark/benchmark.h>
 #include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
-#include <cstdio>
-#include <map>
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "corvane/security/sea_crypto.h"
 
 namespace {
@@ -154,45 +152,17 @@ BENCHMARK(BM_OpenSSLEncrypt)->Apply(sizes);
 BENCHMARK(BM_SeaCryptoDecrypt)->Apply(sizes);
 BENCHMARK(BM_OpenSSLDecrypt)->Apply(sizes);
 
-// Prints as usual and remembers each run's throughput for the ratio table.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      auto it = run.counters.find("bytes_per_second");
-      if (it != run.counters.end()) throughput_[run.benchmark_name()] = it->second.value;
-    }
-  }
-
-  void printRatios() const {
-    std::printf("\nSeaCrypto throughput / OpenSSL reference (goal: 0.90 or better from 64 KiB up)\n");
-    std::printf("%-10s %10s %18s %18s %7s\n", "operation", "size", "SeaCrypto MB/s", "OpenSSL MB/s", "ratio");
-    for (const char* op : {"Encrypt", "Decrypt"}) {
-      for (int64_t size : kSizes) {
-        std::string suffix = std::string(op) + "/" + std::to_string(size);
-        auto ours = throughput_.find("BM_SeaCrypto" + suffix);
-        auto theirs = throughput_.find("BM_OpenSSL" + suffix);
-        if (ours == throughput_.end() || theirs == throughput_.end()) continue;
-        std::printf("%-10s %10lld %18.1f %18.1f %7.3f\n", op, static_cast<long long>(size), ours->second / 1e6,
-                    theirs->second / 1e6, ours->second / theirs->second);
-      }
-    }
-  }
-
- private:
-  std::map<std::string, double> throughput_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatios();
-  benchmark::Shutdown();
-  return 0;
+  std::vector<corvane::bench::Comparison> comparisons;
+  for (const char* op : {"Encrypt", "Decrypt"}) {
+    for (int64_t size : kSizes) {
+      std::string suffix = std::string(op) + "/" + std::to_string(size);
+      comparisons.push_back({suffix, "BM_SeaCrypto" + suffix, "BM_OpenSSL" + suffix});
+    }
+  }
+  return corvane::bench::runWithRatios(
+      argc, argv, "SeaCrypto throughput / OpenSSL reference (goal: 0.90 or better from 64 KiB up)",
+      "bytes_per_second", comparisons);
 }
