@@ -14,6 +14,7 @@ namespace corvane {
 // values: to-one the target's ID (or nil), to-many an array of IDs in order.
 struct InMemoryStore::Record {
   ObjectID id;
+  const EntityDescription* entity = nullptr;  // id.entity(), kept at hand for fetches
   std::vector<Value> values;
   uint64_t version = 0;
 };
@@ -31,7 +32,7 @@ class InMemoryStore::Candidate final : public Object {
   std::string className() const override { return "InMemoryStoreCandidate"; }
 
   Value valueForKey(std::string_view key) const override {
-    const EntityDescription* entity = record_->id.entity();
+    const EntityDescription* entity = record_->entity;
     int i = entity->propertyIndex(key);
     if (i < 0) {
       throw Exception("NSUnknownKeyException", "the entity " + entity->name() +
@@ -105,7 +106,7 @@ InMemoryStore::Record* InMemoryStore::find(const ObjectID& id) {
   const Location& at = locations_[static_cast<size_t>(reference)];
   if (at.table == nullptr) return nullptr;
   Record& record = at.table->records[at.position];
-  return record.id.entity() == id.entity() ? &record : nullptr;
+  return record.entity == id.entity() ? &record : nullptr;
 }
 
 void InMemoryStore::put(int64_t reference, Record record) {
@@ -115,7 +116,7 @@ void InMemoryStore::put(int64_t reference, Record record) {
     at.table->records[at.position] = std::move(record);
     return;
   }
-  EntityTable& table = tableFor(record.id.entity());
+  EntityTable& table = tableFor(record.entity);
   at = Location{&table, table.records.size()};
   table.records.push_back(std::move(record));
 }
@@ -220,7 +221,7 @@ std::optional<Value> InMemoryStore::executeFetch(const FetchRequest& request, Ma
   // Dictionaries: the chosen properties (all but to-many relationships when none are chosen),
   // and with grouping one dictionary per distinct combination of the grouping properties.
   auto dictionaryOf = [&](const Record* r, const std::vector<std::string>& names) {
-    const EntityDescription* e = r->id.entity();
+    const EntityDescription* e = r->entity;
     Value d = Value::mutableDictionary();
     auto add = [&](size_t i) {
       const PropertyDescription* p = e->properties()[i];
@@ -267,6 +268,7 @@ std::optional<Value> InMemoryStore::executeSave(const SaveChangesRequest& reques
     const auto& properties = o->entity().properties();
     Record record;
     record.id = id;
+    record.entity = id.entity();
     record.version = 1;
     record.values.reserve(properties.size());
     for (size_t i = 0; i < properties.size(); ++i) record.values.push_back(storedForm(o->primitiveValueAt(i), properties[i]));

@@ -161,6 +161,17 @@ bool equalValues(const Value& a, const Value& b, const Options& o) {
 
 // <0, 0, >0, or nullopt when the two cannot be ordered.
 std::optional<int> orderValues(const Value& a, const Value& b, const Options& o) {
+  if (a.isNumber() && b.isNumber() && !a.isUnsigned() && !b.isUnsigned()) {
+    // The common cases without the general comparison's conversions.
+    if (!a.isFloatingPoint() && !b.isFloatingPoint()) {
+      int64_t x = a.longLongValue(), y = b.longLongValue();
+      return x < y ? -1 : x > y ? 1 : 0;
+    }
+    if (a.isFloatingPoint() && b.isFloatingPoint()) {
+      double x = a.doubleValue(), y = b.doubleValue();
+      if (x == x && y == y) return x < y ? -1 : x > y ? 1 : 0;
+    }
+  }
   if (isNumeric(a) && isNumeric(b)) return Value::compare(a, b);
   if (a.isString() && b.isString()) return compareFolded(a.str(), b.str(), o.caseless, o.diacriticless);
   if (a.isDate() && b.isDate()) return Value::compare(a, b);
@@ -251,6 +262,7 @@ bool compareOne(Op op, const Value& l, const Value& r, const Options& o) {
 struct Operand {
   enum class Kind { Constant, KeyPath, Aggregate } kind = Kind::Constant;
   bool aggregate = false;  // written as {...} (a folded constant keeps this)
+  bool singleKey = false;  // a key path of one key
   Value constant;
   std::string path;
   std::vector<Operand> items;
@@ -260,7 +272,7 @@ struct Operand {
       case Kind::Constant:
         return constant;
       case Kind::KeyPath:
-        return valueForKeyPath(o, path);
+        return singleKey ? o.valueForKey(path) : valueForKeyPath(o, path);
       case Kind::Aggregate: {
         std::vector<Value> values;
         values.reserve(items.size());
@@ -559,6 +571,7 @@ class Parser {
     }
     Operand o;
     o.kind = Operand::Kind::KeyPath;
+    o.singleKey = path.find('.') == std::string::npos && path[0] != '@';
     o.path = std::move(path);
     return o;
   }
