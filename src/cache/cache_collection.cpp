@@ -23,9 +23,23 @@ bool isUnshared(const Value& v) {
   return node != nullptr && node->refCount() == 1;
 }
 
-// The members of `collection` (an array, set or ordered set), for removing many in one pass.
-std::unordered_set<Value, ValueHash> membersOf(const Value& collection) {
-  return std::unordered_set<Value, ValueHash>(collection.elements().begin(), collection.elements().end());
+// The elements of `content` that `collection` (an array, set or ordered set) does not hold, in
+// one pass: removing them one at a time would re-index a large set once per removal.
+std::vector<Value> withoutMembers(const Value& content, const Value& collection) {
+  const std::unordered_set<Value, ValueHash> gone(collection.elements().begin(), collection.elements().end());
+  std::vector<Value> kept;
+  kept.reserve(content.count());
+  for (const Value& v : content.elements()) {
+    if (!gone.contains(v)) kept.push_back(v);
+  }
+  return kept;
+}
+
+// Appends the elements of `collection`; containers hold no nil.
+void appendAll(Value& content, const Value& collection) {
+  for (const Value& v : collection.elements()) {
+    if (!v.isNil()) content.append(v);
+  }
 }
 
 }  // namespace
@@ -245,7 +259,7 @@ void CorvaneCacheArray::addObject(const Value& object) {
 void CorvaneCacheArray::addObjects(const Value& array) {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
   loadIfNeeded();
-  for (const Value& v : array.elements()) content_.append(v);
+  appendAll(content_, array);
   invalid_ = true;
 }
 
@@ -259,13 +273,7 @@ void CorvaneCacheArray::removeObject(const Value& object) {
 void CorvaneCacheArray::removeObjects(const Value& collection) {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
   loadIfNeeded();
-  auto gone = membersOf(collection);
-  std::vector<Value> kept;
-  kept.reserve(content_.count());
-  for (const Value& v : content_.elements()) {
-    if (!gone.contains(v)) kept.push_back(v);
-  }
-  content_ = Value::mutableArray(std::move(kept));
+  content_ = Value::mutableArray(withoutMembers(content_, collection));
   invalid_ = true;
 }
 
@@ -306,9 +314,7 @@ void CorvaneCacheSet::addObject(const Value& object) {
 void CorvaneCacheSet::addObjects(const Value& collection) {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
   loadIfNeeded();
-  for (const Value& v : collection.elements()) {
-    if (!v.isNil()) content_.append(v);
-  }
+  appendAll(content_, collection);
   invalid_ = true;
 }
 
@@ -322,14 +328,7 @@ void CorvaneCacheSet::removeObject(const Value& object) {
 void CorvaneCacheSet::removeObjects(const Value& collection) {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
   loadIfNeeded();
-  // One pass over the members: removing them one by one re-indexes the whole set each time.
-  auto gone = membersOf(collection);
-  std::vector<Value> kept;
-  kept.reserve(content_.count());
-  for (const Value& v : content_.elements()) {
-    if (!gone.contains(v)) kept.push_back(v);
-  }
-  content_ = Value::mutableSet(std::move(kept));
+  content_ = Value::mutableSet(withoutMembers(content_, collection));
   invalid_ = true;
 }
 
