@@ -13,7 +13,8 @@
 //   if (!context->save(&error)) { ... }
 //
 // Queues. A main-queue context belongs to the main run loop (RunLoop::main()): use it and its
-// objects only on the main thread, or through perform(). A private-queue context has its own
+// objects only on the main thread, or through perform() (whose blocks run when the host runs
+// that loop). A private-queue context has its own
 // serial queue: use it and its objects only inside perform() / performAndWait(). perform()
 // queues the block and returns (an exception it throws is logged); performAndWait() runs it
 // and returns when it is done, passing exceptions on (at once when called on the context's
@@ -27,8 +28,10 @@
 // deleted objects of the save.
 //
 // Undo. A main-queue context has an UndoManager by default, a private-queue context none.
-// Every change is registered with it; setUndoManager(nullptr) turns registration off (faster
-// for bulk work). undo() / redo() process pending changes first.
+// Every change is registered with it: the changes of one pass of the main run loop make one
+// undo step, or wrap them in beginUndoGrouping() / endUndoGrouping() to choose the steps.
+// setUndoManager(nullptr) turns registration off (faster for bulk work). undo() / redo()
+// process pending changes first.
 //
 // Subclass a context to add behaviour; create subclasses with std::make_shared.
 #pragma once
