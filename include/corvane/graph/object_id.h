@@ -12,6 +12,10 @@
 // relationship values, notification user info). Two IDs are equal when entity, store,
 // temporary flag and reference are equal.
 //
+// A permanent ID points at the store that made it: ask for its URI (which reads the store's
+// identity) only while that store is still added to its coordinator; to keep an object's
+// identity beyond that, keep the URI.
+//
 // Threads: IDs may be copied, compared and read on any thread.
 #pragma once
 
