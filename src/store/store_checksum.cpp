@@ -57,7 +57,9 @@ void appendRelationValue(std::string& out, const Value& value, bool ordered) {
   }
   std::vector<std::string> members;
   members.reserve(value.count());
-  for (const Value& member : value.elements()) members.push_back(member.isString() ? member.str() : member.description());
+  for (const Value& member : value.elements()) {
+    members.push_back(member.isString() ? member.str() : member.description());
+  }
   // A set has no order of its own; only an ordered relationship's order is content.
   if (value.isSet() || !ordered) std::sort(members.begin(), members.end());
   for (size_t i = 0; i < members.size(); ++i) {

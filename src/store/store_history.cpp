@@ -57,7 +57,9 @@ Value CorvaneStore::changesHistoryForObjectID(const ObjectID& objectID, ManagedO
 
     const Value& session = (*change)["session"];
     const Value& version = session["version"];
-    auto text = [](const Value& v) { return v.isString() ? v.str() : (v.isNil() ? std::string("(null)") : v.description()); };
+    auto text = [](const Value& v) {
+      return v.isString() ? v.str() : (v.isNil() ? std::string("(null)") : v.description());
+    };
     const std::string value = version.isNil()
                                   ? fmt::format("{} ({})", text(session["fullUserName"]), text(session["machineName"]))
                                   : fmt::format("{} ({}, {})", text(session["fullUserName"]),

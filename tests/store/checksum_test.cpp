@@ -144,7 +144,8 @@ TEST_F(ChecksumTest, DuplicatedEntityFoldersMergeIntoTheLongestKnownNameTheyBegi
   ASSERT_TRUE(model) << error.localizedDescription;
   auto coordinator = std::make_shared<CorvanePersistentStoreCoordinator>(model);
   const int before = readyCount_;
-  auto* store = static_cast<CorvaneStore*>(coordinator->addPersistentStore(kCorvaneStoreType, "", package, options(), &error));
+  auto* store =
+      static_cast<CorvaneStore*>(coordinator->addPersistentStore(kCorvaneStoreType, "", package, options(), &error));
   ASSERT_NE(store, nullptr) << error.localizedDescription;
   waitUntil([&] { return readyCount_ > before; });
 

@@ -120,12 +120,9 @@ TEST_F(DiagnosticsTest, HistoryOfAnObjectListsItsChangesNewestFirstWithTheirValu
   env.setMachineName("Alpha");
   OpenStore s = open();
   auto acme = s.context->insertNewObject("Company");
-  const ObjectID before = acme->objectID();
   acme->setValue("name", "Acme");
   ASSERT_TRUE(save(s));
   const ObjectID id = acme->objectID();
-  Value history = s.store->changesHistoryForObjectID(id);
-  (void)before;
   env.advance(90);
   acme->setValue("name", "Acme Inc");
   ASSERT_TRUE(save(s));
@@ -133,7 +130,7 @@ TEST_F(DiagnosticsTest, HistoryOfAnObjectListsItsChangesNewestFirstWithTheirValu
   env.advance(90);
   ASSERT_TRUE(save(s));
 
-  history = s.store->changesHistoryForObjectID(id);
+  const Value history = s.store->changesHistoryForObjectID(id);
   ASSERT_EQ(history.count(), 3u) << history.description();
   const Value& head = history.at(0);
   EXPECT_EQ(head["name"], Value("Object"));
@@ -143,7 +140,8 @@ TEST_F(DiagnosticsTest, HistoryOfAnObjectListsItsChangesNewestFirstWithTheirValu
   const Value& newest = history.at(1);
   const Value& oldest = history.at(2);
   EXPECT_GT(newest["date"].dateValue(), oldest["date"].dateValue());
-  EXPECT_EQ(newest["name"], Value(displayDateString(newest["date"].dateValue(), DateStyle::Medium, DateStyle::Medium, &env)));
+  EXPECT_EQ(newest["name"],
+            Value(displayDateString(newest["date"].dateValue(), DateStyle::Medium, DateStyle::Medium, &env)));
   EXPECT_TRUE(newest["value"].str().starts_with("Ann (Alpha")) << newest["value"].description();
   EXPECT_TRUE(newest["URL"].str().starts_with(package + "/Changes/"));
   ASSERT_EQ(newest["children"].count(), 1u) << newest["children"].description();

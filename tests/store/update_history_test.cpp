@@ -91,8 +91,9 @@ TEST_F(UpdateHistoryTest, AnObjectInsertedAndDeletedInOnePassIsOnlyDeleted) {
   cacheRoot = rootA;
 
   Value received;
-  auto did = NotificationCenter::defaultCenter().addObserver(
-      kCorvaneObjectsDidChangeExternallyNotification, a.context.get(), [&](const Notification& n) { received = n.userInfo; });
+  auto did = NotificationCenter::defaultCenter().addObserver(kCorvaneObjectsDidChangeExternallyNotification,
+                                                             a.context.get(),
+                                                             [&](const Notification& n) { received = n.userInfo; });
   update(a.store);
   EXPECT_EQ(received[kInsertedObjectsKey].count(), 0u) << received.description();
   EXPECT_EQ(received[kDeletedObjectsKey].count(), 1u) << received.description();
