@@ -58,6 +58,8 @@ LogSink setLogSink(LogSink sink) {
   return previous;
 }
 
+LogSink standardErrorLogSink() { return writeToStandardError; }
+
 LogCapture::LogCapture() {
   previous_ = setLogSink([this](LogLevel, std::string_view message) {
     std::lock_guard lock(mutex_);

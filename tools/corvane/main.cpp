@@ -1,9 +1,11 @@
 // corvane — the command-line tool for the people who support users of Corvane documents.
 #include <algorithm>
+#include <cstring>
 #include <iostream>
 #include <utility>
 
 #include "command.h"
+#include "corvane/foundation/log.h"
 
 namespace corvane::cli {
 namespace {
@@ -29,6 +31,18 @@ int main(int argc, char** argv) {
   CLI::App app{"corvane: inspect, check and repair Corvane documents"};
   app.require_subcommand(1);
   app.set_help_all_flag("--help-all", "Show the help of every command");
+  // The library narrates its work on the console log; a command shows only its warnings and
+  // errors unless asked for everything. Commands run inside parse(), so decide before it.
+  bool verbose = false;
+  app.add_flag("-v,--verbose", verbose, "Show the library's informational log lines on standard error");
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "-v") == 0 || std::strcmp(argv[i], "--verbose") == 0) verbose = true;
+  }
+  if (!verbose) {
+    corvane::setLogSink([console = corvane::standardErrorLogSink()](corvane::LogLevel level, std::string_view line) {
+      if (level == corvane::LogLevel::Warning || level == corvane::LogLevel::Error) console(level, line);
+    });
+  }
   int status = kExitSuccess;
   auto& commands = registry();
   std::stable_sort(commands.begin(), commands.end(),

@@ -23,6 +23,9 @@ using LogSink = std::function<void(LogLevel, std::string_view)>;
 // the default.
 LogSink setLogSink(LogSink sink);
 
+// The default sink: one time-stamped line on standard error. Filters wrap it.
+LogSink standardErrorLogSink();
+
 // Collects every line logged while it lives (and still forwards nothing to the console).
 class LogCapture {
  public:
