@@ -7,6 +7,8 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <unordered_map>
 #include <vector>
@@ -22,15 +24,44 @@ class ValueBuilder {
 
   bool Null() { return add(Value::null()); }
   bool Bool(bool b) { return add(Value::boolean(b)); }
-  bool Int(int i) { return add(Value::number(NumberKind::LongLong, i)); }
-  bool Uint(unsigned u) { return add(Value::number(NumberKind::LongLong, u)); }
-  bool Int64(int64_t i) { return add(Value::number(NumberKind::LongLong, i)); }
-  bool Uint64(uint64_t u) {
-    if (u <= static_cast<uint64_t>(INT64_MAX)) return add(Value::number(NumberKind::LongLong, static_cast<int64_t>(u)));
-    return add(Value::unsignedNumber(NumberKind::UnsignedLongLong, u));
+  // Numbers arrive as their text (RapidJSON's own conversion overflows on extreme exponents).
+  bool Int(int) { return false; }
+  bool Uint(unsigned) { return false; }
+  bool Int64(int64_t) { return false; }
+  bool Uint64(uint64_t) { return false; }
+  bool Double(double) { return false; }
+  bool RawNumber(const char* s, rapidjson::SizeType length, bool) {
+    const char* end = s + length;
+    bool integral = std::find_if(s, end, [](char c) { return c == '.' || c == 'e' || c == 'E'; }) == end;
+    if (integral) {
+      int64_t i = 0;
+      if (auto r = std::from_chars(s, end, i); r.ec == std::errc() && r.ptr == end) {
+        return add(Value::number(NumberKind::LongLong, i));
+      }
+      uint64_t u = 0;
+      if (auto r = std::from_chars(s, end, u); r.ec == std::errc() && r.ptr == end) {
+        return add(Value::unsignedNumber(NumberKind::UnsignedLongLong, u));
+      }
+    }
+    double d = 0;
+    auto r = std::from_chars(s, end, d);
+    if (r.ec == std::errc::result_out_of_range) {
+      // Too small for a double is zero; too large has no double at all. JSON has no leading
+      // zeros, so an integer part of "0" means a magnitude below one.
+      const char* e = std::find_if(s, end, [](char c) { return c == 'e' || c == 'E'; });
+      bool negativeExponent = e != end && e + 1 < end && e[1] == '-';
+      const char* digits = (*s == '-') ? s + 1 : s;
+      if (!negativeExponent && !(e == end && digits < end && *digits == '0')) {
+        numberError_ = "Number too big to be stored in double.";
+        return false;
+      }
+      d = (*s == '-') ? -0.0 : 0.0;
+    } else if (r.ec != std::errc() || r.ptr != end) {
+      numberError_ = "Invalid number.";
+      return false;
+    }
+    return add(Value::doubleNumber(d));
   }
-  bool Double(double d) { return add(Value::doubleNumber(d)); }
-  bool RawNumber(const char*, rapidjson::SizeType, bool) { return false; }
   bool String(const char* s, rapidjson::SizeType length, bool) {
     return add(Value::string(std::string_view(s, length), options_.mutableLeaves));
   }
@@ -54,6 +85,7 @@ class ValueBuilder {
   }
 
   bool tooDeep() const { return tooDeep_; }
+  const char* numberError() const { return numberError_; }
   Value result() { return std::move(root_); }
 
  private:
@@ -105,6 +137,7 @@ class ValueBuilder {
   size_t depth_ = 0;
   Value root_;
   bool tooDeep_ = false;
+  const char* numberError_ = nullptr;
 };
 
 bool validNumber(const Value& v) {
@@ -191,10 +224,12 @@ std::optional<Value> jsonToValue(std::string_view text, Error* error, const Json
   rapidjson::Reader reader;
   rapidjson::MemoryStream stream(text.data(), text.size());
   constexpr unsigned kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseStopWhenDoneFlag |
-                              rapidjson::kParseValidateEncodingFlag | rapidjson::kParseFullPrecisionFlag;
+                              rapidjson::kParseValidateEncodingFlag | rapidjson::kParseNumbersAsStringsFlag;
   rapidjson::ParseResult result = reader.Parse<kFlags>(stream, builder);
   if (result.IsError()) {
-    std::string reason = builder.tooDeep() ? "Nesting too deep." : rapidjson::GetParseError_En(result.Code());
+    std::string reason = builder.tooDeep()        ? "Nesting too deep."
+                         : builder.numberError() ? builder.numberError()
+                                                 : rapidjson::GetParseError_En(result.Code());
     setError(error, Error(kCocoaErrorDomain, 3840,
                           "JSON text is not valid at byte " + std::to_string(result.Offset()) + ": " + reason,
                           {}, dict({{"offset", static_cast<long long>(result.Offset())}, {"reason", reason}})));

@@ -39,6 +39,27 @@ TEST(JsonRead, KeepsDocumentOrderAndLargeIntegersExactly) {
   EXPECT_EQ((*v)["bigger"].unsignedLongLongValue(), std::numeric_limits<uint64_t>::max());
 }
 
+TEST(JsonRead, ExtremeNumbersAreExactZeroOrARefusal) {
+  auto v = jsonToValue("[1e-1926514605, -1e-400, 0.5e-330, 123456789012345678901234567890, 1.7976931348623157e308]");
+  ASSERT_TRUE(v);
+  EXPECT_EQ(v->at(0).doubleValue(), 0.0);
+  EXPECT_EQ(v->at(1).doubleValue(), 0.0);
+  EXPECT_TRUE(std::signbit(v->at(1).doubleValue()));
+  EXPECT_EQ(v->at(2).doubleValue(), 0.0);
+  EXPECT_EQ(v->at(3).numberKind(), NumberKind::Double);
+  EXPECT_DOUBLE_EQ(v->at(3).doubleValue(), 1.2345678901234568e29);
+  EXPECT_EQ(v->at(4).doubleValue(), 1.7976931348623157e308);
+  for (const char* text : {"[1e400]", "[-1e1926514605]", "[1" "0000000000000000000000000000000000000000000000000000000"
+                           "000000000000000000000000000000000000000000000000000000000000000000000000000000000000000"
+                           "000000000000000000000000000000000000000000000000000000000000000000000000000000000000000"
+                           "000000000000000000000000000000000000000000000000000000000000000000000000000000000000000]"}) {
+    Error error;
+    EXPECT_FALSE(jsonToValue(text, &error)) << text;
+    EXPECT_EQ(error.userInfo["reason"].str(), "Number too big to be stored in double.");
+  }
+  EXPECT_EQ(jsonToValue("0.1")->doubleValue(), 0.1) << "numbers convert exactly";
+}
+
 TEST(JsonRead, MutableOptionsMakeMutableContainersAndLeaves) {
   JsonReadOptions options;
   options.mutableContainers = true;
