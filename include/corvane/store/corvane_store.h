@@ -340,8 +340,9 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   void processChanges() { updateChanges(); }
   // File events: schedules one pass after the debounce delay, cancelling a pending one.
   void invalidatePaths(const std::vector<std::string>& paths);
-  // Watching <pkg>/Changes arrives with the multi-device support; until then these only keep
-  // the bookkeeping that setPackageURL() relies on.
+  // Starts (again) or stops watching <pkg>/Changes: batches of file events, gathered over the
+  // latency (option kCorvaneEventLatencyOption, default 2 s), go to invalidatePaths(); files
+  // the store writes itself are announced with ignoreOwnChange() and start no pass. Main thread.
   void observeDirectory();
   void unobserveDirectory();
   Value validatedChanges(const Value& change, bool lightWeight) override;
