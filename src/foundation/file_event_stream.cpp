@@ -40,7 +40,9 @@ struct FileEventStream::State {
   std::thread reader;
 
   std::set<std::string> pending;  // (loop)
-  bool flushScheduled = false;     // (loop)
+  // (loop) The batch timer. A token rather than a flag: if the loop drops the timer
+  // (discardPendingWork), the next event must schedule a new one.
+  RunLoop::Token flushTimer;
 
   bool armFolder() {
     folderWatch = inotify_add_watch(inotifyFd, folder.c_str(), kFolderEvents);
@@ -66,16 +68,14 @@ struct FileEventStream::State {
     }
     for (std::string& p : paths)
       if (!self->isOwn(p)) self->pending.insert(std::move(p));
-    if (self->pending.empty() || self->flushScheduled) return;
-    self->flushScheduled = true;
+    if (self->pending.empty() || self->flushTimer.isPending()) return;
     std::weak_ptr<State> weak = self;
-    self->loop->postAfter(self->latency, [weak] {
+    self->flushTimer = self->loop->postAfter(self->latency, [weak] {
       if (auto s = weak.lock()) flush(s);
     });
   }
 
   static void flush(const std::shared_ptr<State>& self) {
-    self->flushScheduled = false;
     {
       std::lock_guard<std::mutex> lock(self->mutex);
       if (!self->running) return;

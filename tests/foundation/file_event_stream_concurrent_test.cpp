@@ -87,6 +87,19 @@ TEST_F(FileEventStreamTest, ReArmsWhenTheFolderIsReplaced) {
   EXPECT_TRUE(contains(batches.back(), folder + "/new.json"));
 }
 
+TEST_F(FileEventStreamTest, ADroppedBatchTimerDoesNotSilenceTheStream) {
+  FileEventStream stream = makeStream(0.5);
+  ASSERT_TRUE(stream.start());
+  writeTextFile(folder + "/a.json", "a");
+  ASSERT_TRUE(waitForEvents());
+  loop.discardPendingWork();  // as a test harness does between tests
+  writeTextFile(folder + "/b.json", "b");
+  ASSERT_TRUE(waitForEvents());
+  advanceAndRun(1);
+  ASSERT_EQ(batches.size(), 1u);
+  EXPECT_TRUE(contains(batches[0], folder + "/b.json"));
+}
+
 TEST_F(FileEventStreamTest, NothingAfterStopAndAMissingFolderCannotStart) {
   FileEventStream stream = makeStream(0.5);
   ASSERT_TRUE(stream.start());
