@@ -373,8 +373,11 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      Result& r = results_[run.benchmark_name()];
+      if (run.error_occurred) continue;
+      // With --benchmark_repetitions the median stands for the benchmark.
+      bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+      if (run.run_type != Run::RT_Iteration && !median) continue;
+      Result& r = results_[run.run_name.function_name];
       // CPU time: the machine this runs on is often shared, and wall time then measures the others.
       r.seconds = run.GetAdjustedCPUTime() / 1e3;  // milliseconds to seconds
       auto get = [&](const char* name) {
