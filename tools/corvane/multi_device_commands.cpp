@@ -167,7 +167,8 @@ int runVerify(StoreOptions options) {
     printEntry(*it);
     ++problems;
   }
-  for (const Value& issue : session->store().loadingIssues().elements()) {
+  const Value issues = session->store().loadingIssues();
+  for (const Value& issue : issues.elements()) {
     std::printf("warning %s: %s\n", issue["type"].str().c_str(), issue["url"].str().c_str());
     ++problems;
   }
@@ -244,7 +245,8 @@ int runHistory(const HistoryOptions& options) {
       continue;
     }
     std::printf("%s %s\n", (*parsed)["type"].str().c_str(), store.shortURL(file).c_str());
-    for (const auto& [key, value] : (*parsed)["payload"].entries()) {
+    const Value payload = (*parsed)["payload"];
+    for (const auto& [key, value] : payload.entries()) {
       std::printf("  %s = %s\n", key.str().c_str(), compactJSON(value).c_str());
     }
   }
@@ -261,11 +263,13 @@ int runDevices(const StoreOptions& options) {
   CorvaneStore& store = session->store();
   std::printf("This device: %s (%s)\n", store.machineName().c_str(), store.fullUserName().c_str());
   std::printf("Devices that wrote in the last 14 days:\n");
-  for (const Value& device : store.recentDeviceActivity().elements()) {
+  const Value devices = store.recentDeviceActivity();
+  for (const Value& device : devices.elements()) {
     std::printf("  %s\n", compactJSON(device).c_str());
   }
   std::printf("Sessions of the newest changes:\n");
-  for (const Value& info : store.sessionInfo().elements()) std::printf("  %s\n", compactJSON(info).c_str());
+  const Value sessions = store.sessionInfo();
+  for (const Value& info : sessions.elements()) std::printf("  %s\n", compactJSON(info).c_str());
   session->close();
   return kExitSuccess;
 }
@@ -278,7 +282,8 @@ int runChecksum(const StoreOptions& options) {
   if (!session) return fail(error);
   CorvaneStore& store = session->store();
   std::printf("history %s\n", store.checkSum().c_str());
-  for (const auto& [entity, checksum] : store.contentChecksum().entries()) {
+  const Value checksums = store.contentChecksum();
+  for (const auto& [entity, checksum] : checksums.entries()) {
     std::printf("%s %s\n", entity.str().c_str(), checksum.str().c_str());
   }
   session->close();
