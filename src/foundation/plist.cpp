@@ -3,11 +3,13 @@
 #include <plist/plist.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <vector>
 
 #include "corvane/foundation/env.h"
+#include "foundation/binary_plist.h"
 
 namespace corvane {
 namespace {
@@ -112,8 +114,9 @@ bool plistValue(const Value& v, int depth) {
   switch (v.kind()) {
     case ValueKind::String:
     case ValueKind::Data:
-    case ValueKind::Date:
       return true;
+    case ValueKind::Date:
+      return std::isfinite(v.dateValue()) && std::fabs(v.dateValue()) < 1e15;
     case ValueKind::Number:
       return !v.isFloatingPoint() || std::isfinite(v.doubleValue());
     case ValueKind::Decimal:
@@ -131,47 +134,125 @@ bool plistValue(const Value& v, int depth) {
   }
 }
 
-plist_t toNode(const Value& v) {
+// The XML form is written here rather than by libplist, whose date API holds only 32-bit
+// seconds (dates before 1933 or after 2069 would wrap) and which writes integers as unsigned.
+void appendEscaped(std::string* out, std::string_view text) {
+  for (char c : text) {
+    switch (c) {
+      case '&': *out += "&amp;"; break;
+      case '<': *out += "&lt;"; break;
+      case '>': *out += "&gt;"; break;
+      default: out->push_back(c);
+    }
+  }
+}
+
+void appendBase64(std::string* out, ByteView bytes) {
+  static const char* kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  size_t i = 0;
+  for (; i + 2 < bytes.size(); i += 3) {
+    uint32_t n = (uint32_t{bytes[i]} << 16) | (uint32_t{bytes[i + 1]} << 8) | bytes[i + 2];
+    for (int shift : {18, 12, 6, 0}) out->push_back(kAlphabet[(n >> shift) & 63]);
+  }
+  if (i + 1 == bytes.size()) {
+    uint32_t n = uint32_t{bytes[i]} << 16;
+    *out += {kAlphabet[(n >> 18) & 63], kAlphabet[(n >> 12) & 63], '=', '='};
+  } else if (i + 2 == bytes.size()) {
+    uint32_t n = (uint32_t{bytes[i]} << 16) | (uint32_t{bytes[i + 1]} << 8);
+    *out += {kAlphabet[(n >> 18) & 63], kAlphabet[(n >> 12) & 63], kAlphabet[(n >> 6) & 63], '='};
+  }
+}
+
+// Whole seconds in GMT, as the XML form keeps them: "2024-05-17T09:41:07Z".
+void appendDate(std::string* out, double secondsSince2001) {
+  auto unix = static_cast<int64_t>(std::floor(secondsSince2001)) + static_cast<int64_t>(kSecondsFrom1970To2001);
+  int64_t days = unix >= 0 ? unix / 86400 : -((-unix + 86399) / 86400);
+  int64_t rest = unix - days * 86400;
+  // Civil date from days since 1970-01-01 (Howard Hinnant's algorithm).
+  int64_t z = days + 719468;
+  int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+  int64_t doe = z - era * 146097;
+  int64_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+  int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+  int64_t mp = (5 * doy + 2) / 153;
+  int64_t day = doy - (153 * mp + 2) / 5 + 1;
+  int64_t month = mp < 10 ? mp + 3 : mp - 9;
+  int64_t year = yoe + era * 400 + (month <= 2 ? 1 : 0);
+  char buffer[160];
+  std::snprintf(buffer, sizeof buffer, "%04lld-%02lld-%02lldT%02lld:%02lld:%02lldZ", static_cast<long long>(year),
+                static_cast<long long>(month), static_cast<long long>(day), static_cast<long long>(rest / 3600),
+                static_cast<long long>(rest / 60 % 60), static_cast<long long>(rest % 60));
+  *out += buffer;
+}
+
+void appendIndent(std::string* out, int depth) { out->append(static_cast<size_t>(depth), '\t'); }
+
+void appendXml(std::string* out, const Value& v, int depth) {
+  appendIndent(out, depth);
   switch (v.kind()) {
     case ValueKind::String:
-      return plist_new_string(v.str().c_str());
-    case ValueKind::Data: {
-      ByteView b = v.bytes();
-      return plist_new_data(reinterpret_cast<const char*>(b.data()), b.size());
-    }
-    case ValueKind::Date: {
-      double seconds = v.dateValue();
-      double whole = std::floor(seconds);
-      auto usec = static_cast<int32_t>(std::llround((seconds - whole) * 1e6));
-      auto sec = static_cast<int32_t>(whole);
-      if (usec >= 1000000) {
-        ++sec;
-        usec -= 1000000;
-      }
-      return plist_new_date(sec, usec);
-    }
+      *out += "<string>";
+      appendEscaped(out, v.str());
+      *out += "</string>\n";
+      return;
+    case ValueKind::Data:
+      *out += "<data>";
+      appendBase64(out, v.bytes());
+      *out += "</data>\n";
+      return;
+    case ValueKind::Date:
+      *out += "<date>";
+      appendDate(out, v.dateValue());
+      *out += "</date>\n";
+      return;
     case ValueKind::Number:
-      if (v.isBoolean()) return plist_new_bool(v.boolValue() ? 1 : 0);
-      if (v.isFloatingPoint()) return plist_new_real(v.doubleValue());
-      if (v.isUnsigned()) return plist_new_uint(v.unsignedLongLongValue());
-      return plist_new_uint(static_cast<uint64_t>(v.longLongValue()));
+      if (v.isBoolean()) {
+        *out += v.boolValue() ? "<true/>\n" : "<false/>\n";
+      } else if (v.isFloatingPoint()) {
+        *out += "<real>" + Value::doubleNumber(v.doubleValue()).description() + "</real>\n";
+      } else if (v.isUnsigned()) {
+        *out += "<integer>" + std::to_string(v.unsignedLongLongValue()) + "</integer>\n";
+      } else {
+        *out += "<integer>" + std::to_string(v.longLongValue()) + "</integer>\n";
+      }
+      return;
     case ValueKind::Decimal: {
       int64_t i = 0;
-      if (v.decimalValue().toInt64(&i)) return plist_new_uint(static_cast<uint64_t>(i));
-      return plist_new_real(v.decimalValue().toDouble());
+      if (v.decimalValue().toInt64(&i)) {
+        *out += "<integer>" + std::to_string(i) + "</integer>\n";
+      } else {
+        *out += "<real>" + v.decimalValue().toString() + "</real>\n";
+      }
+      return;
     }
-    case ValueKind::Array: {
-      plist_t node = plist_new_array();
-      for (const Value& item : v.elements()) plist_array_append_item(node, toNode(item));
-      return node;
-    }
-    case ValueKind::Dictionary: {
-      plist_t node = plist_new_dict();
-      for (const auto& [key, item] : v.entries()) plist_dict_set_item(node, key.str().c_str(), toNode(item));
-      return node;
-    }
+    case ValueKind::Array:
+      if (v.empty()) {
+        *out += "<array/>\n";
+        return;
+      }
+      *out += "<array>\n";
+      for (const Value& item : v.elements()) appendXml(out, item, depth + 1);
+      appendIndent(out, depth);
+      *out += "</array>\n";
+      return;
+    case ValueKind::Dictionary:
+      if (v.empty()) {
+        *out += "<dict/>\n";
+        return;
+      }
+      *out += "<dict>\n";
+      for (const auto& [key, item] : v.entries()) {
+        appendIndent(out, depth + 1);
+        *out += "<key>";
+        appendEscaped(out, key.str());
+        *out += "</key>\n";
+        appendXml(out, item, depth + 1);
+      }
+      appendIndent(out, depth);
+      *out += "</dict>\n";
+      return;
     default:
-      return nullptr;
+      return;  // excluded by the validity check
   }
 }
 
@@ -182,8 +263,16 @@ std::optional<Value> propertyListFromBytes(ByteView bytes, Error* error, bool mu
     setError(error, plistError("The data couldn't be read because it isn't in the correct format."));
     return std::nullopt;
   }
+  if (detail::isBinaryPropertyList(bytes)) {
+    std::string reason;
+    std::optional<Value> v = detail::readBinaryPropertyList(bytes, mutableContainers, &reason);
+    if (!v) {
+      setError(error, plistError("The data couldn't be read because it isn't in the correct format (" + reason + ")."));
+    }
+    return v;
+  }
   plist_t raw = nullptr;
-  plist_from_memory(reinterpret_cast<const char*>(bytes.data()), static_cast<uint32_t>(bytes.size()), &raw);
+  plist_from_xml(reinterpret_cast<const char*>(bytes.data()), static_cast<uint32_t>(bytes.size()), &raw);
   PlistPtr root(raw);
   Value out;
   if (!raw || !fromNode(raw, mutableContainers, 0, &out)) {
@@ -200,17 +289,13 @@ std::optional<Bytes> xmlPropertyListBytes(const Value& value, Error* error) {
     setError(error, plistError("Property list invalid for format: " + value.description()));
     return std::nullopt;
   }
-  PlistPtr root(toNode(value));
-  char* xml = nullptr;
-  uint32_t length = 0;
-  plist_to_xml(static_cast<plist_t>(root.get()), &xml, &length);
-  if (xml == nullptr) {
-    setError(error, plistError("Property list could not be serialised."));
-    return std::nullopt;
-  }
-  Bytes out(xml, xml + length);
-  plist_to_xml_free(xml);
-  return out;
+  std::string xml =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+      "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+      "<plist version=\"1.0\">\n";
+  appendXml(&xml, value, 0);
+  xml += "</plist>\n";
+  return Bytes(xml.begin(), xml.end());
 }
 
 bool readPropertyListFile(Env* env, const std::string& path, Value* out, Error* error, bool mutableContainers) {
