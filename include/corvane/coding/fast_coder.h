@@ -30,7 +30,9 @@ inline constexpr const char* kFastCodingException = "FastCodingException";
 
 class FastCoder {
  public:
-  // The bytes of the graph under `root`; nullopt when root is nil.
+  // The bytes of the graph under `root`; nullopt when root is nil. A graph nested deeper than
+  // the reader accepts (2000 levels; a coded object that encodes itself gets there) raises
+  // corvane::Exception("FastCodingException", ...) instead of exhausting the stack.
   static std::optional<Bytes> dataWithRootObject(const Value& root);
 
   // The root of the graph in `data`, or nil. Malformed data gives nil with the reason
@@ -43,7 +45,8 @@ class FastCoder {
   static Value objectWithData(ByteView data, Error* error = nullptr);
 
   // As objectWithData, but refuses objects of classes (and nil values): only dictionaries,
-  // arrays, sets, strings, numbers, dates, data and the like come back.
+  // arrays, sets, strings, numbers, dates, data and the like come back. In version 2 streams
+  // the class definition, object, Nil and coded-object codes are refused alike.
   static Value propertyListWithData(ByteView data, Error* error = nullptr);
 };
 
