@@ -120,13 +120,21 @@ void CorvaneCache::addToIndexProgress(int64_t done, int64_t total) {
 void CorvaneIndexOperation::main() {
   if (isCancelled() || cache_->isStopping()) return;
   const Value uids = cache_->objectUIDsForEntity(*entity_);
+  int64_t cached = 0;
   for (const Value& uid : uids.elements()) {
     if (!uid.isString()) continue;
+    // Items that are cached already need no operation: after a replay or with a warm cache that
+    // is every one, and a queue of one operation per object is costly to schedule.
+    ObjectID objectID = cache_->store()->newObjectIDForEntity(entity_, uid);
+    if (objectID && cache_->cacheItemForObjectID(objectID)) {
+      ++cached;
+      continue;
+    }
     auto load = std::make_shared<CorvaneIndexLoadOperation>(entity_, uid.str(), cache_);
     load->setQueuePriority(QueuePriority::VeryLow);
     queue_->addOperation(std::move(load));
   }
-  cache_->addToIndexProgress(0, static_cast<int64_t>(uids.count()));
+  cache_->addToIndexProgress(cached, static_cast<int64_t>(uids.count()));
 }
 
 void CorvaneIndexLoadOperation::main() {

@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <chrono>
 #include <deque>
+#include <unordered_map>
 
 #include "corvane/cache/cache.h"
+#include "corvane/cache/cache_collection.h"
 #include "corvane/foundation/application_info.h"
 #include "corvane/foundation/json.h"
 #include "corvane/graph/managed_object_context.h"
@@ -23,42 +25,70 @@ namespace {
 
 // One candidate of a fetch. Predicates and sort descriptors ask it for values by key; it answers
 // from the object's cache item, as the objects' own types, with related objects as the
-// requesting context's objects.
+// requesting context's objects. Its object ID is made only when something needs it: most
+// candidates of a selective fetch are looked at once and dropped.
 class CorvaneRequestItem final : public Object {
  public:
-  CorvaneRequestItem(ObjectID objectID, CorvaneCacheItemPtr cacheItem, ManagedObjectContext* context,
-                     CorvaneStore* store)
-      : objectID_(std::move(objectID)), cacheItem_(std::move(cacheItem)), context_(context), store_(store) {}
+  CorvaneRequestItem(const EntityDescription* entity, Value uid, CorvaneCacheItemPtr cacheItem,
+                     ManagedObjectContext* context, CorvaneStore* store)
+      : entity_(entity), uid_(std::move(uid)), cacheItem_(std::move(cacheItem)), context_(context), store_(store) {}
 
   std::string className() const override { return "CorvaneRequestItem"; }
-  const ObjectID& objectID() const { return objectID_; }
-  Retained<ManagedObject>& managedObject() { return managedObject_; }
+  // Points the candidate at another object (a fetch tries every object with one candidate and
+  // keeps copies of those that match only).
+  void reset(Value uid, CorvaneCacheItemPtr cacheItem) {
+    uid_ = std::move(uid);
+    cacheItem_ = std::move(cacheItem);
+    objectID_ = ObjectID();
+    attributes_ = Value();
+    attributesRead_ = false;
+  }
+  CorvaneRequestItem(const CorvaneRequestItem& other)
+      : Object(),
+        entity_(other.entity_),
+        uid_(other.uid_),
+        cacheItem_(other.cacheItem_),
+        context_(other.context_),
+        store_(other.store_),
+        objectID_(other.objectID_),
+        attributes_(other.attributes_),
+        attributesRead_(other.attributesRead_) {}
+  const ObjectID& objectID() const {
+    if (!objectID_) objectID_ = store_->newObjectIDForEntity(entity_, uid_);
+    return objectID_;
+  }
 
   bool isEqualTo(const Object& other) const override {
-    if (const auto* item = dynamic_cast<const CorvaneRequestItem*>(&other)) return item->objectID_ == objectID_;
-    if (const auto* object = dynamic_cast<const ManagedObject*>(&other)) return object->objectID() == objectID_;
+    if (const auto* item = dynamic_cast<const CorvaneRequestItem*>(&other)) return item->objectID() == objectID();
+    if (const auto* object = dynamic_cast<const ManagedObject*>(&other)) return object->objectID() == objectID();
     return this == &other;
   }
 
   Value valueForKey(std::string_view key) const override {
     if (!cacheItem_) return Value();
-    const EntityDescription* entity = objectID_.entity();
-    const Value value = cacheItem_->valueForKey(key, objectID_, store_, context_);
-    if (const AttributeDescription* attribute = entity != nullptr ? entity->attribute(key) : nullptr) {
-      return modelValueForAttribute(*attribute, value);
+    if (const AttributeDescription* attribute = entity_->attribute(key)) {
+      // One read of the item's attributes serves every key a predicate asks for.
+      if (!attributesRead_) {
+        attributes_ = cacheItem_->attributes();
+        attributesRead_ = true;
+      }
+      const Value& value = attributes_.lookup(key);
+      if (!value.isNil() || attribute->attributeType() != AttributeType::BinaryData) {
+        return modelValueForAttribute(*attribute, value);
+      }
+      return Value();
     }
-    return objectsFor(value);
+    return objectsFor(cacheItem_->valueForKey(key, objectID(), store_, context_));
   }
 
   // All values of the object, as a fetch of dictionaries answers them.
   Value dictionary(const std::vector<std::string>& keys) const {
     if (!cacheItem_) return Value::dictionary();
-    const EntityDescription* entity = objectID_.entity();
-    const Value all = cacheItem_->allValuesForObjectID(objectID_, store_, context_);
+    const Value all = cacheItem_->allValuesForObjectID(objectID(), store_, context_);
     Value out = Value::mutableDictionary();
     for (const auto& [key, value] : all.entries()) {
       if (!keys.empty() && std::find(keys.begin(), keys.end(), key.str()) == keys.end()) continue;
-      const AttributeDescription* attribute = entity != nullptr ? entity->attribute(key.str()) : nullptr;
+      const AttributeDescription* attribute = entity_->attribute(key.str());
       out.set(key, attribute != nullptr ? modelValueForAttribute(*attribute, value) : value);
     }
     return out.copy();
@@ -79,11 +109,14 @@ class CorvaneRequestItem final : public Object {
     return value.isOrderedSet() ? Value::orderedSet(std::move(members)) : Value::set(std::move(members));
   }
 
-  ObjectID objectID_;
+  const EntityDescription* entity_;
+  Value uid_;
   CorvaneCacheItemPtr cacheItem_;
   ManagedObjectContext* context_;
   CorvaneStore* store_;
-  Retained<ManagedObject> managedObject_;
+  mutable ObjectID objectID_;
+  mutable Value attributes_;
+  mutable bool attributesRead_ = false;
 };
 
 // The refusal of a save while saves are blocked: the document was written by a newer version.
@@ -154,7 +187,7 @@ std::optional<Value> CorvaneStore::executeFetchRequest(const FetchRequest& reque
   }
   const bool needsItems = hasPredicate || !request.sortDescriptors().empty() || dictionaries;
 
-  std::deque<CorvaneRequestItem> items;  // items cannot move: predicates hold references
+  std::deque<CorvaneRequestItem> found;  // candidates cannot move: sorting holds references
   size_t total = 0;
   for (const EntityDescription* e : searched) {
     const Value uids = cache_->objectUIDsForEntity(*e);
@@ -162,11 +195,24 @@ std::optional<Value> CorvaneStore::executeFetchRequest(const FetchRequest& reque
       total += uids.count();
       continue;
     }
+    // The entity's object tables, read once for all candidates (a table hands out a snapshot
+    // that later changes do not touch); an object missing from them is loaded on its own.
+    std::unordered_map<std::string, Value> tables;
+    CorvaneRequestItem candidate(e, Value(), CorvaneCacheItemPtr(), context, this);
     for (const Value& uid : uids.elements()) {
-      ObjectID id = newObjectIDForEntity(e, uid);
-      if (!id) continue;
-      CorvaneCacheItemPtr item = needsItems ? cache_->cacheItemForObjectID(id, context) : CorvaneCacheItemPtr();
-      items.emplace_back(std::move(id), std::move(item), context, this);
+      CorvaneCacheItemPtr item;
+      if (needsItems) {
+        const std::string key = CorvaneCache::storeKey(e->name(), uid.str());
+        auto table = tables.find(key);
+        if (table == tables.end()) {
+          auto collection = cache_->cacheForObjectID(newObjectIDForEntity(e, uid));
+          table = tables.emplace(key, collection ? collection->content() : Value()).first;
+        }
+        item = CorvaneCacheItemPtr::fromValue(table->second.get(uid));
+        if (!item) item = cache_->cacheItemForObjectID(newObjectIDForEntity(e, uid), context);
+      }
+      candidate.reset(uid, std::move(item));
+      if (!hasPredicate || request.predicate()->evaluate(candidate)) found.push_back(candidate);
     }
   }
   if (counting && !hasPredicate) {
@@ -174,25 +220,23 @@ std::optional<Value> CorvaneStore::executeFetchRequest(const FetchRequest& reque
     return Value::array({Value(static_cast<long long>(total))});
   }
 
-  std::vector<CorvaneRequestItem*> found;
-  found.reserve(items.size());
-  for (CorvaneRequestItem& item : items) {
-    if (!hasPredicate || request.predicate()->evaluate(item)) found.push_back(&item);
-  }
-  if (!request.sortDescriptors().empty() && found.size() > 1) {
-    std::vector<const Object*> candidates(found.begin(), found.end());
+  std::vector<CorvaneRequestItem*> matches;
+  matches.reserve(found.size());
+  for (CorvaneRequestItem& item : found) matches.push_back(&item);
+  if (!request.sortDescriptors().empty() && matches.size() > 1) {
+    std::vector<const Object*> candidates(matches.begin(), matches.end());
     std::vector<size_t> order = sortOrder(candidates, request.sortDescriptors());
     std::vector<CorvaneRequestItem*> sorted;
-    sorted.reserve(found.size());
-    for (size_t i : order) sorted.push_back(found[i]);
-    found.swap(sorted);
+    sorted.reserve(matches.size());
+    for (size_t i : order) sorted.push_back(matches[i]);
+    matches.swap(sorted);
   }
-  if (request.fetchLimit() != 0 && found.size() > request.fetchLimit()) found.resize(request.fetchLimit());
+  if (request.fetchLimit() != 0 && matches.size() > request.fetchLimit()) matches.resize(request.fetchLimit());
 
-  if (counting) return Value::array({Value(static_cast<long long>(found.size()))});
+  if (counting) return Value::array({Value(static_cast<long long>(matches.size()))});
   std::vector<Value> out;
-  out.reserve(found.size());
-  for (CorvaneRequestItem* item : found) {
+  out.reserve(matches.size());
+  for (CorvaneRequestItem* item : matches) {
     if (dictionaries) {
       out.push_back(item->dictionary(request.propertiesToFetch()));
     } else if (objects && context != nullptr) {
