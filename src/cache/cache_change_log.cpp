@@ -39,11 +39,12 @@ void CorvaneCache::addChange(const Value& change, bool isExternal) {
   const Value& changes = change["changes"];
   log->addObject(change);
   if (!changes.empty()) {
-    updateChangeNames();
+    // The set of names is rebuilt when next asked for: rebuilding it for every record would
+    // make replaying a long history quadratic.
+    changeNamesStale_ = true;
     addObjectUIDs(changes["insert"], isExternal);
     updateObjectUIDs(changes["update"], isExternal);
     removeObjectUIDs(changes["delete"], isExternal);
-    updateChangeNames();
   }
   announceChanges(CacheChangeStage::WillChange);
   announceChanges(CacheChangeStage::DidChange);
@@ -156,10 +157,12 @@ void CorvaneCache::updateChangeNames() {
     }
   }
   changeNames_ = Value::set(std::move(names));
+  changeNamesStale_ = false;
 }
 
 Value CorvaneCache::changeNames() const {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
+  if (changeNamesStale_) const_cast<CorvaneCache*>(this)->updateChangeNames();
   return changeNames_.isNil() ? Value::set() : changeNames_;
 }
 

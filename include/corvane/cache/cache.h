@@ -237,6 +237,7 @@ class CorvaneCache : public std::enable_shared_from_this<CorvaneCache> {
   std::unordered_map<std::string, std::shared_ptr<CorvaneCacheSet>> uids_;
   std::shared_ptr<CorvaneCacheArray> changeLog_;
   Value changeNames_;
+  bool changeNamesStale_ = false;  // records were added since changeNames_ was built
   std::unordered_set<ObjectID, ObjectIDHash> objectIDsToRefresh_;
   bool cachedMissingItems_ = false;
   std::optional<SnapshotCommand> snapshot_;
