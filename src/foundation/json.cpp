@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <unordered_map>
 #include <vector>
 
@@ -52,20 +53,22 @@ class ValueBuilder {
       bool negativeExponent = e != end && e + 1 < end && e[1] == '-';
       const char* digits = (*s == '-') ? s + 1 : s;
       if (!negativeExponent && !(e == end && digits < end && *digits == '0')) {
-        numberError_ = "Number too big to be stored in double.";
+        refusal_ = "Number too big to be stored in double.";
         return false;
       }
       d = (*s == '-') ? -0.0 : 0.0;
     } else if (r.ec != std::errc() || r.ptr != end) {
-      numberError_ = "Invalid number.";
+      refusal_ = "Invalid number.";
       return false;
     }
     return add(Value::doubleNumber(d));
   }
   bool String(const char* s, rapidjson::SizeType length, bool) {
+    if (holdsSurrogate(s, length)) return false;
     return add(Value::string(std::string_view(s, length), options_.mutableLeaves));
   }
   bool Key(const char* s, rapidjson::SizeType length, bool) {
+    if (holdsSurrogate(s, length)) return false;
     frames_[depth_ - 1].pendingKey = internedKey(std::string_view(s, length));
     return true;
   }
@@ -84,8 +87,20 @@ class ValueBuilder {
     return add(std::move(v));
   }
 
+  // The input's bytes are checked as UTF-8, but a \u escape of a lone surrogate ("\udddd")
+  // decodes to the bytes ED A0..BF xx, which are no UTF-8 at all; such text is refused.
+  bool holdsSurrogate(const char* s, size_t length) {
+    for (const char* p = s; (p = static_cast<const char*>(std::memchr(p, '\xED', length - (p - s)))) != nullptr; ++p) {
+      if (p + 1 < s + length && (static_cast<unsigned char>(p[1]) & 0xE0) == 0xA0) {
+        refusal_ = "Unpaired surrogate in a \\u escape.";
+        return true;
+      }
+    }
+    return false;
+  }
+
   bool tooDeep() const { return tooDeep_; }
-  const char* numberError() const { return numberError_; }
+  const char* refusal() const { return refusal_; }
   Value result() { return std::move(root_); }
 
  private:
@@ -137,7 +152,7 @@ class ValueBuilder {
   size_t depth_ = 0;
   Value root_;
   bool tooDeep_ = false;
-  const char* numberError_ = nullptr;
+  const char* refusal_ = nullptr;
 };
 
 bool validNumber(const Value& v) {
@@ -228,7 +243,7 @@ std::optional<Value> jsonToValue(std::string_view text, Error* error, const Json
   rapidjson::ParseResult result = reader.Parse<kFlags>(stream, builder);
   if (result.IsError()) {
     std::string reason = builder.tooDeep()        ? "Nesting too deep."
-                         : builder.numberError() ? builder.numberError()
+                         : builder.refusal() ? builder.refusal()
                                                  : rapidjson::GetParseError_En(result.Code());
     setError(error, Error(kCocoaErrorDomain, 3840,
                           "JSON text is not valid at byte " + std::to_string(result.Offset()) + ": " + reason,

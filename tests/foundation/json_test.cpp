@@ -86,6 +86,17 @@ TEST(JsonRead, InvalidTextGivesOffsetAndReasonNeverACrash) {
   }
 }
 
+TEST(JsonRead, UnpairedSurrogateEscapesAreRefused) {
+  Error error;
+  EXPECT_FALSE(jsonToValue(R"(["\udddd"])", &error));
+  EXPECT_EQ(error.userInfo["reason"].str(), "Unpaired surrogate in a \\u escape.");
+  EXPECT_FALSE(jsonToValue(R"({"\ud800x":1})", &error));
+  auto paired = jsonToValue(R"(["\ud83d\ude00", "\u00fc"])");
+  ASSERT_TRUE(paired);
+  EXPECT_EQ(paired->at(0).str(), "😀");
+  EXPECT_EQ(paired->at(1).str(), "ü");
+}
+
 TEST(JsonRead, RefusesHostileNestingInsteadOfExhaustingTheStack) {
   std::string deep(100000, '[');
   Error error;
