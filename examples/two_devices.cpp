@@ -26,7 +26,6 @@
 #include "corvane/graph/fetch_request.h"
 #include "corvane/graph/managed_object.h"
 #include "corvane/graph/object_model.h"
-#include "corvane/security/digest.h"
 #include "corvane/store/corvane_managed_object_context.h"
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
@@ -145,19 +144,23 @@ class Device {
     return out;
   }
 
-  // A digest of every task's identity and values, the same on every device holding the same
-  // tasks whatever order they arrived in.
+  // The store's content checksum: per entity, a digest of every cached object's values, the
+  // same on every device holding the same content whatever order it arrived in. While the
+  // cache is still filling in the background an entity says "incomplete"; wait for it.
   std::string contentChecksum() {
-    std::vector<std::string> lines;
-    for (const auto& task : tasks()) {
-      lines.push_back(store_->uidForObjectID(task->objectID(), context_.get()) + "\t" + task->stringValue("title") +
-                      "\t" + (task->boolValue("done") ? "done" : "open") + "\t" +
-                      std::to_string(task->int64Value("priority")));
-    }
-    std::sort(lines.begin(), lines.end());
-    std::string all;
-    for (const std::string& line : lines) all += line + "\n";
-    return storeSHA256String(all);
+    std::string text;
+    RunLoop::main().runUntil(
+        [&] {
+          text.clear();
+          bool complete = true;
+          for (const auto& [entity, digest] : store_->contentChecksum().entries()) {
+            complete = complete && digest.str() != "incomplete";
+            text += (text.empty() ? "" : ", ") + entity.str() + " " + digest.str();
+          }
+          return complete;
+        },
+        30);
+    return text;
   }
 
   void print() {
