@@ -13,6 +13,7 @@
 
 #include "security/test_vectors.h"
 #include "support/temp_dir.h"
+#include "tools/tool_runner.h"
 
 namespace corvane {
 namespace {
@@ -23,62 +24,10 @@ using testing::readTextFile;
 using testing::TempDir;
 using testing::writeTextFile;
 
-struct RunResult {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-// Starts the tool in a new session with standard input from /dev/null, standard output into
-// outPath and only the given environment variables (besides PATH and HOME). With a terminal
-// (a pseudo-terminal's device name) that becomes its controlling terminal and standard error;
-// without one the tool has no terminal to prompt on and standard error goes into errPath.
-pid_t startTool(const std::vector<std::string>& arguments, const std::vector<std::string>& environment,
-                const std::string& home, const std::string& outPath, const std::string& errPath,
-                const std::string& terminal = {}) {
-  std::vector<std::string> args = {CORVANE_BINARY_DIR "/bin/corvane"};
-  args.insert(args.end(), arguments.begin(), arguments.end());
-  std::vector<std::string> env = {"PATH=/usr/bin:/bin", "HOME=" + home};
-  env.insert(env.end(), environment.begin(), environment.end());
-  std::vector<char*> argv, envp;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  for (auto& e : env) envp.push_back(e.data());
-  envp.push_back(nullptr);
-
-  pid_t pid = fork();
-  if (pid == 0) {
-    setsid();
-    int err;
-    if (terminal.empty()) {
-      err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    } else {
-      err = open(terminal.c_str(), O_RDWR);
-      ioctl(err, TIOCSCTTY, 0);
-    }
-    dup2(open("/dev/null", O_RDONLY), 0);
-    dup2(open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-    dup2(err, 2);
-    execve(argv[0], argv.data(), envp.data());
-    _exit(127);
-  }
-  return pid;
-}
-
-int waitForExit(pid_t pid) {
-  int wstatus = 0;
-  waitpid(pid, &wstatus, 0);
-  return WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-}
-
-RunResult runTool(const std::vector<std::string>& arguments, const std::vector<std::string>& environment = {}) {
-  TempDir capture;
-  RunResult result;
-  result.status = waitForExit(startTool(arguments, environment, capture.path(), capture / "out", capture / "err"));
-  result.out = readTextFile(capture / "out");
-  result.err = readTextFile(capture / "err");
-  return result;
-}
+using RunResult = testing::ToolRun;
+using testing::runTool;
+using testing::startTool;
+using testing::waitForExit;
 
 // Runs the tool with a pseudo-terminal as its controlling terminal, answers the first prompt
 // with `typed` and returns what the terminal showed in *terminalText.
@@ -87,7 +36,7 @@ RunResult runToolOnTerminal(const std::vector<std::string>& arguments, const std
   TempDir capture;
   int master = posix_openpt(O_RDWR | O_NOCTTY);
   if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) return {};
-  pid_t pid = startTool(arguments, {}, capture.path(), capture / "out", "", ptsname(master));
+  pid_t pid = startTool(arguments, {}, capture.path(), capture / "out", "", "/dev/null", ptsname(master));
   // Read until the prompt appears (or give up after a few seconds), type, then read the rest.
   auto readSome = [&](int timeoutMs) {
     pollfd p{master, POLLIN, 0};

@@ -10,6 +10,7 @@
 
 #include "security/test_vectors.h"
 #include "support/temp_dir.h"
+#include "tools/tool_runner.h"
 
 namespace corvane {
 namespace {
@@ -18,46 +19,12 @@ using testing::readTextFile;
 using testing::TempDir;
 using testing::writeTextFile;
 
-struct FastRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
+using FastRun = testing::ToolRun;
 
 // Runs the tool in a new session with standard input from `input` (or /dev/null).
 FastRun runFast(const std::vector<std::string>& arguments, const std::string& input = "/dev/null",
                 const std::vector<std::string>& environment = {}) {
-  TempDir capture;
-  const std::string outPath = capture / "stdout";
-  const std::string errPath = capture / "stderr";
-  std::vector<std::string> args = {CORVANE_BINARY_DIR "/bin/corvane"};
-  args.insert(args.end(), arguments.begin(), arguments.end());
-  std::vector<std::string> env = {"PATH=/usr/bin:/bin", "HOME=" + capture.path()};
-  env.insert(env.end(), environment.begin(), environment.end());
-  pid_t pid = fork();
-  if (pid == 0) {
-    setsid();
-    int in = open(input.c_str(), O_RDONLY);
-    int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(in, 0);
-    dup2(out, 1);
-    dup2(err, 2);
-    std::vector<char*> argv, envp;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    for (auto& e : env) envp.push_back(e.data());
-    envp.push_back(nullptr);
-    execve(argv[0], argv.data(), envp.data());
-    _exit(127);
-  }
-  FastRun result;
-  int wstatus = 0;
-  waitpid(pid, &wstatus, 0);
-  result.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-  result.out = readTextFile(outPath);
-  result.err = readTextFile(errPath);
-  return result;
+  return testing::runTool(arguments, environment, input);
 }
 
 std::string bytes(std::initializer_list<int> list) {

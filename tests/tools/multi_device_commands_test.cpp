@@ -21,6 +21,7 @@
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
 #include "support/temp_dir.h"
+#include "tools/tool_runner.h"
 
 namespace corvane {
 namespace {
@@ -29,41 +30,9 @@ using testing::readTextFile;
 using testing::TempDir;
 using testing::writeTextFile;
 
-struct RunResult {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-pid_t startTool(const std::vector<std::string>& arguments, const std::vector<std::string>& environment,
-                const std::string& home, const std::string& outPath, const std::string& errPath) {
-  std::vector<std::string> args = {CORVANE_BINARY_DIR "/bin/corvane"};
-  args.insert(args.end(), arguments.begin(), arguments.end());
-  std::vector<std::string> env = {"PATH=/usr/bin:/bin", "HOME=" + home, "XDG_DATA_HOME=" + home + "/data",
-                                  "XDG_CACHE_HOME=" + home + "/cache", "XDG_CONFIG_HOME=" + home + "/config"};
-  env.insert(env.end(), environment.begin(), environment.end());
-  std::vector<char*> argv, envp;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  for (auto& e : env) envp.push_back(e.data());
-  envp.push_back(nullptr);
-  pid_t pid = fork();
-  if (pid == 0) {
-    setsid();
-    dup2(open("/dev/null", O_RDONLY), 0);
-    dup2(open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-    dup2(open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-    execve(argv[0], argv.data(), envp.data());
-    _exit(127);
-  }
-  return pid;
-}
-
-int waitForExit(pid_t pid) {
-  int wstatus = 0;
-  waitpid(pid, &wstatus, 0);
-  return WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-}
+using RunResult = testing::ToolRun;
+using testing::startTool;
+using testing::waitForExit;
 
 const char* kModel = R"({"entities": [{"name": "Person", "attributes": [
   {"name": "name", "type": "string"}, {"name": "age", "type": "integer32"}]}]})";

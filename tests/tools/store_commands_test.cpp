@@ -14,6 +14,7 @@
 #include "corvane/foundation/json.h"
 #include "support/printers.h"
 #include "support/temp_dir.h"
+#include "tools/tool_runner.h"
 
 namespace corvane {
 namespace {
@@ -39,11 +40,7 @@ constexpr const char* kModel = R"({"entities": [
    "relationships": [{"name": "staff", "destination": "Person", "inverse": "employer", "toMany": true}]}
 ]})";
 
-struct RunResult {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
+using RunResult = testing::ToolRun;
 
 class StoreCommandsTest : public ::testing::Test {
  protected:
@@ -54,31 +51,9 @@ class StoreCommandsTest : public ::testing::Test {
 
   // Runs the tool with standard input from /dev/null and a private home.
   RunResult run(std::vector<std::string> arguments, const std::vector<std::string>& environment = {}) {
-    std::vector<std::string> args = {CORVANE_BINARY_DIR "/bin/corvane"};
-    args.insert(args.end(), arguments.begin(), arguments.end());
-    const std::string home = dir / "home";
-    std::vector<std::string> env = {"PATH=/usr/bin:/bin", "HOME=" + home, "XDG_DATA_HOME=" + home + "/data",
-                                    "XDG_CACHE_HOME=" + home + "/cache", "XDG_CONFIG_HOME=" + home + "/config"};
-    env.insert(env.end(), environment.begin(), environment.end());
-    std::vector<char*> argv, envp;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    for (auto& e : env) envp.push_back(e.data());
-    envp.push_back(nullptr);
     const std::string outPath = dir / "out", errPath = dir / "err";
-    pid_t pid = fork();
-    if (pid == 0) {
-      setsid();
-      dup2(open("/dev/null", O_RDONLY), 0);
-      dup2(open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-      dup2(open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-      execve(argv[0], argv.data(), envp.data());
-      _exit(127);
-    }
-    int wstatus = 0;
-    waitpid(pid, &wstatus, 0);
     RunResult result;
-    result.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+    result.status = testing::waitForExit(testing::startTool(arguments, environment, dir / "home", outPath, errPath));
     result.out = readTextFile(outPath);
     result.err = readTextFile(errPath);
     return result;
