@@ -106,10 +106,11 @@ std::string SyncSimulator::destinationPath(size_t target, const std::string& pat
     std::string dir = prefix.empty() ? component : pathJoin(prefix, component);
     auto found = redirects_[target].find(dir);
     if (found == redirects_[target].end()) {
-      // Only an entity-level folder ("Entities/<name>") that the target made on its own,
-      // holding nothing brought by the simulator, can turn into a duplicate.
+      // Only an entity folder ("Entities/<name>", at any depth, so that a synchronised folder
+      // may hold the package) that the target made on its own, holding nothing brought by the
+      // simulator, can turn into a duplicate.
       std::string redirect;
-      bool entityLevel = !prefix.empty() && prefix.find('/') == std::string::npos;
+      const bool entityLevel = !prefix.empty() && pathLastComponent(prefix) == "Entities";
       if (entityLevel && env_->fileExists(pathJoin(folders_[target], dir)) && !holdsDelivered(target, dir) &&
           chance() < knobs_.duplicateFolderProbability) {
         redirect = dir + " 2";

@@ -106,6 +106,20 @@ TEST_F(SyncSimulatorTest, FoldersMadeOnBothSidesCanArriveAsDuplicates) {
   EXPECT_FALSE(pathExists(dir / "B/Entities/Person/U1"));
 }
 
+TEST_F(SyncSimulatorTest, OnlyEntityFoldersOfANestedPackageArriveAsDuplicates) {
+  SyncKnobs knobs;
+  knobs.duplicateFolderProbability = 1;
+  SyncSimulator sim = make(knobs);
+  writeTextFile(dir / "B/Doc.corvane/Changes/2.json", "b");
+  writeTextFile(dir / "B/Doc.corvane/Entities/Person/U2/2.json", "b");
+  writeTextFile(dir / "A/Doc.corvane/Changes/1.json", "a");
+  writeTextFile(dir / "A/Doc.corvane/Entities/Person/U1/1.json", "a");
+  sim.settle();
+  EXPECT_EQ(readTextFile(dir / "B/Doc.corvane/Changes/1.json"), "a");
+  EXPECT_EQ(readTextFile(dir / "B/Doc.corvane/Entities/Person 2/U1/1.json"), "a");
+  EXPECT_FALSE(pathExists(dir / "B/Doc.corvane/Entities 2"));
+}
+
 TEST_F(SyncSimulatorTest, DataFilesCanArriveUnderALongerName) {
   SyncKnobs knobs;
   knobs.dataFileRenameProbability = 1;
