@@ -111,14 +111,7 @@ void CorvaneStore::updateChangesWithCompletion(std::function<void(bool)> complet
   const size_t count = pass->names.size();
   size_t start = count;
   for (size_t i = 0; i < count; ++i) {
-    if (i >= applied.count()) {
-      start = i;
-      break;
-    }
-    if (applied.at(i)["name"].str() != pass->names[i]) {
-      std::vector<Value> kept(applied.elements().begin(), applied.elements().begin() + static_cast<long>(i));
-      if (auto log = cache_->changeLog()) log->setContent(Value::array(std::move(kept)));
-      cache_->updateChangeNames();
+    if (i >= applied.count() || applied.at(i)["name"].str() != pass->names[i]) {
       start = i;
       break;
     }
@@ -128,74 +121,138 @@ void CorvaneStore::updateChangesWithCompletion(std::function<void(bool)> complet
     completion(true);
     return;
   }
-  if (start == 0) cache_->reset();
   pass->start = start;
-  pass->replay = start == 0;
   pass->completion = std::move(completion);
+  if (start >= applied.count() || recover()) {
+    beginPass(pass);
+    return;
+  }
+  std::vector<std::string> forgotten;
+  for (size_t i = start; i < applied.count(); ++i) forgotten.push_back(applied.at(i)["name"].str());
+  readQueue_.async([this, pass, forgotten = std::move(forgotten)]() mutable {
+    checkBeforeForgetting(pass, std::move(forgotten));
+  });
+}
+
+// A change that arrived out of order makes the log forget the changes after its place and apply
+// them again. Forgetting them is safe only if the pass can get past every new change that sorts
+// before them: a pass that stopped on a change still in transit would leave the objects of the
+// forgotten changes half there (known, but with none of their files counted as applied) until
+// the file arrived. So the new changes are checked first, quietly; one that would stop the pass
+// is reported as the pass would report it, and the cache stays as it is until the next try.
+void CorvaneStore::checkBeforeForgetting(std::shared_ptr<Pass> pass, std::vector<std::string> forgotten) {
+  const std::unordered_set<std::string> old(forgotten.begin(), forgotten.end());
+  size_t last = pass->start;  // one past the last forgotten change that is still in the folder
+  for (size_t i = pass->start; i < pass->names.size(); ++i) {
+    if (old.contains(pass->names[i])) last = i + 1;
+  }
+  for (size_t i = pass->start; i < last && !closed_; ++i) {
+    if (old.contains(pass->names[i])) continue;
+    Pass quiet;
+    Value change, combined, parsedObjects;
+    if (readChange(quiet, pass->names[i], false, &change, &combined, &parsedObjects) == ChangeReading::Apply &&
+        !quiet.missing) {
+      continue;
+    }
+    readChange(*pass, pass->names[i], true, &change, &combined, &parsedObjects);
+    onMain([this, pass] {
+      hasRemoteFiles_ = pass->notOnDisk;
+      pass->completion(false);
+    });
+    return;
+  }
+  onMain([this, pass] { beginPass(pass); });
+}
+
+// Forgets what the log holds from the pass's start on (everything, by emptying the cache, when
+// that is the first change) and applies the files from there on the read queue.
+void CorvaneStore::beginPass(std::shared_ptr<Pass> pass) {
+  const Value applied = cache_->changes();
+  if (pass->start < applied.count()) {
+    std::vector<Value> kept(applied.elements().begin(), applied.elements().begin() + static_cast<long>(pass->start));
+    if (auto changeLog = cache_->changeLog()) changeLog->setContent(Value::array(std::move(kept)));
+    cache_->updateChangeNames();
+  }
+  if (pass->start == 0) cache_->reset();
+  pass->replay = pass->start == 0;
   readQueue_.async([this, pass] { runPass(pass); });
 }
 
-void CorvaneStore::runPass(std::shared_ptr<Pass> pass) {
+// Reads, decrypts, parses and validates one change file of a pass, logging each problem with its
+// repair menu when `report` is set. Apply: the change goes into the cache (in recovery mode even a
+// damaged one, as an empty change). Stop: the pass ends here. Invalid: validation refused it.
+CorvaneStore::ChangeReading CorvaneStore::readChange(Pass& pass, const std::string& fileName, bool report,
+                                                     Value* changeOut, Value* combined, Value* parsedObjects) {
   const std::string folder = changesURL();
   const bool recovering = recover();
+  const std::string path = pathJoin(folder, fileName);
+  const std::string shortPath = report ? shortURL(path) : std::string();
+  const StoreMenuItem ignore{"Ignore", kStoreMenuActionDiscardChange, path};
+  const StoreMenuItem show{"Show in Finder", kStoreMenuActionShowInFinder, path};
+  auto say = [&](const std::string& message, const char* type, const Value& change,
+                 std::vector<StoreMenuItem> menu) {
+    if (report) log(message, type, change, std::move(menu));
+  };
+
+  if (!volumes_->isOnDisk(env_, path)) {
+    say(fmt::format("Change file is not on disk: {}", shortPath), kCorvaneLogTypeError, Value(), {});
+    pass.missing = true;
+    pass.notOnDisk = true;
+  }
+  Value change;
+  bool damaged = false;
+  if (std::optional<Bytes> bytes = readBytes(env_, path); !bytes) {
+    say(fmt::format("Missing change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore});
+    pass.missing = true;
+    if (!recovering) return ChangeReading::Stop;
+    damaged = true;
+  } else if (std::optional<Bytes> plain = decrypt(*bytes); !plain) {
+    say(fmt::format("Could not decrypt change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore});
+    pass.missing = true;
+    if (!recovering) return ChangeReading::Stop;
+    say(fmt::format("Incomplete change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore, show});
+    damaged = true;
+  } else if (std::optional<Value> parsed = jsonToValue(asStringView(*plain)); !parsed || !parsed->isDictionary()) {
+    say(fmt::format("Incomplete change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore, show});
+    pass.missing = true;
+    if (!recovering) return ChangeReading::Stop;
+    damaged = true;
+  } else {
+    change = *parsed;
+  }
+  if (damaged) {
+    // Recovering goes on past the file: it counts as applied, with nothing in it, so that the
+    // history keeps its place; its objects are read from their files from now on.
+    change = dict({{"name", Value(fileName)}});
+    pass.replay = false;
+  }
+  *changeOut = change;
+
+  if (const Value& previous = change["previousName"]; previous.isString()) {
+    if (change["name"].str() < previous.str() && report) {
+      log(fmt::format("Date inconsistency in change file: {}. Use the menu File/Save as and create a new file.",
+                      change["name"].str()),
+          kCorvaneLogTypeError, change);
+      setErrorLevel(kCorvaneLogTypeError);
+    }
+    const std::string previousPath = pathJoin(folder, previous.str());
+    if (!env_->fileExists(previousPath)) {
+      say(fmt::format("Missing change file: {}", previous.str()), kCorvaneLogTypeWarning, change,
+          {StoreMenuItem{"Ignore", kStoreMenuActionInsertChange, previousPath}, show});
+      pass.missing = true;
+      if (!recovering) return ChangeReading::Stop;
+    }
+  }
+  if (!validateChange(change, false, report, combined, parsedObjects)) return ChangeReading::Invalid;
+  return ChangeReading::Apply;
+}
+
+void CorvaneStore::runPass(std::shared_ptr<Pass> pass) {
   for (size_t i = pass->start; i < pass->names.size() && !closed_; ++i) {
-    const std::string& fileName = pass->names[i];
-    const std::string path = pathJoin(folder, fileName);
-    const std::string shortPath = shortURL(path);
-    const StoreMenuItem ignore{"Ignore", kStoreMenuActionDiscardChange, path};
-    const StoreMenuItem show{"Show in Finder", kStoreMenuActionShowInFinder, path};
-
-    if (!volumes_->isOnDisk(env_, path)) {
-      log(fmt::format("Change file is not on disk: {}", shortPath), kCorvaneLogTypeError);
-      pass->missing = true;
-      pass->notOnDisk = true;
-    }
-    Value change;
-    bool damaged = false;
-    if (std::optional<Bytes> bytes = readBytes(env_, path); !bytes) {
-      log(fmt::format("Missing change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore});
-      pass->missing = true;
-      if (!recovering) break;
-      damaged = true;
-    } else if (std::optional<Bytes> plain = decrypt(*bytes); !plain) {
-      log(fmt::format("Could not decrypt change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore});
-      pass->missing = true;
-      if (!recovering) break;
-      log(fmt::format("Incomplete change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore, show});
-      damaged = true;
-    } else if (std::optional<Value> parsed = jsonToValue(asStringView(*plain)); !parsed || !parsed->isDictionary()) {
-      log(fmt::format("Incomplete change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore, show});
-      pass->missing = true;
-      if (!recovering) break;
-      damaged = true;
-    } else {
-      change = *parsed;
-    }
-    if (damaged) {
-      // Recovering goes on past the file: it counts as applied, with nothing in it, so that the
-      // history keeps its place; its objects are read from their files from now on.
-      change = dict({{"name", Value(fileName)}});
-      pass->replay = false;
-    }
-
-    if (const Value& previous = change["previousName"]; previous.isString()) {
-      if (change["name"].str() < previous.str()) {
-        log(fmt::format("Date inconsistency in change file: {}. Use the menu File/Save as and create a new file.",
-                        change["name"].str()),
-            kCorvaneLogTypeError, change);
-        setErrorLevel(kCorvaneLogTypeError);
-      }
-      const std::string previousPath = pathJoin(folder, previous.str());
-      if (!env_->fileExists(previousPath)) {
-        log(fmt::format("Missing change file: {}", previous.str()), kCorvaneLogTypeWarning, change,
-            {StoreMenuItem{"Ignore", kStoreMenuActionInsertChange, previousPath}, show});
-        pass->missing = true;
-        if (!recovering) break;
-      }
-    }
-
-    Value combined, parsedObjects;
-    if (!validateChange(change, false, &combined, &parsedObjects)) {
+    Value change, combined, parsedObjects;
+    const ChangeReading reading = readChange(*pass, pass->names[i], true, &change, &combined, &parsedObjects);
+    if (reading == ChangeReading::Stop) break;
+    if (reading == ChangeReading::Invalid) {
       onMain([pass] { pass->completion(false); });
       return;
     }
@@ -209,6 +266,7 @@ void CorvaneStore::runPass(std::shared_ptr<Pass> pass) {
     const bool external = !pass->replay;
     onMain([this, change, external] { cache_->addChange(change, external); });
   }
+  const bool recovering = recover();
   onMain([this, pass] { refreshInsertedObjects(pass->inserted, pass->updated, pass->deleted); });
   onMain([this, pass, recovering] {
     hasRemoteFiles_ = pass->notOnDisk;
@@ -292,38 +350,41 @@ Value CorvaneStore::combineChangeDictionary(const Value& updates, const Value& i
 
 Value CorvaneStore::validatedChanges(const Value& change, bool lightWeight) {
   Value combined, parsedObjects;
-  if (!validateChange(change, lightWeight, &combined, &parsedObjects)) return Value();
+  if (!validateChange(change, lightWeight, true, &combined, &parsedObjects)) return Value();
   return combined;
 }
 
-bool CorvaneStore::validateChange(const Value& change, bool lightWeight, Value* combinedOut, Value* parsedObjects) {
+bool CorvaneStore::validateChange(const Value& change, bool lightWeight, bool report, Value* combinedOut,
+                                  Value* parsedObjects) {
   const Value& changes = change["changes"];
   const Value combined = combineChangeDictionary(changes["update"], changes["insert"]);
   *combinedOut = combined;
   *parsedObjects = Value::mutableDictionary();
   if (change["name"].isNil()) {
-    log(fmt::format("Change incomplete {}", change.description()), kCorvaneLogTypeError);
+    if (report) log(fmt::format("Change incomplete {}", change.description()), kCorvaneLogTypeError);
     return false;
   }
   const std::string& name = change["name"].str();
   const std::string changePath = pathJoin(changesURL(), name);
   const std::string shortChange = shortURL(changePath);
   const bool recovering = recover();
-  log(fmt::format("Begin validation {}", shortChange), kCorvaneLogTypeSuccess);
+  if (report) log(fmt::format("Begin validation {}", shortChange), kCorvaneLogTypeSuccess);
   const std::vector<StoreMenuItem> menu = {{"Ignore", kStoreMenuActionDiscardChange, changePath},
                                            {"Show in Finder", kStoreMenuActionShowInFinder, changePath}};
   bool failed = false;
   // Records a failure; answers whether validation stops here.
   auto fail = [&](const std::string& message, const char* type) {
-    log(message, type, change, menu);
-    setErrorLevel(kCorvaneLogTypeWarning);
+    if (report) {
+      log(message, type, change, menu);
+      setErrorLevel(kCorvaneLogTypeWarning);
+    }
     failed = true;
     return !recovering;
   };
   const std::string entities = entitiesURL();
   bool stop = false;
   for (const auto& [entityName, byUID] : combined.entries()) {
-    log(fmt::format("Begin validation of {}", entityName.str()), kCorvaneLogTypeSuccess);
+    if (report) log(fmt::format("Begin validation of {}", entityName.str()), kCorvaneLogTypeSuccess);
     const std::string folder = fileNameForEntityName(entityName.str());
     if (folder.empty()) continue;
     for (const auto& [uid, record] : byUID.entries()) {
@@ -343,9 +404,11 @@ bool CorvaneStore::validateChange(const Value& change, bool lightWeight, Value* 
           stop = fail(fmt::format("Missing file: {}", shortFile), kCorvaneLogTypeWarning);
         } else if (std::optional<Bytes> plain = decrypt(*bytes); !plain) {
           // Reported, but the other files are still checked.
-          log(fmt::format("Decryption error on file: {} {}", entityName.str(), shortFile), kCorvaneLogTypeWarning,
-              change);
-          setErrorLevel(kCorvaneLogTypeWarning);
+          if (report) {
+            log(fmt::format("Decryption error on file: {} {}", entityName.str(), shortFile), kCorvaneLogTypeWarning,
+                change);
+            setErrorLevel(kCorvaneLogTypeWarning);
+          }
           failed = true;
         } else if (std::optional<Value> parsed = jsonToValue(asStringView(*plain)); !parsed || !parsed->isDictionary()) {
           stop = fail(fmt::format("Incomplete file: {}", shortFile), kCorvaneLogTypeWarning);
@@ -377,12 +440,16 @@ bool CorvaneStore::validateChange(const Value& change, bool lightWeight, Value* 
     if (stop) break;
   }
   if (failed) {
-    log(fmt::format("Failed validation {}", shortChange), kCorvaneLogTypeError, change);
-    setErrorLevel(kCorvaneLogTypeError);
+    if (report) {
+      log(fmt::format("Failed validation {}", shortChange), kCorvaneLogTypeError, change);
+      setErrorLevel(kCorvaneLogTypeError);
+    }
     return recovering;
   }
-  log(fmt::format("Completed validation {}", shortChange), kCorvaneLogTypeSuccess);
-  setErrorLevel(kCorvaneLogTypeSuccess);
+  if (report) {
+    log(fmt::format("Completed validation {}", shortChange), kCorvaneLogTypeSuccess);
+    setErrorLevel(kCorvaneLogTypeSuccess);
+  }
   return true;
 }
 

@@ -51,6 +51,39 @@ TEST_F(UpdateHistoryTest, AChangeSortingBeforeAppliedOnesTruncatesTheHistoryAndR
   close(a);
 }
 
+// The history is only cut where a late change fits once that change can be applied: until its
+// object file is there, the device keeps what it holds instead of showing objects whose files no
+// longer count.
+TEST_F(UpdateHistoryTest, ALateChangeStillInTransitLeavesTheHistoryAsItIsUntilItArrives) {
+  OpenStore a = open();
+  a.context->insertNewObject("Company")->setValue("name", "One");
+  ASSERT_TRUE(save(a));
+  env.advance(60);
+  a.context->insertNewObject("Company")->setValue("name", "Two");
+  ASSERT_TRUE(save(a));
+  const std::vector<std::string> before = appliedNames(a.store);
+  ASSERT_EQ(before.size(), 2u);
+
+  const std::string late = before[0].substr(0, 23) + ".FFFFFFFF-FFFF-4FFF-8FFF-FFFFFFFFFFFF.json";
+  const std::string uid = "0A0A0A0A-0000-4000-8000-000000000001";
+  writeTextFile(package + "/Changes/" + late,
+                R"({"name":")" + late + R"(","date":"2023-03-08T20:26:40.000+0000","changes":{"insert":{"Company":{")" +
+                    uid + R"(":{}}}},"previousName":")" + before[0] + R"("})");
+  const std::string objectFile =
+      package + "/Entities/" + a.store->fileNameForEntityName("Company") + "/" + uid + "/" + late;
+  update(a.store);
+  EXPECT_EQ(appliedNames(a.store), before);
+  EXPECT_EQ(companyNames(a), (std::vector<std::string>{"One", "Two"}));
+  EXPECT_TRUE(entryContaining(a.store, "Missing file: "));
+  EXPECT_TRUE(entryContaining(a.store, "Missing files: Abort and trying again in some seconds"));
+
+  writeTextFile(objectFile, R"({"version":"1","type":"insert","payload":{"name":{"value":"Late"}}})");
+  update(a.store);
+  EXPECT_EQ(appliedNames(a.store), (std::vector<std::string>{before[0], late, before[1]}));
+  EXPECT_EQ(companyNames(a), (std::vector<std::string>{"Late", "One", "Two"}));
+  close(a);
+}
+
 TEST_F(UpdateHistoryTest, AFolderLackingTheNewestAppliedChangesKeepsTheLongerHistory) {
   OpenStore a = open();
   a.context->insertNewObject("Company")->setValue("name", "One");

@@ -410,8 +410,13 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   // Requests.
   void registerContext(ManagedObjectContext* context);
   // The update pass on the read queue.
+  enum class ChangeReading { Apply, Stop, Invalid };
+  ChangeReading readChange(Pass& pass, const std::string& fileName, bool report, Value* change, Value* combined,
+                           Value* parsedObjects);
+  void checkBeforeForgetting(std::shared_ptr<Pass> pass, std::vector<std::string> forgotten);
+  void beginPass(std::shared_ptr<Pass> pass);
   void runPass(std::shared_ptr<Pass> pass);
-  bool validateChange(const Value& change, bool lightWeight, Value* combined, Value* parsedObjects);
+  bool validateChange(const Value& change, bool lightWeight, bool report, Value* combined, Value* parsedObjects);
   void foldReplayedChange(Pass& pass, const Value& change, const Value& content, const Value& parsedObjects);
   // The log on the main run loop.
   void addLogEntry(StoreLogEntry entry, const Value& change);
