@@ -6,9 +6,14 @@
 // simulator's deliveries (on the test's fake monotonic clock) and update passes, one at a
 // time, so that a seed replays the same run. settleAll() lets every file arrive and every
 // device catch up; expectConverged() then checks that no save was lost.
+//
+// To look into a failing run: CORVANE_DUMP_LOGS=1 prints every device's log and the sync
+// client's steps at the check, CORVANE_KEEP_TEST_DIRS=1 keeps the folders.
 #pragma once
 
 #include <algorithm>
+#include <cstdlib>
+#include <iostream>
 #include <map>
 #include <random>
 #include <set>
@@ -103,7 +108,7 @@ class MultiDeviceTest : public StoreTest {
     EXPECT_TRUE(done) << device.name << ": the opening pass did not end";
     opened.context = CorvaneManagedObjectContext::create(ConcurrencyType::MainQueue);
     opened.context->setPersistentStoreCoordinator(opened.coordinator);
-    drain();
+    quiet();
     return done;
   }
 
@@ -126,10 +131,33 @@ class MultiDeviceTest : public StoreTest {
     }
   }
 
-  // Saves the device's context and records the change file the save wrote.
+  // Runs the main loop until nothing is left to do: no pass of any device under way (a timer
+  // of the folder watching may have started one) and no work queued. Whatever the test does
+  // next then meets the same state on every run of a seed.
+  void quiet() {
+    for (int round = 0; round < 1000; ++round) {
+      for (auto& device : devices_) {
+        CorvaneStore* store = device->opened.store;
+        if (store != nullptr) {
+          EXPECT_TRUE(RunLoop::main().runUntil([&] { return !store->isUpdating(); }, 60)) << device->name;
+        }
+      }
+      const bool busy = std::any_of(devices_.begin(), devices_.end(), [](const auto& d) {
+        return d->opened.store != nullptr && d->opened.store->isUpdating();
+      });
+      if (RunLoop::main().runOnce() == 0 && !busy) return;
+    }
+  }
+
+  // Saves the device's context and records the change file the save wrote. A millisecond
+  // passes first, as it would between two real saves, so that no two changes share a time
+  // and their order never hangs on their random UUIDs.
   bool saveDevice(Device& device) {
+    env.advance(0.001);
+    quiet();
     std::vector<std::string> before = list(device.package + "/Changes");
     if (!save(device.opened)) return false;
+    quiet();
     std::vector<std::string> after = list(device.package + "/Changes");
     std::set<std::string> old(before.begin(), before.end());
     for (const std::string& name : after) {
@@ -147,7 +175,7 @@ class MultiDeviceTest : public StoreTest {
     store->updateChanges();
     const bool done = RunLoop::main().runUntil([&] { return readyCount_ > before && !store->isUpdating(); }, 60);
     EXPECT_TRUE(done) << device.name << ": the update pass did not end";
-    drain();
+    quiet();
     return done;
   }
 
@@ -156,6 +184,7 @@ class MultiDeviceTest : public StoreTest {
     env.advance(seconds);
     sync_->scan();
     sync_->deliverDue();
+    quiet();
   }
 
   // Every file arrives (save the dropped ones), each open device merges the folders the sync
@@ -208,6 +237,15 @@ class MultiDeviceTest : public StoreTest {
   // device's change log; the log names each change it validated from another device.
   void expectConverged(const std::string& context) {
     SCOPED_TRACE(context);
+    if (std::getenv("CORVANE_DUMP_LOGS") != nullptr) {
+      for (auto& device : devices_) {
+        if (!device->opened) continue;
+        std::cerr << "---- log of " << device->name << ", newest first\n";
+        for (const std::string& m : messages(device->opened.store)) std::cerr << "  " << m << "\n";
+      }
+      std::cerr << "---- what the sync client did\n";
+      for (const std::string& h : sync_->history()) std::cerr << "  " << h << "\n";
+    }
     Device* first = nullptr;
     Snapshot reference;
     Value referenceChecksum;
@@ -271,16 +309,16 @@ class MultiDeviceTest : public StoreTest {
 
   // One seeded run: random saves (inserts, updates, deletes) by random devices, with
   // deliveries and update passes in between; devices close for a stretch and catch up when they
-  // reopen, and the last device's clock is an hour behind. Then everything settles and no save
-  // may be lost.
+  // reopen, and the last device's clock may run behind. Then everything settles and no save may
+  // be lost.
   struct RandomRun {
     uint64_t seed = 0;
     SyncKnobs knobs;
     int devices = 3;
     int rounds = 30;
     // How far the last device's clock runs behind. An edit from such a device sorts before the
-    // changes it has already seen and loses against them (see the clock test), so the runs that
-    // check every value keep the clocks together.
+    // changes it has already seen and loses against them (see the clock test), so only the runs
+    // with the clocks together check that a value written once is the value.
     double clockBehind = 0;
   };
 
@@ -351,7 +389,7 @@ class MultiDeviceTest : public StoreTest {
       if (deleted.contains(name)) continue;
       ASSERT_TRUE(byName.contains(name)) << name << " was lost";
       auto updates = serials.find(name);
-      if (updates != serials.end() && updates->second.size() == 1) {
+      if (run.clockBehind == 0 && updates != serials.end() && updates->second.size() == 1) {
         EXPECT_NE(byName[name].find(" serial=" + std::to_string(updates->second[0])), std::string::npos)
             << name << ": " << byName[name];
       }

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <sstream>
 #include <stdexcept>
 
@@ -15,6 +16,11 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
+  // Set CORVANE_KEEP_TEST_DIRS to look at what a failing test left behind.
+  if (std::getenv("CORVANE_KEEP_TEST_DIRS") != nullptr) {
+    std::cerr << "kept " << path_ << "\n";
+    return;
+  }
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
 }
