@@ -220,7 +220,8 @@ TEST_F(MultiDeviceCommandsTest, WatchPrintsChangesFromAnotherDeviceAndStopsOnSig
   out = readTextFile(dir / "out");
   EXPECT_NE(out.find("watching " + package), std::string::npos) << out;
   EXPECT_NE(out.find(", 1 objects"), std::string::npos) << out;
-  EXPECT_NE(out.find("changed update Person " + uid), std::string::npos) << out;
+  EXPECT_NE(out.find("changed update Person " + uid + " {"), std::string::npos) << out;
+  EXPECT_NE(out.find(R"("name":"Ann B.")"), std::string::npos) << "the values as they are now\n" << out;
   EXPECT_NE(out.find("Completed validation Changes/"), std::string::npos) << out;
   EXPECT_NE(out.find("stopped"), std::string::npos) << out;
 

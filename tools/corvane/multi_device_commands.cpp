@@ -57,12 +57,20 @@ struct WatchOptions {
   double poll = 0;  // 0: rely on the store's folder watch
 };
 
-void describeObjects(const char* what, const Value& objects, StoreSession& session) {
+// One line per object: what happened, the object, and (unless it is gone) its values now.
+void describeObjects(const char* what, const Value& objects, StoreSession& session, bool withValues) {
   for (const Value& value : objects.elements()) {
     auto* object = dynamic_cast<ManagedObject*>(value.objectPointer());
     if (object == nullptr) continue;
-    std::printf("changed %s %s %s\n", what, object->entity().name().c_str(),
-                session.store().uidForObjectID(object->objectID(), &session.context()).c_str());
+    std::string values;
+    if (withValues) {
+      Value dumped = dumpObject(*object);
+      dumped.remove(Value("entity"));
+      dumped.remove(Value("uid"));
+      values = " " + valueToJson(dumped, JsonStyle::Compact).value_or("{}");
+    }
+    std::printf("changed %s %s %s%s\n", what, object->entity().name().c_str(),
+                session.store().uidForObjectID(object->objectID(), &session.context()).c_str(), values.c_str());
   }
 }
 
@@ -85,9 +93,9 @@ int runWatch(const WatchOptions& options) {
 
   NotificationCenter::Observer changed = NotificationCenter::defaultCenter().addObserver(
       kCorvaneObjectsDidChangeExternallyNotification, &session->context(), [&](const Notification& n) {
-        describeObjects("insert", n.userInfo[kInsertedObjectsKey], *session);
-        describeObjects("update", n.userInfo[kUpdatedObjectsKey], *session);
-        describeObjects("delete", n.userInfo[kDeletedObjectsKey], *session);
+        describeObjects("insert", n.userInfo[kInsertedObjectsKey], *session, true);
+        describeObjects("update", n.userInfo[kUpdatedObjectsKey], *session, true);
+        describeObjects("delete", n.userInfo[kDeletedObjectsKey], *session, false);
         std::fflush(stdout);
       });
 

@@ -1,9 +1,12 @@
 #include "store_session.h"
 
+#include <algorithm>
+
 #include "corvane/document/volume.h"
 #include "corvane/foundation/application_info.h"
 #include "corvane/foundation/notification_center.h"
 #include "corvane/foundation/run_loop.h"
+#include "corvane/security/digest.h"
 #include "corvane/security/package_encryption.h"
 
 namespace corvane::cli {
@@ -25,6 +28,68 @@ class DocumentVolumeQueries final : public StoreVolumeQueries {
 constexpr double kOpenTimeoutSeconds = 600;
 
 }  // namespace
+
+const DateFormatter& timestampFormatter() {
+  static const DateFormatter formatter(kTimestampDatePattern, DateTimeZone::gmt());
+  return formatter;
+}
+
+std::string referenceOf(const ManagedObject& object) {
+  return object.entity().name() + "/" + storeUID(object.objectID());
+}
+
+namespace {
+
+Value dumpValue(const AttributeDescription& attribute, const Value& value) {
+  switch (attribute.attributeType()) {
+    case AttributeType::Decimal:
+      return Value(value.decimalValue().toString());
+    case AttributeType::Date:
+      return Value(timestampFormatter().format(value.dateValue()));
+    case AttributeType::BinaryData:
+      return dict({{"length", Value(static_cast<long long>(value.bytes().size()))},
+                   {"sha256", Value(corvaneSHA256HexDigest(value.bytes()))}});
+    case AttributeType::Boolean:
+      return Value(value.boolValue());
+    case AttributeType::Integer16:
+    case AttributeType::Integer32:
+    case AttributeType::Integer64:
+      return Value(static_cast<long long>(value.longLongValue()));
+    case AttributeType::Double:
+    case AttributeType::Float:
+      return Value::doubleNumber(value.doubleValue());
+    case AttributeType::URI:
+      return value.isURL() ? Value(value.urlAbsoluteString()) : value;
+    default:
+      return value;
+  }
+}
+
+}  // namespace
+
+Value dumpObject(const ManagedObject& object) {
+  Value out = Value::mutableDictionary();
+  out.set(Value("entity"), Value(object.entity().name()));
+  out.set(Value("uid"), Value(storeUID(object.objectID())));
+  for (const AttributeDescription* attribute : object.entity().attributes()) {
+    const Value value = object.value(attribute->name());
+    if (!value.isNil()) out.set(Value(attribute->name()), dumpValue(*attribute, value));
+  }
+  for (const RelationshipDescription* relationship : object.entity().relationships()) {
+    if (!relationship->isToMany()) {
+      if (Retained<ManagedObject> target = object.toOne(relationship->name())) {
+        out.set(Value(relationship->name()), Value(referenceOf(*target)));
+      }
+      continue;
+    }
+    std::vector<std::string> references;
+    for (const auto& member : object.toMany(relationship->name())) references.push_back(referenceOf(*member));
+    if (!relationship->isOrdered()) std::sort(references.begin(), references.end());
+    std::vector<Value> values(references.begin(), references.end());
+    out.set(Value(relationship->name()), Value::array(std::move(values)));
+  }
+  return out;
+}
 
 void addStoreOptions(CLI::App* command, StoreOptions* options, bool withModel) {
   if (withModel) {

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "corvane/foundation/date_format.h"
 #include "corvane/foundation/env.h"
 #include "corvane/graph/object_model.h"
 #include "corvane/store/corvane_managed_object_context.h"
@@ -35,6 +36,15 @@ void addStoreOptions(CLI::App* command, StoreOptions* options, bool withModel);
 // Describes the tool to the library (cache and settings locations, the "version" of sessions)
 // and hands the store the document layer's volume queries. Call once before opening.
 void prepareStoreEnvironment();
+
+// The tool's text form of dates ("2024-05-17T09:41:07.250+0000"), read and written.
+const DateFormatter& timestampFormatter();
+// "Entity/UID" of an object.
+std::string referenceOf(const ManagedObject& object);
+// An object's values as JSON-friendly values: "entity", "uid", each attribute that has a value
+// (dates and decimals as text, binary data as its length and SHA-256) and each relationship as
+// references.
+Value dumpObject(const ManagedObject& object);
 
 // Reads a JSON model file; nullptr and a one-line message naming the file otherwise.
 std::shared_ptr<ObjectModel> loadModel(const std::string& path, std::string* error);
