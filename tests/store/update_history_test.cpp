@@ -17,6 +17,15 @@ class UpdateHistoryTest : public StoreTest {
     for (const Value& change : changes.elements()) names.push_back(change["name"].str());
     return names;
   }
+  // Saves the companies One and then, a minute later, Two; answers the applied change names.
+  std::vector<std::string> saveOneAndTwo(OpenStore& s) {
+    s.context->insertNewObject("Company")->setValue("name", "One");
+    EXPECT_TRUE(save(s));
+    env.advance(60);
+    s.context->insertNewObject("Company")->setValue("name", "Two");
+    EXPECT_TRUE(save(s));
+    return appliedNames(s.store);
+  }
   static std::vector<std::string> companyNames(OpenStore& s) {
     FetchRequest request("Company");
     std::vector<std::string> out;
@@ -30,12 +39,7 @@ class UpdateHistoryTest : public StoreTest {
 
 TEST_F(UpdateHistoryTest, AChangeSortingBeforeAppliedOnesTruncatesTheHistoryAndReappliesFromThere) {
   OpenStore a = open();
-  a.context->insertNewObject("Company")->setValue("name", "One");
-  ASSERT_TRUE(save(a));
-  env.advance(60);
-  a.context->insertNewObject("Company")->setValue("name", "Two");
-  ASSERT_TRUE(save(a));
-  const std::vector<std::string> before = appliedNames(a.store);
+  const std::vector<std::string> before = saveOneAndTwo(a);
   ASSERT_EQ(before.size(), 2u);
 
   // A late device's change is dated between the two.
@@ -56,12 +60,7 @@ TEST_F(UpdateHistoryTest, AChangeSortingBeforeAppliedOnesTruncatesTheHistoryAndR
 // longer count.
 TEST_F(UpdateHistoryTest, ALateChangeStillInTransitLeavesTheHistoryAsItIsUntilItArrives) {
   OpenStore a = open();
-  a.context->insertNewObject("Company")->setValue("name", "One");
-  ASSERT_TRUE(save(a));
-  env.advance(60);
-  a.context->insertNewObject("Company")->setValue("name", "Two");
-  ASSERT_TRUE(save(a));
-  const std::vector<std::string> before = appliedNames(a.store);
+  const std::vector<std::string> before = saveOneAndTwo(a);
   ASSERT_EQ(before.size(), 2u);
 
   const std::string late = before[0].substr(0, 23) + ".FFFFFFFF-FFFF-4FFF-8FFF-FFFFFFFFFFFF.json";
@@ -86,12 +85,7 @@ TEST_F(UpdateHistoryTest, ALateChangeStillInTransitLeavesTheHistoryAsItIsUntilIt
 
 TEST_F(UpdateHistoryTest, AFolderLackingTheNewestAppliedChangesKeepsTheLongerHistory) {
   OpenStore a = open();
-  a.context->insertNewObject("Company")->setValue("name", "One");
-  ASSERT_TRUE(save(a));
-  env.advance(60);
-  a.context->insertNewObject("Company")->setValue("name", "Two");
-  ASSERT_TRUE(save(a));
-  const std::vector<std::string> before = appliedNames(a.store);
+  const std::vector<std::string> before = saveOneAndTwo(a);
   ASSERT_EQ(before.size(), 2u);
   // The sync service has not brought the newest change file back yet.
   ASSERT_TRUE(env.moveItem(package + "/Changes/" + before[1], dir / "away.json", nullptr));
