@@ -420,19 +420,11 @@ void CorvaneStore::setObjectIDForReferenceString(std::string_view reference, con
 void CorvaneStore::preventFromSaving() { blockSaves_ = true; }
 
 void CorvaneStore::showAlert(const std::string& message, const std::string& informativeText) {
-  if (environment_->showAlert) {
-    environment_->showAlert(message, informativeText);
-  } else {
-    logLine(informativeText.empty() ? message : message + ": " + informativeText, LogLevel::Warning);
-  }
+  environment_->interactionOrDefault()->runAlert(Alert{message, informativeText, {}});
 }
 
 void CorvaneStore::revealInFileViewer(const std::string& path) {
-  if (environment_->revealInFileViewer) {
-    environment_->revealInFileViewer(path);
-  } else {
-    logLine("Show in file viewer: " + path);
-  }
+  environment_->interactionOrDefault()->revealInFileViewer(path);
 }
 
 void CorvaneStore::presentError(const Error& error) {

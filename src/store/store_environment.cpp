@@ -46,6 +46,10 @@ std::shared_ptr<StoreVolumeQueries> defaultStoreVolumeQueries() {
   return d.queries;
 }
 
+std::shared_ptr<Interaction> StoreEnvironment::interactionOrDefault() const {
+  return interaction ? interaction : defaultInteraction();
+}
+
 StoreEnvironment* StoreEnvironment::fromOptions(const Value& options) {
   if (!options.isDictionary()) return nullptr;
   return dynamic_cast<StoreEnvironment*>(options["CorvaneStoreEnvironment"].objectPointer());

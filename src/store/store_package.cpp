@@ -64,9 +64,9 @@ bool CorvaneStore::isCorrectFormat(const std::string& path, Env* env, const Stor
     if (!volumes->isOnDisk(env, pathJoin(path, "Info.plist"))) {
       const std::string message = "The files of this document are not on this computer";
       const std::string informative = path + " is stored online only. Download it first and try again.";
-      if (environment != nullptr && environment->showAlert) {
-        environment->showAlert(message, informative);
-      }
+      std::shared_ptr<Interaction> interaction =
+          environment != nullptr ? environment->interactionOrDefault() : defaultInteraction();
+      interaction->runAlert(Alert{message, informative, {}});
     }
     return false;
   }

@@ -128,11 +128,9 @@ TEST_F(PackageTest, RecognitionNeedsAllThreeEntriesAndTheFrameworkKey) {
 
   // An Info.plist that is an online-only placeholder: the user is told.
   writeTextFile(package + "/Info.plist", "");
-  std::vector<std::string> alerts;
-  environment_->showAlert = [&](const std::string& m, const std::string&) { alerts.push_back(m); };
   volumes->remote.insert(package + "/Info.plist");
   EXPECT_FALSE(CorvaneStore::isCorrectFormat(package, &env, environment_));
-  EXPECT_EQ(alerts.size(), 1u);
+  EXPECT_EQ(interaction->alerts, std::vector<std::string>{"The files of this document are not on this computer"});
 }
 
 TEST_F(PackageTest, FileExtensionComesFromTheDocumentTypes) {

@@ -83,6 +83,19 @@ class TestEnv : public ManualClockEnv {
   }
 };
 
+// What the store showed the user.
+class RecordingInteraction final : public Interaction {
+ public:
+  size_t runAlert(const Alert& alert) override {
+    alerts.push_back(alert.message);
+    return 0;
+  }
+  void revealInFileViewer(const std::string& path) override { reveals.push_back(path); }
+  void openFile(const std::string& path) override { opened.push_back(path); }
+  std::optional<std::string> askPassword(const std::string&) override { return std::nullopt; }
+  std::vector<std::string> alerts, reveals, opened;
+};
+
 // An open store with its coordinator and a main-queue context.
 struct OpenStore {
   std::shared_ptr<CorvanePersistentStoreCoordinator> coordinator;
@@ -105,6 +118,7 @@ class StoreTest : public ::testing::Test {
     environment_->defaults = std::make_shared<UserDefaults>(&env, dir / "defaults.plist");
     environment_->volumes = volumes;
     environment_->encryptionRounds = 1000;
+    environment_->interaction = interaction;
     readyObserver_ = NotificationCenter::defaultCenter().addObserver(kCorvaneReadyNotification, nullptr,
                                                                      [this](const Notification&) { ++readyCount_; });
   }
@@ -216,6 +230,7 @@ class StoreTest : public ::testing::Test {
   TestEnv env;
   ScopedRunLoopEnv clock_{RunLoop::main(), &env};
   std::shared_ptr<FakeVolumes> volumes = std::make_shared<FakeVolumes>();
+  std::shared_ptr<RecordingInteraction> interaction = std::make_shared<RecordingInteraction>();
   std::string package = dir / "Doc.corvane";
   std::string cacheRoot = dir / "caches";
   Value environmentValue_ = Value::object(new StoreEnvironment());

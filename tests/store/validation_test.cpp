@@ -265,6 +265,8 @@ TEST_F(ValidationTest, IncompleteChangeFileStopsThePassUnlessRecovering) {
   EXPECT_EQ(entry->menu, (std::vector<StoreMenuItem>{{"Ignore", kStoreMenuActionDiscardChange, c2},
                                                      {"Show in Finder", kStoreMenuActionShowInFinder, c2}}));
   EXPECT_EQ(s.store->cache()->changes().count(), 1u);
+  s.store->performMenuItem(entry->menu[1]);
+  EXPECT_EQ(interaction->reveals, std::vector<std::string>{c2});
   close(s);
   // Recovering goes past it: it counts as applied, with nothing in it.
   OpenStore r = open(dict({{kCorvaneRecoverOption, true}}));

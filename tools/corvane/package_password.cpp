@@ -50,7 +50,8 @@ std::optional<std::string> passwordFromFile(const std::string& path, std::string
   return line;
 }
 
-// Asks on the controlling terminal with echo off; nullopt when there is no terminal.
+}  // namespace
+
 std::optional<std::string> passwordFromTerminal(const std::string& prompt) {
   int fd = ::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY);
   if (fd < 0) return std::nullopt;
@@ -70,8 +71,6 @@ std::optional<std::string> passwordFromTerminal(const std::string& prompt) {
   if (!ok) return std::nullopt;
   return line;
 }
-
-}  // namespace
 
 void addPasswordOptions(CLI::App* command, PasswordOptions* options) {
   command->add_option("--password-file", options->passwordFile,

@@ -26,6 +26,9 @@ struct PasswordOptions {
   std::string passwordFile;  // empty: not given
 };
 
+// Asks on the controlling terminal with echo off; nullopt when there is no terminal.
+std::optional<std::string> passwordFromTerminal(const std::string& prompt);
+
 // Adds --password-file to a subcommand.
 void addPasswordOptions(CLI::App* command, PasswordOptions* options);
 

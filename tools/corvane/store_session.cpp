@@ -1,9 +1,11 @@
 #include "store_session.h"
 
 #include <algorithm>
+#include <cstdio>
 
 #include "corvane/document/volume.h"
 #include "corvane/foundation/application_info.h"
+#include "corvane/foundation/interaction.h"
 #include "corvane/foundation/notification_center.h"
 #include "corvane/foundation/run_loop.h"
 #include "corvane/security/digest.h"
@@ -21,6 +23,22 @@ class DocumentVolumeQueries final : public StoreVolumeQueries {
   }
   bool isLocalURL(Env* env, const std::string& path) override { return CorvaneIsLocalURL(env, path); }
   Value volumeInformation(Env* env, const std::string& path) override { return CorvaneVolumeInformation(env, path); }
+};
+
+// The store's alerts and "Show in Finder" on the terminal: a tool has no window to show them in,
+// so it names them, on standard error, where its other messages go.
+class TerminalInteraction final : public Interaction {
+ public:
+  size_t runAlert(const Alert& alert) override {
+    std::fprintf(stderr, "corvane: %s%s%s\n", alert.message.c_str(), alert.informativeText.empty() ? "" : ": ",
+                 alert.informativeText.c_str());
+    return 0;
+  }
+  void revealInFileViewer(const std::string& path) override { std::fprintf(stderr, "corvane: see %s\n", path.c_str()); }
+  void openFile(const std::string& path) override { std::fprintf(stderr, "corvane: open %s\n", path.c_str()); }
+  std::optional<std::string> askPassword(const std::string& message) override {
+    return passwordFromTerminal(message + ": ");
+  }
 };
 
 // An update pass that takes longer than this is not waited for (it goes on; the command works
@@ -116,6 +134,7 @@ void prepareStoreEnvironment() {
   tool.shortVersion = kFrameworkShortVersion;
   ApplicationInfo::setCurrent(tool);
   setDefaultStoreVolumeQueries(std::make_shared<DocumentVolumeQueries>());
+  setDefaultInteraction(std::make_shared<TerminalInteraction>());
   CorvaneStore::registerStoreType();
 }
 

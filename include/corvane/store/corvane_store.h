@@ -282,7 +282,7 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   // Runs a repair chosen from a log entry's menu.
   void performMenuItem(const StoreMenuItem& item);
   // The menu's actions by name: write a recovery change in place of the missing change file,
-  // move the change file aside, reveal the file (through the environment's revealInFileViewer).
+  // move the change file aside, reveal the file (through the environment's Interaction).
   void insertChangeFromMenu(const StoreMenuItem& item) { insertChange(item.path); }
   void discardChangeFromMenu(const StoreMenuItem& item) { discardChange(item.path); }
   void showInFinder(const StoreMenuItem& item) { revealInFileViewer(item.path); }

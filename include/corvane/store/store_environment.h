@@ -1,7 +1,7 @@
 // What a CorvaneStore needs from its surroundings besides its option values: the Env that
 // reaches the operating system, the run loop it treats as the main thread, the volume
-// queries, the user defaults, and the host's hooks for alerts, revealing files, error records
-// and document notification.
+// queries, the user defaults, the Interaction that shows alerts and reveals files, and the
+// host's hooks for error records and document notification.
 //
 // A host passes one StoreEnvironment under the store option kCorvaneStoreEnvironmentOption
 // (an object value); a store opened without one uses the process defaults. Tests use it to put
@@ -23,6 +23,7 @@
 
 #include "corvane/foundation/bytes.h"
 #include "corvane/foundation/env.h"
+#include "corvane/foundation/interaction.h"
 #include "corvane/foundation/value.h"
 #include "corvane/security/sea_crypto.h"
 
@@ -62,10 +63,10 @@ class StoreEnvironment final : public Object {
   // The key-derivation rounds written into new encrypted packages (tests use a small count).
   int64_t encryptionRounds = SeaCrypto::kDefaultRounds;
 
-  // A modal alert (message and informative text, untranslated). Unset: logged to the console.
-  std::function<void(const std::string& message, const std::string& informative)> showAlert;
-  // Shows a file or folder in the desktop's file viewer. Unset: logged to the console.
-  std::function<void(const std::string& path)> revealInFileViewer;
+  // Alerts (message and informative text, untranslated) and "Show in Finder". nullptr:
+  // defaultInteraction().
+  std::shared_ptr<Interaction> interaction;
+  std::shared_ptr<Interaction> interactionOrDefault() const;
   // Receives every error record's text ("<store URL> <description>") and domain, on the thread
   // that logged it.
   std::function<void(const std::string& text, const std::string& domain)> errorDelegate;

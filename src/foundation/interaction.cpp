@@ -1,0 +1,51 @@
+#include "corvane/foundation/interaction.h"
+
+#include <mutex>
+
+#include "corvane/foundation/log.h"
+
+namespace corvane {
+
+Interaction::~Interaction() = default;
+
+size_t HeadlessInteraction::runAlert(const Alert& alert) {
+  logLine(alert.informativeText.empty() ? alert.message : alert.message + ": " + alert.informativeText,
+          LogLevel::Warning);
+  return 0;
+}
+
+void HeadlessInteraction::revealInFileViewer(const std::string& path) { logLine("Show in file viewer: " + path); }
+
+void HeadlessInteraction::openFile(const std::string& path) { logLine("Open: " + path); }
+
+std::optional<std::string> HeadlessInteraction::askPassword(const std::string& message) {
+  logLine("Password needed, nobody to ask: " + message, LogLevel::Warning);
+  return std::nullopt;
+}
+
+namespace {
+
+std::mutex& defaultMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+std::shared_ptr<Interaction>& defaultSlot() {
+  // Never destroyed: a store may still show something while the process exits.
+  static auto* interaction = new std::shared_ptr<Interaction>(std::make_shared<HeadlessInteraction>());
+  return *interaction;
+}
+
+}  // namespace
+
+void setDefaultInteraction(std::shared_ptr<Interaction> interaction) {
+  std::lock_guard<std::mutex> lock(defaultMutex());
+  defaultSlot() = interaction ? std::move(interaction) : std::make_shared<HeadlessInteraction>();
+}
+
+std::shared_ptr<Interaction> defaultInteraction() {
+  std::lock_guard<std::mutex> lock(defaultMutex());
+  return defaultSlot();
+}
+
+}  // namespace corvane
