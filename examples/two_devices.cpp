@@ -153,7 +153,8 @@ class Device {
         [&] {
           text.clear();
           bool complete = true;
-          for (const auto& [entity, digest] : store_->contentChecksum().entries()) {
+          const Value checksums = store_->contentChecksum();
+          for (const auto& [entity, digest] : checksums.entries()) {
             complete = complete && digest.str() != "incomplete";
             text += (text.empty() ? "" : ", ") + entity.str() + " " + digest.str();
           }

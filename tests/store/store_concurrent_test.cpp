@@ -1,5 +1,9 @@
 // Saves from a private-queue context while the main thread fetches and the cache fills itself in
-// the background: every save arrives, and every change file's previous change exists.
+// the background: every save arrives, and every change file's previous change exists. Saves
+// while passes re-apply the history behind late changes: the history ends in folder order.
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -58,6 +62,43 @@ TEST_F(StoreConcurrentTest, SavesOnAPrivateQueueWhileTheMainThreadFetches) {
   OpenStore second = open();
   EXPECT_EQ(second.context->count(everyone), std::optional<size_t>(kSaves * 5));
   close(second);
+}
+
+TEST_F(StoreConcurrentTest, SavesWhilePassesReapplyTheHistoryBehindLateChanges) {
+  OpenStore s = open();
+  s.context->insertNewObject("Person")->setValue("name", "First");
+  ASSERT_TRUE(save(s));
+  const std::string first = s.store->cache()->changes().at(0)["name"].str();
+  env.advance(60);
+  auto writer = CorvaneManagedObjectContext::create(ConcurrencyType::PrivateQueue);
+  writer->setPersistentStoreCoordinator(s.coordinator);
+  std::atomic<bool> done{false};
+  constexpr int kSaves = 10;
+  writer->perform([&] {
+    for (int i = 0; i < kSaves; ++i) {
+      writer->insertNewObject("Person")->setValue("name", "P" + std::to_string(i));
+      writer->save();
+    }
+    done = true;
+  });
+  // Late changes from another device, each dated just after the first save.
+  for (int i = 0; !done.load() || i < 3; ++i) {
+    const std::string late = first.substr(0, 23) + fmt::format(".{:08X}-0000-4000-8000-000000000000.json", i);
+    ASSERT_TRUE(s.store->writeFakeChangeToURL(package + "/Changes/" + late, Value()));
+    update(s.store);
+  }
+  s.store->waitForSaves();
+  update(s.store);
+  std::vector<std::string> files = list(package + "/Changes");
+  std::sort(files.begin(), files.end());
+  std::vector<std::string> applied;
+  const Value changes = s.store->cache()->changes();
+  for (const Value& change : changes.elements()) applied.push_back(change["name"].str());
+  EXPECT_EQ(applied, files);
+  FetchRequest everyone("Person");
+  EXPECT_EQ(s.context->count(everyone), std::optional<size_t>(kSaves + 1));
+  writer.reset();
+  close(s);
 }
 
 }  // namespace
