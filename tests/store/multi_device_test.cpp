@@ -174,6 +174,8 @@ struct KnobCase {
   SyncKnobs knobs;
 };
 
+void PrintTo(const KnobCase& knob, std::ostream* out) { *out << knob.name; }
+
 std::vector<KnobCase> knobCases() {
   std::vector<KnobCase> cases;
   auto add = [&](const char* name, auto set) {
