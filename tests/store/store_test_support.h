@@ -23,41 +23,16 @@
 #include "corvane/store/corvane_managed_object_context.h"
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
+#include "support/test_models.h"
 #include "support/printers.h"
 #include "support/temp_dir.h"
 
 namespace corvane::testing {
 
-// People with every attribute type, friends (to-many), children (ordered to-many), an employer
-// (to-one); companies; an abstract Thing with a concrete Gadget.
-inline const char* kStoreModelJSON = R"({"entities": [
-  {"name": "Person", "attributes": [
-    {"name": "name", "type": "string"},
-    {"name": "age", "type": "integer32"},
-    {"name": "rank", "type": "integer16"},
-    {"name": "serial", "type": "integer64"},
-    {"name": "balance", "type": "decimal"},
-    {"name": "height", "type": "double"},
-    {"name": "weight", "type": "float"},
-    {"name": "active", "type": "boolean"},
-    {"name": "born", "type": "date"},
-    {"name": "photo", "type": "binary"}],
-   "relationships": [
-    {"name": "friends", "destination": "Person", "inverse": "friendOf", "toMany": true},
-    {"name": "friendOf", "destination": "Person", "inverse": "friends", "toMany": true},
-    {"name": "children", "destination": "Person", "inverse": "parent", "toMany": true, "ordered": true},
-    {"name": "parent", "destination": "Person", "inverse": "children"},
-    {"name": "employer", "destination": "Company", "inverse": "staff"}]},
-  {"name": "Company", "attributes": [{"name": "name", "type": "string"}],
-   "relationships": [{"name": "staff", "destination": "Person", "inverse": "employer", "toMany": true}]},
-  {"name": "Thing", "abstract": true, "attributes": [{"name": "label", "type": "string"}]},
-  {"name": "Gadget", "parent": "Thing"}
-]})";
-
 inline std::shared_ptr<ObjectModel> storeTestModel() {
   static std::shared_ptr<ObjectModel> model = [] {
     Error error;
-    auto m = ObjectModel::fromJSON(kStoreModelJSON, &error);
+    auto m = ObjectModel::fromJSON(kPeopleModelJSON, &error);
     if (!m) ADD_FAILURE() << error.localizedDescription;
     return m;
   }();

@@ -14,6 +14,7 @@
 #include "corvane/foundation/json.h"
 #include "support/printers.h"
 #include "support/temp_dir.h"
+#include "support/test_models.h"
 #include "tools/tool_runner.h"
 
 namespace corvane {
@@ -24,21 +25,7 @@ using testing::readTextFile;
 using testing::TempDir;
 using testing::writeTextFile;
 
-constexpr const char* kModel = R"({"entities": [
-  {"name": "Person", "attributes": [
-    {"name": "name", "type": "string"}, {"name": "age", "type": "integer32"}, {"name": "rank", "type": "integer16"},
-    {"name": "serial", "type": "integer64"}, {"name": "balance", "type": "decimal"}, {"name": "height", "type": "double"},
-    {"name": "weight", "type": "float"}, {"name": "active", "type": "boolean"}, {"name": "born", "type": "date"},
-    {"name": "photo", "type": "binary"}],
-   "relationships": [
-    {"name": "friends", "destination": "Person", "inverse": "friendOf", "toMany": true},
-    {"name": "friendOf", "destination": "Person", "inverse": "friends", "toMany": true},
-    {"name": "children", "destination": "Person", "inverse": "parent", "toMany": true, "ordered": true},
-    {"name": "parent", "destination": "Person", "inverse": "children"},
-    {"name": "employer", "destination": "Company", "inverse": "staff"}]},
-  {"name": "Company", "attributes": [{"name": "name", "type": "string"}],
-   "relationships": [{"name": "staff", "destination": "Person", "inverse": "employer", "toMany": true}]}
-]})";
+const char* const kModel = testing::kPeopleModelJSON;
 
 using RunResult = testing::ToolRun;
 
