@@ -419,12 +419,24 @@ void CorvaneStore::setObjectIDForReferenceString(std::string_view reference, con
 
 void CorvaneStore::preventFromSaving() { blockSaves_ = true; }
 
+// The user is reached from the main run loop only, as Interaction promises its implementers.
 void CorvaneStore::showAlert(const std::string& message, const std::string& informativeText) {
-  environment_->interactionOrDefault()->runAlert(Alert{message, informativeText, {}});
+  std::shared_ptr<Interaction> interaction = environment_->interactionOrDefault();
+  Alert alert{message, informativeText, {}};
+  if (mainLoop_->isMainThread()) {
+    interaction->runAlert(alert);
+  } else {
+    onMain([interaction, alert] { interaction->runAlert(alert); });
+  }
 }
 
 void CorvaneStore::revealInFileViewer(const std::string& path) {
-  environment_->interactionOrDefault()->revealInFileViewer(path);
+  std::shared_ptr<Interaction> interaction = environment_->interactionOrDefault();
+  if (mainLoop_->isMainThread()) {
+    interaction->revealInFileViewer(path);
+  } else {
+    onMain([interaction, path] { interaction->revealInFileViewer(path); });
+  }
 }
 
 void CorvaneStore::presentError(const Error& error) {

@@ -4,6 +4,7 @@
 #include "corvane/cache/cache.h"
 #include "corvane/foundation/application_info.h"
 #include "corvane/foundation/plist.h"
+#include "corvane/foundation/run_loop.h"
 #include "corvane/foundation/serial_queue.h"
 #include "corvane/foundation/user_defaults.h"
 #include "corvane/graph/predicate.h"
@@ -66,7 +67,13 @@ bool CorvaneStore::isCorrectFormat(const std::string& path, Env* env, const Stor
       const std::string informative = path + " is stored online only. Download it first and try again.";
       std::shared_ptr<Interaction> interaction =
           environment != nullptr ? environment->interactionOrDefault() : defaultInteraction();
-      interaction->runAlert(Alert{message, informative, {}});
+      RunLoop& main = environment != nullptr && environment->mainLoop != nullptr ? *environment->mainLoop : RunLoop::main();
+      Alert alert{message, informative, {}};
+      if (main.isMainThread()) {
+        interaction->runAlert(alert);
+      } else {
+        main.post([interaction, alert] { interaction->runAlert(alert); });
+      }
     }
     return false;
   }
