@@ -21,9 +21,15 @@ SyncKnobs everything() {
   return knobs;
 }
 
+uint64_t fromEnvironment(const char* name, uint64_t fallback) {
+  const char* text = std::getenv(name);
+  return text != nullptr ? std::strtoull(text, nullptr, 10) : fallback;
+}
+
 // Seeds 1000 to 1099 by default, so that a failure here fails again on the next run; another
 // hundred with CORVANE_SEED=<first> CORVANE_SEEDS=100, one seed alone with CORVANE_SEED=<seed>.
 // A seed replays the same run: the test drives every save, delivery and pass on a fake clock.
+// CORVANE_DEVICES and CORVANE_ROUNDS make longer runs with more devices.
 TEST(MultiDeviceSeeds, HundredSeedsLoseNoSave) {
   uint64_t first = 1000, count = 100;
   if (const char* one = std::getenv("CORVANE_SEED")) first = std::strtoull(one, nullptr, 10), count = 1;
@@ -37,8 +43,8 @@ TEST(MultiDeviceSeeds, HundredSeedsLoseNoSave) {
         RandomRun run;
         run.seed = seed;
         run.knobs = everything();
-        run.devices = 3;
-        run.rounds = 40;
+        run.devices = static_cast<int>(fromEnvironment("CORVANE_DEVICES", 3));
+        run.rounds = static_cast<int>(fromEnvironment("CORVANE_ROUNDS", 40));
         // Every fourth seed, the last device's clock runs an hour behind.
         if (seed % 4 == 3) run.clockBehind = 3600;
         runRandom(run);
