@@ -460,7 +460,7 @@ size_t Value::count() const noexcept {
   }
 }
 
-const std::vector<Value>& Value::elements() const noexcept {
+const std::vector<Value>& Value::elements() const& noexcept {
   return isCollection() ? nodeOf<ElementsNode>(*this)->items : kNoElements;
 }
 
@@ -488,7 +488,7 @@ bool Value::contains(const Value& v) const {
   }
 }
 
-const std::vector<std::pair<Value, Value>>& Value::entries() const noexcept {
+const std::vector<std::pair<Value, Value>>& Value::entries() const& noexcept {
   return kind_ == ValueKind::Dictionary ? nodeOf<DictionaryNode>(*this)->entries : kNoEntries;
 }
 

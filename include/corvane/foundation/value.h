@@ -259,13 +259,16 @@ class Value {
   // ---- Containers (arrays, sets, ordered sets, dictionaries) -------------------------------
   size_t count() const noexcept;  // elements, entries, index-set members or string bytes
   bool empty() const noexcept { return count() == 0; }
-  // Elements of an array, set or ordered set in order; empty for other kinds.
-  const std::vector<Value>& elements() const noexcept;
+  // Elements of an array, set or ordered set in order; empty for other kinds. Not on a
+  // temporary: `for (x : f().elements())` would walk a vector that died with the temporary.
+  const std::vector<Value>& elements() const& noexcept;
+  const std::vector<Value>& elements() const&& = delete;
   const Value& at(size_t i) const;  // element i, nil when out of range
   bool contains(const Value& v) const;  // member of an array/set/ordered set, key of a dictionary
 
-  // Dictionary entries in insertion order.
-  const std::vector<std::pair<Value, Value>>& entries() const noexcept;
+  // Dictionary entries in insertion order (not on a temporary, as elements()).
+  const std::vector<std::pair<Value, Value>>& entries() const& noexcept;
+  const std::vector<std::pair<Value, Value>>& entries() const&& = delete;
   std::vector<Value> keys() const;
   // The value for a key, nil when absent or when this is not a dictionary.
   const Value& get(const Value& key) const;
