@@ -291,6 +291,14 @@ size_t RunLoop::discardPendingWork() {
   return posted.size() + timers.size();  // destroyed here, outside the lock
 }
 
+void RunLoop::perform(Task task) {
+  if (isMainThread()) {
+    task();
+  } else {
+    post(std::move(task));
+  }
+}
+
 bool RunLoop::isMainThread() const { return impl_->owner.load() == std::this_thread::get_id(); }
 
 bool RunLoop::hasPendingWork() const {

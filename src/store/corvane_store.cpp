@@ -421,22 +421,14 @@ void CorvaneStore::preventFromSaving() { blockSaves_ = true; }
 
 // The user is reached from the main run loop only, as Interaction promises its implementers.
 void CorvaneStore::showAlert(const std::string& message, const std::string& informativeText) {
-  std::shared_ptr<Interaction> interaction = environment_->interactionOrDefault();
-  Alert alert{message, informativeText, {}};
-  if (mainLoop_->isMainThread()) {
+  mainLoop_->perform([interaction = environment_->interactionOrDefault(), alert = Alert{message, informativeText, {}}] {
     interaction->runAlert(alert);
-  } else {
-    onMain([interaction, alert] { interaction->runAlert(alert); });
-  }
+  });
 }
 
 void CorvaneStore::revealInFileViewer(const std::string& path) {
-  std::shared_ptr<Interaction> interaction = environment_->interactionOrDefault();
-  if (mainLoop_->isMainThread()) {
-    interaction->revealInFileViewer(path);
-  } else {
-    onMain([interaction, path] { interaction->revealInFileViewer(path); });
-  }
+  mainLoop_->perform(
+      [interaction = environment_->interactionOrDefault(), path] { interaction->revealInFileViewer(path); });
 }
 
 void CorvaneStore::presentError(const Error& error) {

@@ -68,12 +68,7 @@ bool CorvaneStore::isCorrectFormat(const std::string& path, Env* env, const Stor
       std::shared_ptr<Interaction> interaction =
           environment != nullptr ? environment->interactionOrDefault() : defaultInteraction();
       RunLoop& main = environment != nullptr && environment->mainLoop != nullptr ? *environment->mainLoop : RunLoop::main();
-      Alert alert{message, informative, {}};
-      if (main.isMainThread()) {
-        interaction->runAlert(alert);
-      } else {
-        main.post([interaction, alert] { interaction->runAlert(alert); });
-      }
+      main.perform([interaction, alert = Alert{message, informative, {}}] { interaction->runAlert(alert); });
     }
     return false;
   }

@@ -20,33 +20,9 @@
 #include "corvane/security/sea_crypto.h"
 #include "support/printers.h"
 #include "support/temp_dir.h"
+#include "support/test_models.h"
 
 namespace corvane::testing {
-
-// People with friends (to-many), children (ordered to-many), an employer (to-one) and a photo
-// (binary); companies; an abstract Thing with a concrete Gadget.
-inline const char* kCacheModelJSON = R"({"entities": [
-  {"name": "Person", "attributes": [
-    {"name": "name", "type": "string"},
-    {"name": "nickname", "type": "string", "default": "Anon"},
-    {"name": "age", "type": "integer32"},
-    {"name": "balance", "type": "decimal"},
-    {"name": "height", "type": "double"},
-    {"name": "active", "type": "boolean"},
-    {"name": "born", "type": "date"},
-    {"name": "photo", "type": "binary"},
-    {"name": "homepage", "type": "uri"}],
-   "relationships": [
-    {"name": "friends", "destination": "Person", "inverse": "friendOf", "toMany": true},
-    {"name": "friendOf", "destination": "Person", "inverse": "friends", "toMany": true},
-    {"name": "children", "destination": "Person", "inverse": "parent", "toMany": true, "ordered": true},
-    {"name": "parent", "destination": "Person", "inverse": "children"},
-    {"name": "employer", "destination": "Company", "inverse": "staff"}]},
-  {"name": "Company", "attributes": [{"name": "name", "type": "string"}],
-   "relationships": [{"name": "staff", "destination": "Person", "inverse": "employer", "toMany": true}]},
-  {"name": "Thing", "abstract": true, "attributes": [{"name": "label", "type": "string"}]},
-  {"name": "Gadget", "parent": "Thing"}
-]})";
 
 inline std::shared_ptr<ObjectModel> cacheTestModel() {
   static std::shared_ptr<ObjectModel> model = [] {

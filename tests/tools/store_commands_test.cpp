@@ -25,7 +25,7 @@ using testing::readTextFile;
 using testing::TempDir;
 using testing::writeTextFile;
 
-const char* const kModel = testing::kPeopleModelJSON;
+const std::string& kModel = testing::kPeopleModelJSON;
 
 using RunResult = testing::ToolRun;
 

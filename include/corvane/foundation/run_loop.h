@@ -65,6 +65,8 @@ class RunLoop {
 
   void post(Task task);
   Token postAfter(double delaySeconds, Task task);
+  // Runs the task at once when called on the loop's thread, else posts it.
+  void perform(Task task);
 
   // Runs the posted work and the timers that are due, then returns the number of tasks run.
   // Work posted while the pass runs waits for the next pass.
