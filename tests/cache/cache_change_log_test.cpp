@@ -12,13 +12,9 @@ using testing::kUID0;
 using testing::kUID1;
 using testing::objectEntry;
 
-Value entry(const Value& value) { return dict({{"value", value}}); }
+using testing::entry;
 
-class ChangeLogTest : public ::testing::Test {
- protected:
-  CacheHarness h;
-  std::shared_ptr<CorvaneCache> cache = h.boundCache();
-};
+using ChangeLogTest = testing::BoundCacheTest;
 
 TEST_F(ChangeLogTest, LocalChangesMaintainTheUIDTablesAndNames) {
   cache->addChange(changeRecord("c1", {{"insert", {{"Person", {kUID0, kUID1}}, {"Company", {"C"}}}}}), false);

@@ -20,7 +20,7 @@ using testing::kUID0;
 using testing::kUID1;
 using testing::objectEntry;
 
-Value entry(const Value& value) { return dict({{"value", value}}); }
+using testing::entry;
 
 CorvaneCacheItemPtr itemNamed(FakeStore& store, const std::string& name) {
   auto item = CorvaneCacheItem::create();

@@ -17,7 +17,7 @@ using testing::kUID1;
 
 const EntityDescription& person() { return *cacheTestModel()->entity("Person"); }
 
-Value entry(const Value& value) { return dict({{"value", value}}); }
+using testing::entry;
 Value refs(std::initializer_list<Value> items) { return arr(items); }
 
 class CacheItemTest : public ::testing::Test {

@@ -18,15 +18,13 @@ using testing::kUID0;
 using testing::kUID1;
 using testing::objectEntry;
 
-Value entry(const Value& value) { return dict({{"value", value}}); }
+using testing::entry;
 
 // A UID whose first character is `c`.
 std::string uidStartingWith(char c) { return std::string(1, c) + "A1B2C3D-0000-4000-8000-00000000000" + c; }
 
-class CachePersistenceTest : public ::testing::Test {
+class CachePersistenceTest : public testing::BoundCacheTest {
  protected:
-  CacheHarness h;
-  std::shared_ptr<CorvaneCache> cache = h.boundCache();
 
   void put(const std::string& uid, const std::string& name) {
     cache->updateCacheForObjectID(h.store.idFor("Person", uid), objectEntry(dict({{"name", entry(Value(name))}})), "");

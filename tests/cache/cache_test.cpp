@@ -14,7 +14,7 @@ using testing::kUID0;
 using testing::kUID1;
 using testing::objectEntry;
 
-Value entry(const Value& value) { return dict({{"value", value}}); }
+using testing::entry;
 
 // The host's identifier names the cache root; set one for the test and restore it after.
 class HostIdentifier {

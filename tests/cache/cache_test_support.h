@@ -204,6 +204,9 @@ class CountingEnv : public EnvWrapper {
   std::vector<std::string> written_;
 };
 
+// One property's entry of an object file's payload: {"value": value}.
+inline Value entry(const Value& value) { return dict({{"value", value}}); }
+
 // An entry of an object file: {"payload": ..., "version": ...}.
 inline Value objectEntry(const Value& payload, const Value& version = Value("1")) {
   return dict({{"payload", payload}, {"version", version}});
@@ -251,6 +254,13 @@ struct CacheHarness {
     cache->setStoreURL(package);
     return cache;
   }
+};
+
+// A harness with its cache bound to the fake store.
+class BoundCacheTest : public ::testing::Test {
+ protected:
+  CacheHarness h;
+  std::shared_ptr<CorvaneCache> cache = h.boundCache();
 };
 
 }  // namespace corvane::testing
