@@ -19,49 +19,94 @@ struct Comparison {
   std::string reference;
 };
 
-// Prints as usual and remembers each run's counter (e.g. "bytes_per_second").
-class RatioReporter : public benchmark::ConsoleReporter {
+// Prints as usual and keeps every finished run, so that a table comparing them can be printed
+// once all have run (printTable()).
+class KeepingReporter : public benchmark::ConsoleReporter {
  public:
-  explicit RatioReporter(std::string counter) : counter_(std::move(counter)) {}
-
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      auto it = run.counters.find(counter_);
-      if (it != run.counters.end()) rates_[run.benchmark_name()] = it->second.value;
+      if (keeps(run)) kept_[keyOf(run)] = run;
     }
   }
+  virtual void printTable() const = 0;
 
+ protected:
+  // Timing runs that did not fail, by benchmark name ("BM_X/iterations:5").
+  virtual bool keeps(const Run& run) const { return run.run_type == Run::RT_Iteration && !run.error_occurred; }
+  virtual std::string keyOf(const Run& run) const { return run.benchmark_name(); }
+
+  const Run* find(const std::string& key) const {
+    auto it = kept_.find(key);
+    return it != kept_.end() ? &it->second : nullptr;
+  }
+  // The first kept run whose name starts so.
+  const Run* findPrefix(const std::string& prefix) const {
+    for (const auto& [name, run] : kept_) {
+      if (name.rfind(prefix, 0) == 0) return &run;
+    }
+    return nullptr;
+  }
+  static double counter(const Run& run, const char* name) {
+    auto it = run.counters.find(name);
+    return it != run.counters.end() ? it->second.value : 0.0;
+  }
+
+  std::map<std::string, Run> kept_;
+};
+
+// The whole main() of a benchmark whose reporter prints a table at the end.
+inline int runReporting(int argc, char** argv, KeepingReporter& reporter) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  reporter.printTable();
+  benchmark::Shutdown();
+  return 0;
+}
+
+// Compares one counter (e.g. "bytes_per_second") of each measurement with its reference's.
+class RatioReporter final : public KeepingReporter {
+ public:
   // `scale` divides the rates for display (1e6 for MB/s), `unit` heads their columns.
-  void printRatios(const std::string& title, const std::vector<Comparison>& comparisons, double scale,
-                   const char* unit) const {
-    std::printf("\n%s\n%-28s %16s %16s %7s\n", title.c_str(), "measurement", ("ours " + std::string(unit)).c_str(),
-                ("reference " + std::string(unit)).c_str(), "ratio");
-    for (const Comparison& c : comparisons) {
-      auto ours = rates_.find(c.ours);
-      auto theirs = rates_.find(c.reference);
-      if (ours == rates_.end() || theirs == rates_.end() || theirs->second == 0) continue;
-      std::printf("%-28s %16.2f %16.2f %7.3f\n", c.label.c_str(), ours->second / scale, theirs->second / scale,
-                  ours->second / theirs->second);
+  RatioReporter(std::string title, std::string counter, std::vector<Comparison> comparisons, double scale,
+                const char* unit)
+      : title_(std::move(title)),
+        counter_(std::move(counter)),
+        comparisons_(std::move(comparisons)),
+        scale_(scale),
+        unit_(unit) {}
+
+  void printTable() const override {
+    std::printf("\n%s\n%-28s %16s %16s %7s\n", title_.c_str(), "measurement", ("ours " + unit_).c_str(),
+                ("reference " + unit_).c_str(), "ratio");
+    for (const Comparison& c : comparisons_) {
+      const Run* ours = find(c.ours);
+      const Run* theirs = find(c.reference);
+      if (ours == nullptr || theirs == nullptr || !ours->counters.contains(counter_) ||
+          !theirs->counters.contains(counter_)) {
+        continue;
+      }
+      const double a = counter(*ours, counter_.c_str());
+      const double b = counter(*theirs, counter_.c_str());
+      if (b == 0) continue;
+      std::printf("%-28s %16.2f %16.2f %7.3f\n", c.label.c_str(), a / scale_, b / scale_, a / b);
     }
   }
 
  private:
+  std::string title_;
   std::string counter_;
-  std::map<std::string, double> rates_;
+  std::vector<Comparison> comparisons_;
+  double scale_;
+  std::string unit_;
 };
 
-// The whole main() of a benchmark that reports ratios.
+// The whole main() of a benchmark that reports ratios of one counter.
 inline int runWithRatios(int argc, char** argv, const std::string& title, const std::string& counter,
                          const std::vector<Comparison>& comparisons, double scale = 1e6, const char* unit = "MB/s") {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter(counter);
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatios(title, comparisons, scale, unit);
-  benchmark::Shutdown();
-  return 0;
+  RatioReporter reporter(title, counter, comparisons, scale, unit);
+  return runReporting(argc, argv, reporter);
 }
 
 }  // namespace corvane::bench

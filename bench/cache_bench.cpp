@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "corvane/cache/cache.h"
 #include "corvane/cache/cache_store_services.h"
 #include "corvane/coding/fast_coder.h"
@@ -248,42 +249,28 @@ void measureMemory() {
       (referenceAfter - referenceBefore) / 1048576.0, onDisk / 1048576.0);
 }
 
-// Prints as usual, then the ratios of the interleaved benchmark.
-class RatioReporter : public benchmark::ConsoleReporter {
+// The ratios of the interleaved benchmark, which reports them as its counters.
+class CacheReporter final : public corvane::bench::KeepingReporter {
  public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      for (const char* name : {"cache_ms", "fastcoder_ms", "ratio_wall", "ratio_cpu"}) {
-        if (auto it = run.counters.find(name); it != run.counters.end()) counters_[name] = it->second.value;
-      }
+  void printTable() const override {
+    for (const auto& [name, run] : kept_) {
+      if (!run.counters.contains("ratio_cpu")) continue;
+      std::printf(
+          "\nWarm load of %d items in 16 tables: cache %.1f ms, read + FastCoder alone %.1f ms; ratio %.3f by "
+          "wall time, %.3f by CPU time (goal: 1.2 or better)\n",
+          kItems, counter(run, "cache_ms"), counter(run, "fastcoder_ms"), counter(run, "ratio_wall"),
+          counter(run, "ratio_cpu"));
     }
   }
-  void printRatio() const {
-    if (counters_.size() < 4) return;
-    std::printf(
-        "\nWarm load of %d items in 16 tables: cache %.1f ms, read + FastCoder alone %.1f ms; ratio %.3f by "
-        "wall time, %.3f by CPU time (goal: 1.2 or better)\n",
-        kItems, counters_.at("cache_ms"), counters_.at("fastcoder_ms"), counters_.at("ratio_wall"),
-        counters_.at("ratio_cpu"));
-  }
-
- private:
-  std::map<std::string, double> counters_;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   data().prepare();
   measureMemory();
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatio();
+  CacheReporter reporter;
+  const int status = corvane::bench::runReporting(argc, argv, reporter);
   data().removeFiles();
-  benchmark::Shutdown();
-  return 0;
+  return status;
 }

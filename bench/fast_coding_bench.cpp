@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "corvane/coding/coding.h"
 #include "corvane/coding/fast_coder.h"
 
@@ -368,39 +369,22 @@ BENCHMARK(BM_FastCodingDecode)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MsgpackDecode)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MsgpackUnpackOnly)->Unit(benchmark::kMillisecond);
 
-class RatioReporter : public benchmark::ConsoleReporter {
+class CodingReporter final : public corvane::bench::KeepingReporter {
  public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.error_occurred) continue;
-      // With --benchmark_repetitions the median stands for the benchmark.
-      bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-      if (run.run_type != Run::RT_Iteration && !median) continue;
-      Result& r = results_[run.run_name.function_name];
-      // CPU time: the machine this runs on is often shared, and wall time then measures the others.
-      r.seconds = run.GetAdjustedCPUTime() / 1e3;  // milliseconds to seconds
-      auto get = [&](const char* name) {
-        auto it = run.counters.find(name);
-        return it != run.counters.end() ? it->second.value : 0.0;
-      };
-      r.mbPerSecond = get("bytes_per_second") / 1e6;
-      r.peakMB = get("peak_heap_MB");
-    }
-  }
-
-  void printRatios() const {
+  void printTable() const override {
     std::printf("\nCache-shaped graph of %d items; ratio = msgpack time / FastCoding time (goal: decode >= 1.0, "
                 "encode >= 0.8)\n",
                 kItems);
     std::printf("%-8s %16s %16s %14s %14s %7s\n", "", "FastCoding MB/s", "msgpack MB/s", "Fast peak MB",
                 "msgpack peak MB", "ratio");
     auto row = [&](const char* label, const char* ours, const char* theirs) {
-      auto a = results_.find(ours);
-      auto b = results_.find(theirs);
-      if (a == results_.end() || b == results_.end()) return;
-      std::printf("%-8s %16.1f %16.1f %14.1f %14.1f %7.3f\n", label, a->second.mbPerSecond, b->second.mbPerSecond,
-                  a->second.peakMB, b->second.peakMB, b->second.seconds / a->second.seconds);
+      const Run* a = find(ours);
+      const Run* b = find(theirs);
+      if (a == nullptr || b == nullptr) return;
+      // CPU time: the machine this runs on is often shared, and wall time then measures the others.
+      std::printf("%-8s %16.1f %16.1f %14.1f %14.1f %7.3f\n", label, counter(*a, "bytes_per_second") / 1e6,
+                  counter(*b, "bytes_per_second") / 1e6, counter(*a, "peak_heap_MB"), counter(*b, "peak_heap_MB"),
+                  b->GetAdjustedCPUTime() / a->GetAdjustedCPUTime());
     };
     row("encode", "BM_FastCodingEncode", "BM_MsgpackEncode");
     row("decode", "BM_FastCodingDecode", "BM_MsgpackDecode");
@@ -411,21 +395,18 @@ class RatioReporter : public benchmark::ConsoleReporter {
     std::printf("process peak RSS: %.1f MB\n", static_cast<double>(usage.ru_maxrss) / 1e3);
   }
 
- private:
-  struct Result {
-    double seconds = 0, mbPerSecond = 0, peakMB = 0;
-  };
-  std::map<std::string, Result> results_;
+ protected:
+  // With --benchmark_repetitions the median stands for the benchmark.
+  bool keeps(const Run& run) const override {
+    if (run.error_occurred) return false;
+    return run.run_type == Run::RT_Iteration || (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median");
+  }
+  std::string keyOf(const Run& run) const override { return run.run_name.function_name; }
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatios();
-  benchmark::Shutdown();
-  return 0;
+  CodingReporter reporter;
+  return corvane::bench::runReporting(argc, argv, reporter);
 }

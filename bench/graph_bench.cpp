@@ -13,6 +13,7 @@
 #include <map>
 #include <string>
 
+#include "bench_support.h"
 #include "corvane/graph/in_memory_store.h"
 #include "corvane/graph/managed_object_context.h"
 #include "corvane/graph/object_model.h"
@@ -159,54 +160,30 @@ BENCHMARK(BM_SQLiteInsert)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_GraphFetch)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_SQLiteFetch)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Prints as usual and remembers each run's time for the ratio table.
-class RatioReporter : public benchmark::ConsoleReporter {
+// The ratio table of real and CPU times.
+class GraphReporter final : public corvane::bench::KeepingReporter {
  public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      times_[run.benchmark_name()] = {run.GetAdjustedRealTime(), run.GetAdjustedCPUTime()};
-    }
-  }
-
   // Real time and the CPU time of the benchmark thread; on a busy machine the CPU times
   // are the steadier comparison.
-  void printRatios() const {
+  void printTable() const override {
     std::printf("\nObject graph time / SQLite time (goal: 2.0 or less)\n");
     std::printf("%-8s %14s %14s %11s %14s %14s %10s\n", "work", "graph real ms", "SQLite real ms", "real ratio",
                 "graph CPU ms", "SQLite CPU ms", "CPU ratio");
     for (const char* work : {"Insert", "Fetch"}) {
-      const Times* ours = find(std::string("BM_Graph") + work);
-      const Times* theirs = find(std::string("BM_SQLite") + work);
+      const Run* ours = findPrefix(std::string("BM_Graph") + work);
+      const Run* theirs = findPrefix(std::string("BM_SQLite") + work);
       if (ours == nullptr || theirs == nullptr) continue;
-      std::printf("%-8s %14.2f %14.2f %11.2f %14.2f %14.2f %10.2f\n", work, ours->real, theirs->real,
-                  ours->real / theirs->real, ours->cpu, theirs->cpu, ours->cpu / theirs->cpu);
+      const double ourReal = ours->GetAdjustedRealTime(), theirReal = theirs->GetAdjustedRealTime();
+      const double ourCPU = ours->GetAdjustedCPUTime(), theirCPU = theirs->GetAdjustedCPUTime();
+      std::printf("%-8s %14.2f %14.2f %11.2f %14.2f %14.2f %10.2f\n", work, ourReal, theirReal, ourReal / theirReal,
+                  ourCPU, theirCPU, ourCPU / theirCPU);
     }
   }
-
- private:
-  struct Times {
-    double real;
-    double cpu;
-  };
-  const Times* find(const std::string& prefix) const {
-    for (const auto& [name, times] : times_) {
-      if (name.rfind(prefix, 0) == 0) return &times;
-    }
-    return nullptr;
-  }
-  std::map<std::string, Times> times_;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatios();
-  benchmark::Shutdown();
-  return 0;
+  GraphReporter reporter;
+  return corvane::bench::runReporting(argc, argv, reporter);
 }

@@ -29,6 +29,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "corvane/foundation/env.h"
 #include "corvane/foundation/json.h"
 #include "corvane/cache/cache.h"
@@ -336,7 +337,11 @@ std::vector<std::string> writeHistory(const std::string& package, int changes, i
       std::ofstream(object) << R"({"version":"1","type":"insert","payload":{"title":{"value":"Item )" << n
                             << R"("},"count":{"value":")" << n << R"("},"grp":{"value":")" << n % 100 << R"("}}})";
       files.push_back(object);
-      records += (o == 0 ? "" : ",") + std::string("\"") + uid + "\":{}";
+      // Appended piece by piece: GCC 12 warns falsely (-Wrestrict) about the one-expression form.
+      if (o != 0) records += ',';
+      records += '"';
+      records += uid;
+      records += "\":{}";
     }
     std::ofstream(package + "/Changes/" + name)
         << R"({"name":")" << name << R"(","date":"2024-05-17T09:41:07.250+0000","changes":{"insert":{"Item":{)"
@@ -468,18 +473,10 @@ BENCHMARK(BM_Store_OpenWarmCache)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(BM_Store_Fetch1Percent)->Unit(benchmark::kMillisecond)->Iterations(20);
 BENCHMARK(BM_SQLite_Fetch1Percent)->Unit(benchmark::kMillisecond)->Iterations(20);
 
-// Remembers each benchmark's real time per iteration, then prints the ratios.
-class TimeRatioReporter : public benchmark::ConsoleReporter {
+// The ratios of real time per iteration.
+class TimeRatioReporter final : public corvane::bench::KeepingReporter {
  public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
-        seconds_[run.benchmark_name()] = run.real_accumulated_time / static_cast<double>(run.iterations);
-      }
-    }
-  }
-  void printRatios() const {
+  void printTable() const override {
     struct Row {
       const char* label;
       const char* ours;
@@ -500,30 +497,24 @@ class TimeRatioReporter : public benchmark::ConsoleReporter {
         {"fetch 1% / SQLite", "BM_Store_Fetch1Percent/iterations:20", "BM_SQLite_Fetch1Percent/iterations:20", "<= 2"},
     };
     std::printf("\n%-26s %12s %12s %8s %8s\n", "time ratio", "ours ms", "ref ms", "ratio", "goal");
+    auto seconds = [](const Run& run) { return run.real_accumulated_time / static_cast<double>(run.iterations); };
     for (const Row& row : rows) {
-      auto ours = seconds_.find(row.ours);
-      auto ref = seconds_.find(row.reference);
-      if (ours == seconds_.end() || ref == seconds_.end() || ref->second == 0) continue;
-      std::printf("%-26s %12.3f %12.3f %8.3f %8s\n", row.label, ours->second * 1e3, ref->second * 1e3,
-                  ours->second / ref->second, row.goal);
+      const Run* ours = find(row.ours);
+      const Run* ref = find(row.reference);
+      if (ours == nullptr || ref == nullptr || seconds(*ref) == 0) continue;
+      std::printf("%-26s %12.3f %12.3f %8.3f %8s\n", row.label, seconds(*ours) * 1e3, seconds(*ref) * 1e3,
+                  seconds(*ours) / seconds(*ref), row.goal);
     }
   }
-
- private:
-  std::map<std::string, double> seconds_;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   CorvaneStore::registerStoreType();
   TimeRatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatios();
-  benchmark::Shutdown();
+  const int status = corvane::bench::runReporting(argc, argv, reporter);
   std::error_code ignored;
   fs::remove_all(root(), ignored);
-  return 0;
+  return status;
 }
