@@ -21,19 +21,21 @@ constexpr const char* kTableCharacters = "0123456789ABCDEF";
 
 // ---- Saving --------------------------------------------------------------------------------
 
+std::vector<std::shared_ptr<CorvaneCacheCollection>> CorvaneCache::collectionsToSave(
+    std::shared_ptr<CorvaneCacheArray>* log) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  std::vector<std::shared_ptr<CorvaneCacheCollection>> tables;
+  for (const auto& entry : entities_) tables.push_back(entry.second);
+  for (const auto& entry : uids_) tables.push_back(entry.second);
+  *log = changeLog_;
+  return tables;
+}
+
 void CorvaneCache::save() {
   const std::string folder = URL();
   if (!folder.empty()) store_->env()->createDirectory(folder, true, nullptr);
-  std::vector<std::shared_ptr<CorvaneCacheCollection>> tables;
   std::shared_ptr<CorvaneCacheArray> log;
-  {
-    // The lock is held for the snapshot only; each file is written under its own lock, so
-    // objects of other tables can be read and changed meanwhile.
-    std::lock_guard<std::recursive_mutex> lock(mutex_);
-    for (const auto& entry : entities_) tables.push_back(entry.second);
-    for (const auto& entry : uids_) tables.push_back(entry.second);
-    log = changeLog_;
-  }
+  const std::vector<std::shared_ptr<CorvaneCacheCollection>> tables = collectionsToSave(&log);
   // Package copies queued by saveInBundle() finish first, so both never write at once.
   saveQueue_.waitUntilAllOperationsAreFinished();
   for (const auto& table : tables) table->saveIfNeeded();
@@ -43,14 +45,8 @@ void CorvaneCache::save() {
 
 void CorvaneCache::saveInBundle() {
   store_->env()->createDirectory(store_->cacheURL(), true, nullptr);
-  std::vector<std::shared_ptr<CorvaneCacheCollection>> tables;
   std::shared_ptr<CorvaneCacheArray> log;
-  {
-    std::lock_guard<std::recursive_mutex> lock(mutex_);
-    for (const auto& entry : entities_) tables.push_back(entry.second);
-    for (const auto& entry : uids_) tables.push_back(entry.second);
-    log = changeLog_;
-  }
+  const std::vector<std::shared_ptr<CorvaneCacheCollection>> tables = collectionsToSave(&log);
   for (const auto& table : tables) {
     saveQueue_.addOperationWithBlock([table] { table->saveInBundle(); });
   }

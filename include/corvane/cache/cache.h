@@ -216,6 +216,9 @@ class CorvaneCache : public std::enable_shared_from_this<CorvaneCache> {
   virtual std::shared_ptr<CorvaneCacheArray> newChangeLogCollection();
 
  private:
+  // The tables and the change log as they stand, taken under the cache's lock; each file is
+  // then written under its own lock, so objects of other tables can be read and changed.
+  std::vector<std::shared_ptr<CorvaneCacheCollection>> collectionsToSave(std::shared_ptr<CorvaneCacheArray>* log);
   struct Progress;
   struct ChangesObservers;
   friend class CorvaneIndexOperation;
