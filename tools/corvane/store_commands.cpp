@@ -224,6 +224,16 @@ struct ObjectCommandOptions {
 
 int openFailed(const std::string& error) { return fail(error); }
 
+// A value the user typed that does not fit: a usage error when the assignment itself is
+// malformed, else a failure.
+int failed(const ParseFailure& failure) {
+  if (failure.usage) {
+    std::cerr << "corvane: " << failure.message << "\n";
+    return kExitUsage;
+  }
+  return fail(failure.message);
+}
+
 int runCreate(const StoreOptions& options, const std::string& identifier, bool encrypted) {
   std::string error;
   std::optional<std::string> password;
@@ -251,11 +261,7 @@ int runInsert(const ObjectCommandOptions& options) {
   if (entity->isAbstract()) return fail(options.entity + " is abstract: insert one of its sub-entities");
   Retained<ManagedObject> object = session->context().insertNewObject(entity);
   if (auto failure = applyAssignments(*session, *object, options.assignments, options.nulls)) {
-    if (failure->usage) {
-      std::cerr << "corvane: " << failure->message << "\n";
-      return kExitUsage;
-    }
-    return fail(failure->message);
+    return failed(*failure);
   }
   if (!session->save(&error)) return fail(error);
   const std::string uid = storeUID(object->objectID());
@@ -277,11 +283,7 @@ int runUpdateOrDelete(const ObjectCommandOptions& options, bool deleting) {
   if (deleting) {
     session->context().deleteObject(object.get());
   } else if (auto failure = applyAssignments(*session, *object, options.assignments, options.nulls)) {
-    if (failure->usage) {
-      std::cerr << "corvane: " << failure->message << "\n";
-      return kExitUsage;
-    }
-    return fail(failure->message);
+    return failed(*failure);
   }
   if (!session->save(&error)) return fail(error);
   session->close();
