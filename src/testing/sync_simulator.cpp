@@ -205,7 +205,8 @@ bool SyncSimulator::apply(const Step& step) {
     ok = env_->fileExists(to) && env_->removeItem(to, nullptr);
     seen_[step.target].erase(step.destination);
   } else {
-    env_->createDirectory(pathDeletingLastComponent(to), true, nullptr);
+    // A folder that cannot be made lets the write below fail, which the step reports.
+    (void)env_->createDirectory(pathDeletingLastComponent(to), true, nullptr);
     if (step.kind == StepKind::Placeholder) {
       what = "placeholder";
       ok = writePlaceholder(to, step.bytes);

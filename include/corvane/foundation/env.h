@@ -61,34 +61,42 @@ class Env {
   static Env* defaultEnv();
 
   // ---- Files ------------------------------------------------------------------------------
-  virtual bool readFile(const std::string& path, Bytes* out, Error* error) = 0;
-  // Writes a temporary file in the same folder, flushes it to disk, renames it over `path`
-  // and flushes the folder. A failure leaves any previous file at `path` untouched.
-  virtual bool writeFileAtomically(const std::string& path, ByteView data, Error* error) = 0;
+  // What each write promises when it returns true: the change is durable, so that a crash or
+  // a power cut right after it keeps it (the data and the folder entries are flushed). A write
+  // that returns false may have left a hidden temporary file behind (see below) but never a
+  // partial file under the name asked for. Callers must check every result: a save reported
+  // as done has to be on disk.
+  [[nodiscard]] virtual bool readFile(const std::string& path, Bytes* out, Error* error) = 0;
+  // Writes a temporary file ".<name>.<12 hex digits>.tmp" in the same folder, flushes it to
+  // disk, renames it over `path` and flushes the folder. A failure leaves any previous file at
+  // `path` untouched; a crash in between may leave the hidden temporary file, which readers
+  // skip as they skip every hidden name.
+  [[nodiscard]] virtual bool writeFileAtomically(const std::string& path, ByteView data, Error* error) = 0;
   virtual bool fileExists(const std::string& path, bool* isDirectory = nullptr) = 0;
   // Attributes of the path itself (a symbolic link is not followed); nullopt when missing.
   virtual std::optional<FileAttributes> attributes(const std::string& path) = 0;
   // Names of the entries of a folder (not paths), sorted by byte order. Names starting with
   // "." are skipped when skipHidden is true. Fails for a missing folder or a plain file.
-  virtual bool listDirectory(const std::string& path, bool skipHidden, std::vector<std::string>* names,
-                             Error* error) = 0;
+  [[nodiscard]] virtual bool listDirectory(const std::string& path, bool skipHidden, std::vector<std::string>* names,
+                                           Error* error) = 0;
   // Creates a folder; with intermediates, its missing parents too, and an existing folder is
-  // then not an error.
-  virtual bool createDirectory(const std::string& path, bool intermediates, Error* error) = 0;
-  // Removes a file, a link or a whole folder tree.
-  virtual bool removeItem(const std::string& path, Error* error) = 0;
+  // then not an error. Each folder made is durable in its parent.
+  [[nodiscard]] virtual bool createDirectory(const std::string& path, bool intermediates, Error* error) = 0;
+  // Removes a file, a link or a whole folder tree. Not flushed: a removal lost in a crash
+  // leaves a file that was meant to go, never loses one that was meant to stay.
+  [[nodiscard]] virtual bool removeItem(const std::string& path, Error* error) = 0;
   // Moves (renames) an item. Fails when something exists at `to`. Crosses file systems by
-  // copying and removing.
-  virtual bool moveItem(const std::string& from, const std::string& to, Error* error) = 0;
-  virtual bool copyItem(const std::string& from, const std::string& to, Error* error) = 0;
+  // copying and removing. Both folders are flushed, so a crash leaves the item at one place.
+  [[nodiscard]] virtual bool moveItem(const std::string& from, const std::string& to, Error* error) = 0;
+  [[nodiscard]] virtual bool copyItem(const std::string& from, const std::string& to, Error* error) = 0;
   // Moves an item to the user's freedesktop.org trash and returns where it went; where no
   // trash is usable, moves it aside in its own folder under a unique name.
-  virtual std::optional<std::string> trashItem(const std::string& path, Error* error) = 0;
+  [[nodiscard]] virtual std::optional<std::string> trashItem(const std::string& path, Error* error) = 0;
 
   // ---- Extended attributes (names in the "user." namespace) ------------------------------
   virtual std::optional<Bytes> extendedAttribute(const std::string& path, const std::string& name) = 0;
-  virtual bool setExtendedAttribute(const std::string& path, const std::string& name, ByteView value,
-                                    Error* error) = 0;
+  [[nodiscard]] virtual bool setExtendedAttribute(const std::string& path, const std::string& name, ByteView value,
+                                                  Error* error) = 0;
   virtual bool removeExtendedAttribute(const std::string& path, const std::string& name) = 0;
 
   // ---- Volumes ------------------------------------------------------------------------------

@@ -35,6 +35,6 @@ bool readPropertyListFile(Env* env, const std::string& path, Value* out, Error* 
                           bool mutableContainers = false);
 
 // Writes `value` as an XML property list, atomically, through `env`.
-bool writePropertyListFile(Env* env, const std::string& path, const Value& value, Error* error = nullptr);
+[[nodiscard]] bool writePropertyListFile(Env* env, const std::string& path, const Value& value, Error* error = nullptr);
 
 }  // namespace corvane
