@@ -103,7 +103,7 @@ std::optional<std::string> CorvaneCache::cacheURLForStoreURL(const std::string& 
   const std::string support = env->dataHome();
   if (support.empty()) return std::nullopt;
   const std::string root = cachesRoot(support);
-  env->createDirectory(root, true, nullptr);
+  if (!env->createDirectory(root, true, nullptr)) return std::nullopt;
   const std::string name = cacheFolderName(storeURL);
   const std::string folder = pathJoin(root, name);
   // Caches used to live in the caches folder, which the system may empty; move them over.
@@ -111,12 +111,10 @@ std::optional<std::string> CorvaneCache::cacheURLForStoreURL(const std::string& 
   bool isDirectory = false;
   if (!cacheHome.empty() && env->fileExists(cacheHome, &isDirectory) && isDirectory) {
     const std::string old = pathJoin(cachesRoot(cacheHome), name);
-    if (env->fileExists(old) && !env->fileExists(folder)) {
-      env->createDirectory(root, true, nullptr);
-      env->moveItem(old, folder, nullptr);
-    }
+    // A cache that cannot be moved is left behind: a new one is filled from the package.
+    if (env->fileExists(old) && !env->fileExists(folder)) (void)env->moveItem(old, folder, nullptr);
   }
-  if (!env->fileExists(folder)) env->createDirectory(folder, true, nullptr);
+  if (!env->fileExists(folder) && !env->createDirectory(folder, true, nullptr)) return std::nullopt;
   return folder;
 }
 
@@ -134,18 +132,20 @@ bool CorvaneCache::checkWritePermissionsForStoreURL(const std::string& storeURL,
 
 void CorvaneCache::resetCacheForURL(const std::string& storeURL, Env* env) {
   const std::string name = cacheFolderName(storeURL);
+  // A reset that cannot remove a cache leaves it to the write probe, which fails again and
+  // goes on to resetAllCaches(); nothing of a document lives only in its cache.
   if (std::string support = env->dataHome(); !support.empty()) {
-    env->removeItem(pathJoin(cachesRoot(support), name), nullptr);
+    (void)env->removeItem(pathJoin(cachesRoot(support), name), nullptr);
   }
   // The old location too, or the next lookup would move the stale copy back in.
   if (std::string caches = env->cacheHome(); !caches.empty()) {
-    env->removeItem(pathJoin(cachesRoot(caches), name), nullptr);
+    (void)env->removeItem(pathJoin(cachesRoot(caches), name), nullptr);
   }
 }
 
 void CorvaneCache::resetAllCaches(Env* env) {
-  if (std::string support = env->dataHome(); !support.empty()) env->removeItem(cachesRoot(support), nullptr);
-  if (std::string caches = env->cacheHome(); !caches.empty()) env->removeItem(cachesRoot(caches), nullptr);
+  if (std::string support = env->dataHome(); !support.empty()) (void)env->removeItem(cachesRoot(support), nullptr);
+  if (std::string caches = env->cacheHome(); !caches.empty()) (void)env->removeItem(cachesRoot(caches), nullptr);
 }
 
 std::string CorvaneCache::defaultCacheFolderParent() const { return cachesRoot(store_->env()->dataHome()); }
@@ -162,7 +162,10 @@ void CorvaneCache::setStoreURL(const std::string& storeURL) {
   if (std::optional<std::string> root = store_->cacheRootURL()) {
     // A host that chose the place is trusted with it: no probe, no migration.
     folder = pathJoin(*root, cacheFolderName(storeURL));
-    if (!env->fileExists(folder)) env->createDirectory(folder, true, nullptr);
+    Error error;
+    if (!env->fileExists(folder) && !env->createDirectory(folder, true, &error)) {
+      store_->logError(error, "CorvaneCache");  // the cache then lives in memory only
+    }
   } else {
     if (!checkWritePermissionsForStoreURL(storeURL, env)) {
       resetCacheForURL(storeURL, env);
@@ -346,7 +349,10 @@ void CorvaneCache::resetExtraDataForObjectID(const ObjectID& objectID) {
 
 void CorvaneCache::reset() {
   const std::string folder = URL();
-  if (!folder.empty()) store_->env()->removeItem(folder, nullptr);
+  Error error;
+  if (!folder.empty() && store_->env()->fileExists(folder) && !store_->env()->removeItem(folder, &error)) {
+    store_->logError(error, "CorvaneCache");
+  }
   {
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     ++generation_;

@@ -83,9 +83,9 @@ std::optional<Bytes> CorvaneCacheCollection::encodedContent() {
   return store_->encrypt(*bytes);
 }
 
-void CorvaneCacheCollection::saveIfNeeded() {
+bool CorvaneCacheCollection::saveIfNeeded() {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
-  if (!invalid_ || url_.empty()) return;  // a cache without a folder keeps its changes in memory
+  if (!invalid_ || url_.empty()) return true;  // a cache without a folder keeps its changes in memory
   Env* env = store_->env();
   std::optional<Bytes> bytes;
   try {
@@ -93,12 +93,22 @@ void CorvaneCacheCollection::saveIfNeeded() {
   } catch (const Exception&) {
     bytes.reset();  // a value the writer cannot encode: treated as a failed write
   }
-  if (bytes && env->writeFileAtomically(filePath(), *bytes, nullptr)) {
+  Error error;
+  if (bytes && env->writeFileAtomically(filePath(), *bytes, &error)) {
     invalid_ = false;
-  } else {
-    // Never leave a stale file behind that a later run would read as current.
-    env->removeItem(filePath(), nullptr);
+    return true;
   }
+  if (!error.empty()) store_->logError(error, "CorvaneCacheCollection");
+  // Never leave a stale file behind that a later run would read as current.
+  return !env->fileExists(filePath()) || env->removeItem(filePath(), nullptr);
+}
+
+bool CorvaneCacheCollection::removeSavedFile() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  invalid_ = true;
+  if (url_.empty()) return true;
+  Env* env = store_->env();
+  return !env->fileExists(filePath()) || env->removeItem(filePath(), nullptr);
 }
 
 void CorvaneCacheCollection::saveInBundle() {
@@ -112,7 +122,9 @@ void CorvaneCacheCollection::saveInBundle() {
   }
   if (!bytes || url_.empty()) return;
   std::string target = pathJoin(store_->cacheURL(), pathLastComponent(url_)) + ".fast";
-  store_->env()->writeFileAtomically(target, *bytes, nullptr);
+  // The package's copy is a convenience for recovery, not a record: a failure is only logged.
+  Error error;
+  if (!store_->env()->writeFileAtomically(target, *bytes, &error)) store_->logError(error, "CorvaneCacheCollection");
 }
 
 void CorvaneCacheCollection::invalidate() {
@@ -123,7 +135,7 @@ void CorvaneCacheCollection::invalidate() {
 void CorvaneCacheCollection::removeFile() {
   // The path without the extension: the ".fast" file that failed stays, to be overwritten by
   // the next save (the collection is marked dirty right after this).
-  if (!url_.empty()) store_->env()->removeItem(url_, nullptr);
+  if (!url_.empty() && store_->env()->fileExists(url_)) (void)store_->env()->removeItem(url_, nullptr);
 }
 
 void CorvaneCacheCollection::initContent() {

@@ -33,18 +33,34 @@ std::vector<std::shared_ptr<CorvaneCacheCollection>> CorvaneCache::collectionsTo
 
 void CorvaneCache::save() {
   const std::string folder = URL();
-  if (!folder.empty()) store_->env()->createDirectory(folder, true, nullptr);
+  Error error;
+  if (!folder.empty() && !store_->env()->createDirectory(folder, true, &error)) {
+    store_->logError(error, "CorvaneCache");
+  }
   std::shared_ptr<CorvaneCacheArray> log;
   const std::vector<std::shared_ptr<CorvaneCacheCollection>> tables = collectionsToSave(&log);
   // Package copies queued by saveInBundle() finish first, so both never write at once.
   saveQueue_.waitUntilAllOperationsAreFinished();
-  for (const auto& table : tables) table->saveIfNeeded();
-  if (log) log->saveIfNeeded();
+  // Tables before the log: a log older than its tables only makes the next opening apply some
+  // changes again, which leaves the same values. A table older than the log would show old
+  // values as current, so when one could be neither written nor removed the log goes instead,
+  // and the next opening applies the whole history again.
+  bool tablesCurrent = true;
+  for (const auto& table : tables) tablesCurrent = table->saveIfNeeded() && tablesCurrent;
+  if (log && (!tablesCurrent || !log->saveIfNeeded())) {
+    if (!log->removeSavedFile()) {
+      store_->log("The cache could not be saved; remove its folder before the document is opened again.",
+                  kCorvaneLogTypeError);
+    }
+  }
   terminated_ = true;
 }
 
 void CorvaneCache::saveInBundle() {
-  store_->env()->createDirectory(store_->cacheURL(), true, nullptr);
+  if (Error error; !store_->env()->createDirectory(store_->cacheURL(), true, &error)) {
+    store_->logError(error, "CorvaneCache");
+    return;
+  }
   std::shared_ptr<CorvaneCacheArray> log;
   const std::vector<std::shared_ptr<CorvaneCacheCollection>> tables = collectionsToSave(&log);
   for (const auto& table : tables) {

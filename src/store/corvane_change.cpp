@@ -76,8 +76,34 @@ Value CorvaneChange::insertedUIDs() { return dictionary()["inserts"]; }
 Value CorvaneChange::updatedUIDs() { return dictionary()["updates"]; }
 Value CorvaneChange::deletedUIDs() { return dictionary()["deletes"]; }
 
-void CorvaneChange::saveToStore(CorvaneStore& target) {
-  if (changes().empty()) return;
+void CorvaneChange::addObjectWrite(std::shared_ptr<CorvaneSaveOperation> write) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  objectWrites_.push_back(std::move(write));
+}
+
+void CorvaneChange::fail(Error error) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!failure_) failure_ = std::move(error);
+}
+
+bool CorvaneChange::saveToStore(CorvaneStore& target, Error* error) {
+  std::vector<std::shared_ptr<CorvaneSaveOperation>> writes;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    writes = objectWrites_;
+  }
+  // Every object file is durable before the change file that announces it is written: a
+  // device that reads the change file must find every file it names.
+  for (const auto& write : writes) write->waitUntilFinished();
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (failure_) return setError(error, *failure_);
+  }
+  for (const auto& write : writes) {
+    if (!write->succeeded()) return setError(error, write->error());
+  }
+  if (changes().empty()) return true;
+
   const Value last = target.lastCachedChange();
   if (std::optional<double> lastDate = store_internal::dateFromChangeValue(last["date"])) {
     if (date() < *lastDate) {
@@ -89,11 +115,19 @@ void CorvaneChange::saveToStore(CorvaneStore& target) {
   Value content = dictionary();
   if (const Value& previous = last["name"]; previous.isString()) content.set(Value("previousName"), previous);
   const std::string folder = target.changesURL();
-  target.env()->createDirectory(folder, true, nullptr);
+  Error folderError;
+  if (!target.env()->createDirectory(folder, true, &folderError)) return setError(error, folderError);
   auto operation = std::make_shared<CorvaneSaveOperation>(&target, content.copy(), pathJoin(folder, fileName()));
   OperationQueue& queue = target.saveOperationQueue();
   for (const auto& queued : queue.operations()) operation->addDependency(queued);
   queue.addOperation(operation);
+  operation->waitUntilFinished();
+  if (!operation->succeeded()) return setError(error, operation->error());
+
+  // The whole save is on disk: now the cache may record it, items first, then the log.
+  for (const auto& write : writes) write->didWrite();
+  operation->didWrite();
+  return true;
 }
 
 // ---- Save operations ------------------------------------------------------------------------
@@ -107,18 +141,30 @@ void CorvaneSaveOperation::main() {
   if (isValidJSONObject(dictionary_)) {
     // Recovery changes are meant to be read by people too.
     const JsonStyle style = dictionary_["type"] == Value(kChangeTypeRecovery) ? JsonStyle::Pretty : JsonStyle::Compact;
-    if (std::optional<std::string> text = valueToJson(dictionary_, style, &error)) bytes = store_->encrypt(asBytes(*text));
+    if (std::optional<std::string> text = valueToJson(dictionary_, style, &error)) {
+      bytes = store_->encrypt(asBytes(*text));
+      if (!bytes) error = Error(kCorvaneErrorDomain, -1, fmt::format("Could not encrypt {}", pathLastComponent(path_)));
+    }
   }
   if (!bytes && error.empty()) {
     error = Error(kCorvaneErrorDomain, -1, fmt::format("Could not serialize change {}", pathLastComponent(path_)));
   }
   store_->ignoreOwnChange(path_);  // this device's own save starts no update pass
   if (bytes && store_->env()->writeFileAtomically(path_, *bytes, &error)) {
-    didWrite();
+    succeeded_ = true;
     return;
+  }
+  {
+    std::lock_guard<std::mutex> lock(errorMutex_);
+    error_ = error;
   }
   store_->presentError(error);
   store_->logError(error, domain());
+}
+
+Error CorvaneSaveOperation::error() const {
+  std::lock_guard<std::mutex> lock(errorMutex_);
+  return error_;
 }
 
 void CorvaneSaveOperation::didWrite() { store_->cache()->addChange(dictionary_, false); }
@@ -128,6 +174,10 @@ CorvaneManagedObjectSaveOperation::CorvaneManagedObjectSaveOperation(CorvaneStor
     : CorvaneSaveOperation(store, std::move(dictionary), std::move(path)), objectID_(std::move(objectID)) {}
 
 void CorvaneManagedObjectSaveOperation::didWrite() {
+  if (dictionary_["type"] == Value(kChangeTypeDelete)) {
+    store_->cache()->removeObjectID(objectID_);
+    return;
+  }
   try {
     store_->cache()->updateCacheForObjectID(objectID_, dictionary_.copy(), path_);
   } catch (const Exception& e) {
@@ -144,42 +194,42 @@ Value CorvaneStore::lastCachedChange() const {
   return changes.empty() ? Value() : changes.at(changes.count() - 1);
 }
 
-bool CorvaneStore::writeRecoveryChange(const std::string& path, const Value& refreshes) {
+bool CorvaneStore::writeRecoveryChange(const std::string& path, const Value& refreshes, Error* error) {
   Value change = Value::mutableDictionary();
   change.set(Value("name"), Value(pathLastComponent(path)));
   change.set(Value("type"), Value(kChangeTypeRecovery));
   if (refreshes.isDictionary()) change.set(Value("refreshes"), refreshes);
-  std::optional<std::string> text = valueToJson(change, JsonStyle::Pretty);
-  if (!text) return false;
-  std::optional<Bytes> bytes = encrypt(asBytes(*text));
-  if (!bytes) return false;
-  env_->createDirectory(pathDeletingLastComponent(path), true, nullptr);
-  Error error;
-  ignoreOwnChange(path);
-  if (!env_->writeFileAtomically(path, *bytes, &error)) {
-    logError(error, "CorvaneSaveOperation");
-    return false;
+  Error failure;
+  std::optional<std::string> text = valueToJson(change, JsonStyle::Pretty, &failure);
+  std::optional<Bytes> bytes = text ? encrypt(asBytes(*text)) : std::nullopt;
+  if (text && !bytes) failure = Error(kCorvaneErrorDomain, -1, "Could not encrypt " + pathLastComponent(path));
+  if (bytes && env_->createDirectory(pathDeletingLastComponent(path), true, &failure)) {
+    ignoreOwnChange(path);
+    if (env_->writeFileAtomically(path, *bytes, &failure)) return true;
   }
+  logError(failure, "CorvaneSaveOperation");
+  return setError(error, std::move(failure));
+}
+
+bool CorvaneStore::writeFakeChangeToURL(const std::string& path, const Value& refreshes, Error* error) {
+  return writeRecoveryChange(path, refreshes, error);
+}
+
+bool CorvaneStore::insertChange(const std::string& path, Error* error) {
+  if (!writeRecoveryChange(path, Value(), error)) return false;
+  updateChanges();
   return true;
 }
 
-bool CorvaneStore::writeFakeChangeToURL(const std::string& path, const Value& refreshes) {
-  return writeRecoveryChange(path, refreshes);
-}
-
-void CorvaneStore::insertChange(const std::string& path) {
-  writeRecoveryChange(path, Value());
-  updateChanges();
-}
-
-void CorvaneStore::discardChange(const std::string& path) {
+bool CorvaneStore::discardChange(const std::string& path, Error* error) {
   const std::string fileName = pathLastComponent(path);
   const std::string invalid = pathJoin(url(), "InvalidChanges");
-  env_->createDirectory(invalid, true, nullptr);
   const std::string moved = pathJoin(invalid, fileName);
-  env_->removeItem(moved, nullptr);  // an earlier discard of the same name
+  if (!env_->createDirectory(invalid, true, error)) return false;
+  // An earlier discard of the same name is replaced; when it cannot be, the move below says so.
+  if (env_->fileExists(moved)) (void)env_->removeItem(moved, nullptr);
   ignoreOwnChange(path);
-  env_->moveItem(path, moved, nullptr);
+  if (!env_->moveItem(path, moved, error)) return false;
 
   Value discarded;
   if (std::optional<Bytes> bytes = store_internal::readBytes(env_, moved)) {
@@ -190,16 +240,19 @@ void CorvaneStore::discardChange(const std::string& path) {
     }
   }
   // Every device re-reads the objects the discarded change touched...
-  writeRecoveryChange(path, discarded["changes"].isDictionary() ? discarded["changes"] : Value());
+  if (!writeRecoveryChange(path, discarded["changes"].isDictionary() ? discarded["changes"] : Value(), error)) {
+    return false;
+  }
   // ...and finds its applied history different from the folder just before that change, so
   // that it applies everything from there again.
   std::optional<double> date = store_internal::dateFromChangeValue(discarded["date"]);
   if (!date && fileName.size() >= 23) date = dateFormatter_.parse(std::string_view(fileName).substr(0, 23));
   if (date) {
     const std::string earlier = fmt::format("{}.{}.json", dateFormatter_.format(*date - 1.0), env_->newUUIDString());
-    writeRecoveryChange(pathJoin(changesURL(), earlier), Value());
+    if (!writeRecoveryChange(pathJoin(changesURL(), earlier), Value(), error)) return false;
   }
   updateChanges();
+  return true;
 }
 
 void CorvaneStore::removeChange(const Value& change, const Value& objects, bool wasInsert) {
@@ -209,16 +262,19 @@ void CorvaneStore::removeChange(const Value& change, const Value& objects, bool 
     if (folder.empty()) continue;
     for (const Value& uid : uids.elements()) {
       const std::string objectFolder = pathJoin(pathJoin(entitiesURL(), folder), uid.str());
-      env_->removeItem(wasInsert ? objectFolder : pathJoin(objectFolder, name), nullptr);
+      // Offered to the host to take a change back by hand: what cannot be deleted stays,
+      // unannounced once the change file is gone.
+      (void)env_->removeItem(wasInsert ? objectFolder : pathJoin(objectFolder, name), nullptr);
     }
   }
 }
 
 void CorvaneStore::performMenuItem(const StoreMenuItem& item) {
+  // A repair that fails has logged why (and the log shows the entry again at the next pass).
   if (item.action == kStoreMenuActionDiscardChange) {
-    discardChange(item.path);
+    (void)discardChange(item.path);
   } else if (item.action == kStoreMenuActionInsertChange) {
-    insertChange(item.path);
+    (void)insertChange(item.path);
   } else if (item.action == kStoreMenuActionShowInFinder) {
     revealInFileViewer(item.path);
   }

@@ -114,7 +114,7 @@ bool CorvaneStore::loadMetadata(Error* error) {
   if (env_->fileExists(path, &isDirectory) && (!isDirectory || !isCorrectFormat(path, env_, environment_))) {
     return setError(error, storeError(path + " is not a Corvane document"));
   }
-  writeInfo(storeOptions_);
+  if (!writeInfo(storeOptions_, error)) return false;
   const Value info = infoDictionaryForURL(path, env_);
   if (!info.isDictionary()) return setError(error, storeError(infoURL() + " could not be read"));
   if (isEncryptedPackageInfo(info)) {
@@ -136,13 +136,22 @@ bool CorvaneStore::loadMetadata(Error* error) {
   return true;
 }
 
-void CorvaneStore::writeInfo(const Value& options) {
+bool CorvaneStore::writeInfo(const Value& options, Error* error) {
   const std::string& path = url();
-  if (env_->fileExists(path)) return;
-  env_->createDirectory(path, true, nullptr);
+  if (env_->fileExists(path)) return true;
   // A package is recognised by these folders as well, so a new one has them from the start.
-  env_->createDirectory(pathJoin(path, "Changes"), true, nullptr);
-  env_->createDirectory(pathJoin(path, "Entities"), true, nullptr);
+  Error failure;
+  if (!env_->createDirectory(path, true, &failure)) return setError(error, std::move(failure));
+  if (!env_->createDirectory(pathJoin(path, "Changes"), true, &failure) ||
+      !env_->createDirectory(pathJoin(path, "Entities"), true, &failure) || !writeNewInfo(options, &failure)) {
+    // Half a package would be taken for a damaged document at the next try; none is better.
+    (void)env_->removeItem(path, nullptr);
+    return setError(error, std::move(failure));
+  }
+  return true;
+}
+
+bool CorvaneStore::writeNewInfo(const Value& options, Error* error) {
   Value info = Value::mutableDictionary();
   const Value& identifier = options[kCorvaneDocumentIdentifierOption];
   info.set(Value("DocumentIdentifier"), identifier.isString() ? identifier : Value(env_->newUUIDString()));
@@ -162,14 +171,15 @@ void CorvaneStore::writeInfo(const Value& options) {
     if (salt) encryption.set(Value(kEncryptionSaltKey), Value::data(std::move(*salt)));
     encryption.set(Value(kEncryptionRoundsKey), Value(static_cast<long long>(environment_->encryptionRounds)));
     info.set(Value(kEncryptionKey), encryption);
-    writePropertyListFile(env_, infoURL(), info, nullptr);
-    if (std::optional<Bytes> verifier = encrypt(asBytes(*password_))) {
-      encryption.set(Value(kEncryptionVerifierKey), Value::data(std::move(*verifier)));
-    }
+    if (!writePropertyListFile(env_, infoURL(), info, error)) return false;
+    std::optional<Bytes> verifier = encrypt(asBytes(*password_));
+    if (!salt || !verifier) return setError(error, storeError("Could not set up the encryption of " + url()));
+    encryption.set(Value(kEncryptionVerifierKey), Value::data(std::move(*verifier)));
   }
-  writePropertyListFile(env_, infoURL(), info, nullptr);
+  if (!writePropertyListFile(env_, infoURL(), info, error)) return false;
   std::lock_guard<std::mutex> lock(mutex_);
   info_ = Value();
+  return true;
 }
 
 // ---- Identity and URLs ---------------------------------------------------------------------
@@ -187,12 +197,13 @@ Value CorvaneStore::infoDictionary() const {
 
 std::string CorvaneStore::documentIdentifier() const { return infoDictionary()["DocumentIdentifier"].str(); }
 
-void CorvaneStore::setDocumentIdentifier(const std::string& identifier) {
+bool CorvaneStore::setDocumentIdentifier(const std::string& identifier, Error* error) {
   Value info = store_internal::mutableDictionaryCopy(infoDictionaryForURL(url(), env_));
   info.set(Value("DocumentIdentifier"), Value(identifier));
-  writePropertyListFile(env_, infoURL(), info, nullptr);
+  if (!writePropertyListFile(env_, infoURL(), info, error)) return false;
   std::lock_guard<std::mutex> lock(mutex_);
   info_ = info;
+  return true;
 }
 
 std::optional<std::string> CorvaneStore::password() const { return password_; }
@@ -206,7 +217,8 @@ void CorvaneStore::refreshURLs() {
     cacheURL_ = pathJoin(path, "Cache");
     errorsURL_ = pathJoin(path, "Errors");
   }
-  env_->createDirectory(errorsURL(), true, nullptr);
+  // Error records are written into it later; without it they are only logged.
+  (void)env_->createDirectory(errorsURL(), true, nullptr);
   cache_->setStoreURL(path);
   registerURL(path, infoDictionary().copy(), Value(), env_, environment_->defaults, volumes_);
 }
@@ -335,7 +347,9 @@ std::optional<Bytes> CorvaneStore::decrypt(ByteView bytes) {
   return crypto_->decryptData(bytes);
 }
 
-void CorvaneStore::resetCache() { env_->removeItem(cacheURL(), nullptr); }
+bool CorvaneStore::resetCache(Error* error) {
+  return !env_->fileExists(cacheURL()) || env_->removeItem(cacheURL(), error);
+}
 
 // ---- Metadata ------------------------------------------------------------------------------
 

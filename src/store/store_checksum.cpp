@@ -198,7 +198,11 @@ void CorvaneStore::fixSyncConflicts() {
     for (auto it = known.rbegin(); it != known.rend(); ++it) {
       if (entry.compare(0, it->size(), *it) != 0) continue;
       logLine(fmt::format("{} -> {}", entry, *it));
-      corvaneMergeContentsOfPath(env_, pathJoin(root, entry), pathJoin(root, *it), nullptr);
+      // With an error the duplicate stays where it is, partly merged: its files are another
+      // device's saves, and a later repair finishes the move.
+      Error error;
+      corvaneMergeContentsOfPath(env_, pathJoin(root, entry), pathJoin(root, *it), &error);
+      if (!error.empty()) logError(error, "fixSyncConflicts");
       break;
     }
   }

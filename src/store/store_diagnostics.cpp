@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "corvane/cache/cache.h"
+#include "corvane/foundation/log.h"
 #include "corvane/foundation/plist.h"
 #include "corvane/store/corvane_store.h"
 #include "store/store_internal.h"
@@ -34,8 +35,13 @@ void CorvaneStore::writeErrorRecord(const Value& record) {
     stored.set(Value("session"), session);
     if (!isValidPropertyList(stored)) return;
   }
-  env_->createDirectory(folder, true, nullptr);
-  writePropertyListFile(env_, pathJoin(folder, name), stored, nullptr);
+  // A record that cannot be written is still in the log and in errorRecords(); the console
+  // hears of the failure, as a record of it could not be written either.
+  Error error;
+  if (!env_->createDirectory(folder, true, &error) ||
+      !writePropertyListFile(env_, pathJoin(folder, name), stored, &error)) {
+    logLine("Could not write an error record: " + error.description(), LogLevel::Warning);
+  }
 }
 
 Value CorvaneStore::errorsArray() const {

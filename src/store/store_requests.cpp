@@ -156,7 +156,7 @@ std::optional<Value> CorvaneStore::executeRequest(const PersistentStoreRequest& 
         setError(error, blockedSaveError(sessionInfo()));
         return std::nullopt;
       }
-      return executeSaveRequest(static_cast<const SaveChangesRequest&>(request), context);
+      return executeSaveRequest(static_cast<const SaveChangesRequest&>(request), context, error);
     }
   } catch (const Exception& e) {
     setError(error, storeError(e.name() + ": " + e.reason()));

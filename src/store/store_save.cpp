@@ -86,7 +86,8 @@ void saveFromStore(ManagedObject& object, CorvaneStore* fromStore, CorvaneStore&
                          type == kChangeTypeInsert;
   Env* env = toStore.env();
   const std::string folder = URLForStore(object, toStore, fromStore);
-  env->createDirectory(folder, true, nullptr);
+  Error error;
+  if (!env->createDirectory(folder, true, &error)) return change.fail(std::move(error));
   const std::string uid = pathLastComponent(folder);
 
   Value file = Value::mutableDictionary();
@@ -94,9 +95,9 @@ void saveFromStore(ManagedObject& object, CorvaneStore* fromStore, CorvaneStore&
   file.set(Value("type"), Value(type));
   Value record = Value::mutableDictionary();
 
-  if (type == kChangeTypeDelete || object.isDeleted()) {
-    toStore.cache()->removeObjectID(object.objectID());
-  } else {
+  // A deleted object's item leaves the cache once the save is on disk (the object write's
+  // didWrite()); a delete writes no payload.
+  if (type != kChangeTypeDelete && !object.isDeleted()) {
     std::vector<const PropertyDescription*> properties;
     if (allValues) {
       properties = entity.properties();
@@ -127,16 +128,21 @@ void saveFromStore(ManagedObject& object, CorvaneStore* fromStore, CorvaneStore&
         }
         if (attribute.attributeType() == AttributeType::BinaryData && value.isData() && entry["value"].isString()) {
           std::optional<Bytes> stored = toStore.encrypt(value.bytes());
-          if (stored) {
-            const std::string name = entry["value"].str();
-            const Value hash(corvaneSHA256HexDigest(*stored));
-            const Value length(static_cast<long long>(stored->size()));
-            dataEntries.append(dict({{"length", length}, {"hash", hash}, {"name", Value(name)}}));
-            entry.set(Value("length"), length);
-            entry.set(Value("hash"), hash);
-            const std::string dataFolder = pathJoin(folder, "Data");
-            env->createDirectory(dataFolder, true, nullptr);
-            env->writeFileAtomically(pathJoin(dataFolder, name), *stored, nullptr);
+          if (!stored) {
+            return change.fail(Error(kCorvaneErrorDomain, -1,
+                                     fmt::format("Could not encrypt the value of {}.{}", entity.name(), key)));
+          }
+          const std::string name = entry["value"].str();
+          const Value hash(corvaneSHA256HexDigest(*stored));
+          const Value length(static_cast<long long>(stored->size()));
+          dataEntries.append(dict({{"length", length}, {"hash", hash}, {"name", Value(name)}}));
+          entry.set(Value("length"), length);
+          entry.set(Value("hash"), hash);
+          // Written at once, not through the queue; the change file waits for it all the same.
+          const std::string dataFolder = pathJoin(folder, "Data");
+          if (!env->createDirectory(dataFolder, true, &error) ||
+              !env->writeFileAtomically(pathJoin(dataFolder, name), *stored, &error)) {
+            return change.fail(std::move(error));
           }
         }
         payload.set(Value(key), entry);
@@ -176,15 +182,21 @@ void saveFromStore(ManagedObject& object, CorvaneStore* fromStore, CorvaneStore&
     if (!dataEntries.empty()) record.set(Value("data"), dataEntries);
   }
   change.addChange(record, entity.name(), uid, type);
-  toStore.saveOperationQueue().addOperation(std::make_shared<CorvaneManagedObjectSaveOperation>(
-      &toStore, file, pathJoin(folder, change.fileName()), object.objectID()));
+  auto write = std::make_shared<CorvaneManagedObjectSaveOperation>(&toStore, file, pathJoin(folder, change.fileName()),
+                                                                   object.objectID());
+  change.addObjectWrite(write);
+  toStore.saveOperationQueue().addOperation(std::move(write));
 }
 
 // ---- A save request ---------------------------------------------------------------------------
 
-std::optional<Value> CorvaneStore::executeSaveRequest(const SaveChangesRequest& request,
-                                                      ManagedObjectContext* context) {
-  env_->createDirectory(url(), true, nullptr);
+std::optional<Value> CorvaneStore::executeSaveRequest(const SaveChangesRequest& request, ManagedObjectContext* context,
+                                                      Error* error) {
+  Error folderError;
+  if (!env_->createDirectory(url(), true, &folderError)) {
+    setError(error, std::move(folderError));
+    return std::nullopt;
+  }
   std::vector<Retained<ManagedObject>> updated;
   for (const auto& object : request.updatedObjects()) {
     if (!object->changedValues().empty()) updated.push_back(object);
@@ -211,7 +223,9 @@ std::optional<Value> CorvaneStore::executeSaveRequest(const SaveChangesRequest& 
     saveToStore(*object, *this, change, kChangeTypeDelete);
     incrementProgress();
   }
-  change.saveToStore(*this);
+  // Returns once every file of the save is durable, or with the reason one is not; the
+  // context then keeps its changes.
+  if (!change.saveToStore(*this, error)) return std::nullopt;
   return Value::array();
 }
 
@@ -245,8 +259,9 @@ void CorvaneStore::writeAllObjectsInContext(const std::shared_ptr<ManagedObjectC
   child->setParentContext(context);
   cache_->queue().async([this, child, fromStore, options, progress = std::move(progress),
                          completion = std::move(completion)] {
-    env_->createDirectory(url(), true, nullptr);
     CorvaneChange change(fromStore != nullptr ? fromStore : this, env_->now());
+    Error error;
+    if (!env_->createDirectory(url(), true, &error)) change.fail(error);
     child->performAndWait([&] {
       const std::vector<const EntityDescription*> all = child->model()->entities();
       size_t done = 0;
@@ -269,7 +284,8 @@ void CorvaneStore::writeAllObjectsInContext(const std::shared_ptr<ManagedObjectC
         }
       }
     });
-    change.saveToStore(*this);
+    // A copy that could not write every file announces none of them; the log says why.
+    if (!change.saveToStore(*this, &error)) logError(error, "CorvaneSaveOperation");
     waitForSaves();
     if (completion) onMain(completion);
   });

@@ -73,7 +73,7 @@ TEST_F(CacheCollectionTest, ABadFileIsLoggedOnceAndReadsAsEmptyDirtyContent) {
     EXPECT_FALSE(neighbour->corruptionDetected());
 
     table->setValue(Value("new"), Value("N"));
-    table->saveIfNeeded();
+    ASSERT_TRUE(table->saveIfNeeded());
     EXPECT_FALSE(table->invalid());
     auto reread = CorvaneCacheDictionary::dictionaryWithStore(&store, url("Person_0"));
     EXPECT_EQ(reread->content(), dict({{"N", "new"}}));
@@ -104,7 +104,7 @@ TEST_F(CacheCollectionTest, ASetIsWrittenAsAnArrayAndDuplicatesCollapse) {
   uids->removeObjects(arr({"A", "Z"}));
   uids->addObjects(arr({"C"}));
   EXPECT_TRUE(uids->invalid());
-  uids->saveIfNeeded();
+  ASSERT_TRUE(uids->saveIfNeeded());
   // Derived from the format: an immutable array (10) of two strings (8), registered after them.
   // clang-format off
   const Bytes expected = {0x54, 0x53, 0x41, 0x46, 0x03, 0x00, 0x03, 0x00, 0x01, 0x00, 0x00, 0x00,
@@ -119,7 +119,7 @@ TEST_F(CacheCollectionTest, DictionaryChangesMarkDirtyWithoutDisturbingReaders) 
   auto table = CorvaneCacheDictionary::dictionaryWithStore(&h.store, url("Person_0"));
   table->setValue(Value(1), Value("A"));
   table->setValue(Value(2), Value("B"));
-  table->saveIfNeeded();
+  ASSERT_TRUE(table->saveIfNeeded());
   EXPECT_FALSE(table->invalid());
 
   // A reader holding the content goes on seeing what it got.
@@ -146,14 +146,14 @@ TEST_F(CacheCollectionTest, AnArrayRemovesEveryOccurrence) {
 TEST_F(CacheCollectionTest, AFailedSaveRemovesTheFileAndStaysDirty) {
   auto table = CorvaneCacheDictionary::dictionaryWithStore(&h.store, url("Person_0"));
   table->setValue(Value(1), Value("A"));
-  table->saveIfNeeded();
+  ASSERT_TRUE(table->saveIfNeeded());
   table->setValue(Value(2), Value("A"));
   h.env.failWrites = true;
-  table->saveIfNeeded();
+  EXPECT_TRUE(table->saveIfNeeded());  // no stale file: the old one is removed
   EXPECT_TRUE(table->invalid());
   EXPECT_FALSE(h.env.fileExists(url("Person_0") + ".fast"));  // never a stale file
   h.env.failWrites = false;
-  table->saveIfNeeded();
+  ASSERT_TRUE(table->saveIfNeeded());
   EXPECT_FALSE(table->invalid());
   EXPECT_EQ(CorvaneCacheDictionary::dictionaryWithStore(&h.store, url("Person_0"))->content(), dict({{"A", 2}}));
 }

@@ -1,6 +1,7 @@
 // The files a save writes, checked field by field against their formats.
 #include <filesystem>
 
+#include "corvane/coding/fast_coder.h"
 #include "corvane/foundation/plist.h"
 #include "corvane/security/digest.h"
 #include "corvane/security/package_encryption.h"
@@ -161,7 +162,14 @@ TEST_F(ChangeFilesTest, DeletesWriteATypeOnlyObjectFile) {
             dict({{"delete", dict({{"Gadget", dict({{Value(bobUID), dict({})}})}})}}));
   FetchRequest request("Thing");
   EXPECT_EQ(s.context->count(request), std::optional<size_t>(0));
+  // The deleted object's values leave the cache's table on disk too, not only its UID list.
+  const std::string table = s.store->cache()->URL() + "/Gadget_" + bobUID.substr(0, 1) + ".fast";
   close(s);
+  Bytes bytes;
+  ASSERT_TRUE(env.readFile(table, &bytes, nullptr));
+  const Value items = FastCoder::objectWithData(bytes);
+  ASSERT_TRUE(items.isDictionary());
+  EXPECT_FALSE(items.contains(Value(bobUID)));
 }
 
 TEST_F(ChangeFilesTest, ASaveWithoutChangedValuesWritesNothing) {

@@ -120,7 +120,7 @@ TEST_F(PackageTest, RecognitionNeedsAllThreeEntriesAndTheFrameworkKey) {
   env.createDirectory(package + "/Entities", false, nullptr);
   Value i = info().mutableCopy();
   i.remove(Value("Corvane"));
-  writePropertyListFile(&env, package + "/Info.plist", i);
+  ASSERT_TRUE(writePropertyListFile(&env, package + "/Info.plist", i));
   EXPECT_FALSE(CorvaneStore::isCorrectFormat(package, &env));
   Error error;
   EXPECT_FALSE(open(Value(), &error));
@@ -185,7 +185,7 @@ TEST_F(PackageTest, SessionIdentityAndDocumentIdentifier) {
   EXPECT_TRUE(session["userInfo"].isNil());
   s.store->setUserInfo(dict({{"team", "blue"}}));
   EXPECT_EQ(s.store->sessionDictionary()["userInfo"], dict({{"team", "blue"}}));
-  s.store->setDocumentIdentifier("NEW-ID");
+  ASSERT_TRUE(s.store->setDocumentIdentifier("NEW-ID"));
   EXPECT_EQ(CorvaneStore::documentIdentifierForURL(package, &env), "NEW-ID");
   close(s);
   OpenStore second = open();

@@ -354,7 +354,7 @@ TEST_F(ValidationTest, DiscardingAChangeMovesItAsideAndRecordsRecoveryChanges) {
   OpenStore s = open();
   EXPECT_EQ(names(s), (std::vector<std::string>{"Ann", "Bob"}));
   const int before = readyCount_;
-  s.store->discardChange(c2);
+  ASSERT_TRUE(s.store->discardChange(c2));
   waitUntil([&] { return readyCount_ > before; });
   drain();
   EXPECT_EQ(readTextFile(package + "/InvalidChanges/" + h.c2), original);

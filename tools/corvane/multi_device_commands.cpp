@@ -336,20 +336,26 @@ int runRepair(const RepairOptions& options) {
   if (!name.ends_with(".json")) name += ".json";
   const std::string path = store.changesURL() + "/" + name;
   const bool exists = Env::defaultEnv()->fileExists(path);
+  Error repairError;
   if (options.action == "discard") {
     if (!exists) {
       session->close();
       return fail("Changes/" + name + ": no such change file");
     }
-    store.discardChange(path);
+    if (!store.discardChange(path, &repairError)) {
+      session->close();
+      return fail("Changes/" + name + ": " + repairError.localizedDescription);
+    }
   } else {
     if (exists) {
       session->close();
       return fail("Changes/" + name + " exists: a recovery change only takes the place of a missing one");
     }
-    store.insertChange(path);
+    if (!store.insertChange(path, &repairError)) {
+      session->close();
+      return fail("Changes/" + name + ": " + repairError.localizedDescription);
+    }
   }
-  store.waitForSaves();
   RunLoop::main().runUntil([&] { return !store.isUpdating(); }, 60);
   for (int i = 0; i < 5; ++i) RunLoop::main().runOnce();
   std::printf("%s Changes/%s\n", options.action == "discard" ? "discarded" : "inserted a recovery change at",

@@ -237,19 +237,13 @@ std::vector<std::string> StoreSession::problems() const {
 }
 
 bool StoreSession::save(std::string* error) {
+  // The store returns from a save only once its files are on disk, or with the reason they
+  // are not (then nothing of the save is announced to other devices).
   Error saveError;
-  if (!context_->save(&saveError)) {
-    *error = saveError.localizedDescription.empty() ? saveError.description() : saveError.localizedDescription;
-    if (!saveError.recoverySuggestion.empty()) *error += " " + saveError.recoverySuggestion;
-    return false;
-  }
-  store_->waitForSaves();
-  const Value failures = store_->errorRecords();
-  if (!failures.empty()) {
-    *error = "the save could not be written: " + failures.at(0)["description"].str();
-    return false;
-  }
-  return true;
+  if (context_->save(&saveError)) return true;
+  *error = saveError.localizedDescription.empty() ? saveError.description() : saveError.localizedDescription;
+  if (!saveError.recoverySuggestion.empty()) *error += " " + saveError.recoverySuggestion;
+  return false;
 }
 
 void StoreSession::close() {

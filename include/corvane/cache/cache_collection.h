@@ -41,14 +41,19 @@ class CorvaneCacheCollection : public std::enable_shared_from_this<CorvaneCacheC
 
   // Loads the file if nothing is loaded yet; an unreadable or missing file gives empty content.
   void loadIfNeeded();
-  // Writes the file if the content changed since the last load or save.
-  void saveIfNeeded();
+  // Writes the file if the content changed since the last load or save. When the write fails
+  // the old file is removed, so that no later run reads it as current, and the content stays
+  // dirty. False only when that removal failed too: the file on disk is then stale.
+  [[nodiscard]] bool saveIfNeeded();
+  // Removes the collection's file and leaves the content dirty; false when the file stays.
+  [[nodiscard]] bool removeSavedFile();
   // Writes the content (loading it first) into the package's "Cache" folder under the same
   // name, whether or not it changed; a failed write is ignored.
   void saveInBundle();
   // Marks the content as changed.
   void invalidate();
-  // Deletes the item at url() itself, without the extension (errors ignored).
+  // Deletes the item at url() itself, without the extension (nothing there is no error; a
+  // failure to delete is, like every leftover there, harmless: nothing reads that path).
   void removeFile();
   // Installs the empty content of the collection's kind.
   void initContent();

@@ -13,19 +13,26 @@
 // save wrote. The object file <pkg>/Entities/<entity folder>/<UID>/<change name>.json is
 // {"version": StorageVersion, "type": "insert"|"update"|"delete", "payload": {property: record}}.
 //
-// Writes go through the store's save queue: object files side by side, each change file after
-// every operation queued before it, so a change file is never on disk before the object files it
-// lists. Each completed write tells the cache.
+// A save is all or nothing. Data files are written at once, object files side by side on the
+// store's save queue; only when every one of them is durable is the change file written, and
+// only when it is durable too does the cache hear of the save (its items, then its change log).
+// A save that fails anywhere writes no change file, tells the cache nothing and returns the
+// error, so the context keeps its changes for a retry. The files of a failed save that did
+// reach the disk stay where they are: no change file names them, so no device reads them, and
+// a retry writes its files under a new change name.
 //
 // Threads: a change is filled by one thread at a time (the saving context's, or the cache's
 // queue for a whole-graph copy); its accessors lock, so they may be read from any thread.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "corvane/foundation/error.h"
 #include "corvane/foundation/operation_queue.h"
 #include "corvane/foundation/value.h"
 #include "corvane/graph/object_id.h"
@@ -33,6 +40,7 @@
 namespace corvane {
 
 class AttributeDescription;
+class CorvaneSaveOperation;
 class CorvaneStore;
 class ManagedObject;
 class ManagedObjectContext;
@@ -65,10 +73,20 @@ class CorvaneChange {
   Value updatedUIDs();
   Value deletedUIDs();
 
-  // Queues the change file on `target`'s save queue behind everything queued there, after
-  // correcting the date for a clock behind the last cached change and chaining "previousName".
-  // Does nothing for a change without records.
-  void saveToStore(CorvaneStore& target);
+  // Writes of the save's object files (queued on the save queue by saveFromStore()), and the
+  // first failure of anything written for the save outside the queue (a data file, a folder,
+  // a value that could not be encrypted). A change with a failure writes no change file.
+  void addObjectWrite(std::shared_ptr<CorvaneSaveOperation> write);
+  void fail(Error error);
+
+  // Finishes the save on `target`: waits for the object files, then writes the change file
+  // (queued behind everything on the save queue, after correcting the date for a clock behind
+  // the last cached change and chaining "previousName") and waits for it; only then tells the
+  // cache about every file. False with the first failure in `error` when any file is not on
+  // disk: then no change file is written and the cache is untouched. A change without records
+  // writes nothing and succeeds. Blocks the calling thread, which must not be one of the save
+  // queue's operations.
+  [[nodiscard]] bool saveToStore(CorvaneStore& target, Error* error);
 
  private:
   CorvaneStore* store_;
@@ -77,25 +95,36 @@ class CorvaneChange {
   std::string name_;
   Value changes_;     // mutable: type -> entity -> uid -> record
   Value dictionary_;  // nil until built
+  std::vector<std::shared_ptr<CorvaneSaveOperation>> objectWrites_;
+  std::optional<Error> failure_;
 };
 
 // A save queue operation: serialises `dictionary` (compact JSON, or pretty for recovery
-// changes), encrypts it with the store's cipher and writes it atomically to `path`. A change
-// file then goes into the cache's change log; an object file (objectID set) into its item. A
-// failure is shown to the user and logged under the operation's domain; the cache is not told.
+// changes), encrypts it with the store's cipher and writes it atomically to `path`. A failure
+// is shown to the user and logged under the operation's domain. The cache is told nothing until
+// the whole save is on disk: CorvaneChange::saveToStore() then calls didWrite(), which puts a
+// change file into the cache's change log and an object file (objectID set) into its item.
 class CorvaneSaveOperation : public Operation {
  public:
   CorvaneSaveOperation(CorvaneStore* store, Value dictionary, std::string path);
   void main() override;
   const Value& dictionary() const { return dictionary_; }
   const std::string& path() const { return path_; }
+  // Once finished: whether the file is on disk, and why not.
+  bool succeeded() const { return succeeded_.load(); }
+  Error error() const;
+  virtual void didWrite();
 
  protected:
   virtual const char* domain() const { return "CorvaneSaveOperation"; }
-  virtual void didWrite();
   CorvaneStore* store_;
   Value dictionary_;
   std::string path_;
+
+ private:
+  std::atomic<bool> succeeded_{false};
+  mutable std::mutex errorMutex_;
+  Error error_;
 };
 
 class CorvaneManagedObjectSaveOperation final : public CorvaneSaveOperation {
@@ -105,6 +134,7 @@ class CorvaneManagedObjectSaveOperation final : public CorvaneSaveOperation {
 
  private:
   const char* domain() const override { return "CorvaneManagedObjectSaveOperation"; }
+  // An update or insert becomes the object's cached item; a delete removes the item.
   void didWrite() override;
   ObjectID objectID_;
 };

@@ -175,7 +175,7 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   Value infoDictionary() const;
   std::string documentIdentifier() const;
   // Writes the identifier into Info.plist (read afresh) atomically.
-  void setDocumentIdentifier(const std::string& identifier);
+  [[nodiscard]] bool setDocumentIdentifier(const std::string& identifier, Error* error = nullptr);
   std::optional<std::string> password() const;
   bool isEncrypted() const { return password_.has_value(); }
   // Recomputes the package's folder URLs, creates "Errors", rebinds the cache (which runs an
@@ -211,7 +211,7 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   std::optional<Bytes> encrypt(ByteView bytes) override;
   std::optional<Bytes> decrypt(ByteView bytes) override;
   // Deletes <pkg>/Cache.
-  void resetCache();
+  [[nodiscard]] bool resetCache(Error* error = nullptr);
 
   std::vector<const EntityDescription*> entities() override;
   const EntityDescription* entityForName(std::string_view name) override;
@@ -249,7 +249,11 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   Value loadingIssues() const;
 
   // ---- Saving --------------------------------------------------------------------------------
-  std::optional<Value> executeSaveRequest(const SaveChangesRequest& request, ManagedObjectContext* context);
+  // Writes the save's files and returns once all are durable (an empty array), or nullopt with
+  // the first failure in `error`: then no change file announces the save, the cache is
+  // untouched and the context keeps its changes. Called on the saving context's queue.
+  std::optional<Value> executeSaveRequest(const SaveChangesRequest& request, ManagedObjectContext* context,
+                                          Error* error);
   void preventFromSaving() override;
   bool blockSaves() const { return blockSaves_.load(); }
   // Counts one more object handed to the save queue and, when a progress dictionary is set,
@@ -269,13 +273,14 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   Value lastCachedChange() const;
 
   // ---- Repairs of the history ----------------------------------------------------------------
+  // Repairs return once their files are durable, or false with the reason (also logged).
   // Writes a recovery change {"name", "type": "recovery"} at `path` and starts an update.
-  void insertChange(const std::string& path);
+  [[nodiscard]] bool insertChange(const std::string& path, Error* error = nullptr);
   // Moves the change file to <pkg>/InvalidChanges, writes a recovery change refreshing its
   // objects in its place and another one just before it, and starts an update.
-  void discardChange(const std::string& path);
+  [[nodiscard]] bool discardChange(const std::string& path, Error* error = nullptr);
   // Writes a recovery change with the given "refreshes" (left out when nil) at `path`.
-  bool writeFakeChangeToURL(const std::string& path, const Value& refreshes);
+  [[nodiscard]] bool writeFakeChangeToURL(const std::string& path, const Value& refreshes, Error* error = nullptr);
   // Deletes the object files of `change` for the listed objects (entity name -> array of
   // UIDs), or their whole folders when the change inserted them.
   void removeChange(const Value& change, const Value& objects, bool wasInsert);
@@ -283,8 +288,8 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   void performMenuItem(const StoreMenuItem& item);
   // The menu's actions by name: write a recovery change in place of the missing change file,
   // move the change file aside, reveal the file (through the environment's Interaction).
-  void insertChangeFromMenu(const StoreMenuItem& item) { insertChange(item.path); }
-  void discardChangeFromMenu(const StoreMenuItem& item) { discardChange(item.path); }
+  void insertChangeFromMenu(const StoreMenuItem& item) { (void)insertChange(item.path); }
+  void discardChangeFromMenu(const StoreMenuItem& item) { (void)discardChange(item.path); }
   void showInFinder(const StoreMenuItem& item) { revealInFileViewer(item.path); }
 
   // ---- Comparing devices and repairing sync conflicts ---------------------------------------
@@ -401,7 +406,9 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
 
   // Opening.
   void setupEntityKeys();
-  void writeInfo(const Value& options);
+  // Makes the package of a new document (folders and Info.plist); nothing when it exists.
+  bool writeInfo(const Value& options, Error* error);
+  bool writeNewInfo(const Value& options, Error* error);
   bool setupCrypto();
   // Work for the main run loop that is dropped once the store is gone.
   std::function<void()> guarded(std::function<void()> work) const;
@@ -420,7 +427,7 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   void foldReplayedChange(Pass& pass, const Value& change, const Value& content, const Value& parsedObjects);
   // The log on the main run loop.
   void addLogEntry(StoreLogEntry entry, const Value& change);
-  bool writeRecoveryChange(const std::string& path, const Value& refreshes);
+  bool writeRecoveryChange(const std::string& path, const Value& refreshes, Error* error);
   // One error record as a property list in <pkg>/Errors (see errorsArray()).
   void writeErrorRecord(const Value& record);
   void presentError(const Error& error);
