@@ -139,19 +139,13 @@ bool CorvaneStore::loadMetadata(Error* error) {
 bool CorvaneStore::writeInfo(const Value& options, Error* error) {
   const std::string& path = url();
   if (env_->fileExists(path)) return true;
-  // A package is recognised by these folders as well, so a new one has them from the start.
-  Error failure;
-  if (!env_->createDirectory(path, true, &failure)) return setError(error, std::move(failure));
-  if (!env_->createDirectory(pathJoin(path, "Changes"), true, &failure) ||
-      !env_->createDirectory(pathJoin(path, "Entities"), true, &failure) || !writeNewInfo(options, &failure)) {
-    // Half a package would be taken for a damaged document at the next try; none is better.
-    (void)env_->removeItem(path, nullptr);
-    return setError(error, std::move(failure));
-  }
-  return true;
-}
-
-bool CorvaneStore::writeNewInfo(const Value& options, Error* error) {
+  // The package appears whole or not at all: it is made in a hidden folder beside its place and
+  // moved there in one rename. A process killed half way through would otherwise leave a folder
+  // without Info.plist, or an encrypted one without its password's verifier, that no store can
+  // ever open again.
+  const std::string parent = pathDeletingLastComponent(path);
+  const std::string building =
+      pathJoin(parent, fmt::format(".{}.{}.tmp", pathLastComponent(path), env_->newUUIDString()));
   Value info = Value::mutableDictionary();
   const Value& identifier = options[kCorvaneDocumentIdentifierOption];
   info.set(Value("DocumentIdentifier"), identifier.isString() ? identifier : Value(env_->newUUIDString()));
@@ -163,20 +157,23 @@ bool CorvaneStore::writeNewInfo(const Value& options, Error* error) {
   info.set(Value("Application"), bundleDictionary(host.identifier, host.version, host.shortVersion));
   info.set(Value("Corvane"), bundleDictionary(kFrameworkBundleIdentifier, kFrameworkVersion, kFrameworkShortVersion));
   info.set(Value("DateCreation"), Value::date(env_->now()));
+  Error failure;
   if (password_) {
-    // The cipher reads salt and rounds from the file, so they are written before the password's
-    // verifier can be made with it.
-    std::optional<Bytes> salt = SeaCrypto::generateSalt(env_);
-    Value encryption = Value::mutableDictionary();
-    if (salt) encryption.set(Value(kEncryptionSaltKey), Value::data(std::move(*salt)));
-    encryption.set(Value(kEncryptionRoundsKey), Value(static_cast<long long>(environment_->encryptionRounds)));
-    info.set(Value(kEncryptionKey), encryption);
-    if (!writePropertyListFile(env_, infoURL(), info, error)) return false;
-    std::optional<Bytes> verifier = encrypt(asBytes(*password_));
-    if (!salt || !verifier) return setError(error, storeError("Could not set up the encryption of " + url()));
-    encryption.set(Value(kEncryptionVerifierKey), Value::data(std::move(*verifier)));
+    // Salt, rounds and the password's verifier, made with the cipher they describe.
+    std::optional<Value> encryption = makeEncryptionEntry(*password_, env_, environment_->encryptionRounds);
+    if (!encryption) return setError(error, storeError("Could not set up the encryption of " + path));
+    info.set(Value(kEncryptionKey), *encryption);
   }
-  if (!writePropertyListFile(env_, infoURL(), info, error)) return false;
+  // A package is recognised by its folders as well, so a new one has them from the start.
+  const bool made = env_->createDirectory(parent, true, &failure) &&
+                    env_->createDirectory(pathJoin(building, "Changes"), true, &failure) &&
+                    env_->createDirectory(pathJoin(building, "Entities"), true, &failure) &&
+                    writePropertyListFile(env_, pathJoin(building, "Info.plist"), info, &failure);
+  // Moving fails when another store made the package meanwhile: that one is kept.
+  if (!made || !env_->moveItem(building, path, &failure)) {
+    (void)env_->removeItem(building, nullptr);  // hidden, and never read: harmless if it stays
+    if (!env_->fileExists(path)) return setError(error, std::move(failure));
+  }
   std::lock_guard<std::mutex> lock(mutex_);
   info_ = Value();
   return true;

@@ -71,6 +71,23 @@ TEST_F(PackageTest, OpeningAnExistingPackageWritesNothingIntoIt) {
   close(again);
 }
 
+// A package appears whole or not at all: one without Info.plist could never be opened again.
+TEST_F(PackageTest, ACreationThatFailsLeavesNoHalfMadePackage) {
+  env.unwritableNames.insert("Info.plist");
+  Error error;
+  EXPECT_FALSE(open(Value(), &error));
+  EXPECT_FALSE(pathExists(package));
+  std::vector<std::string> beside;
+  env.listDirectory(dir.path(), false, &beside, nullptr);
+  for (const std::string& name : beside) EXPECT_FALSE(name.starts_with(".Doc.corvane")) << name;
+  env.unwritableNames.clear();
+  OpenStore s = open(dict({{"password", "secret"}}), &error);
+  ASSERT_TRUE(s) << error.localizedDescription;
+  EXPECT_TRUE(CorvaneStore::isCorrectFormat(package, &env));
+  EXPECT_TRUE(CorvaneStore::canOpenURL(package, "secret", &env));
+  close(s);
+}
+
 TEST_F(PackageTest, EncryptedPackageEntryPasswordsAndHashedFolderNames) {
   OpenStore s = open(dict({{"password", "secret"}}));
   ASSERT_TRUE(s);

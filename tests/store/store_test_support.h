@@ -48,13 +48,21 @@ class FakeVolumes : public StoreVolumeQueries {
   }
 };
 
-// The fake clock, with files that cannot be read (vanished between listing and reading).
+// The fake clock, with files that cannot be read (vanished between listing and reading) and
+// names that cannot be written (a full disk) wherever they are.
 class TestEnv : public ManualClockEnv {
  public:
   std::set<std::string> unreadable;
+  std::set<std::string> unwritableNames;
   bool readFile(const std::string& path, Bytes* out, Error* error) override {
     if (unreadable.contains(path)) return setError(error, Error(kPOSIXErrorDomain, 2, path + ": unreadable"));
     return ManualClockEnv::readFile(path, out, error);
+  }
+  bool writeFileAtomically(const std::string& path, ByteView data, Error* error) override {
+    if (unwritableNames.contains(pathLastComponent(path))) {
+      return setError(error, Error(kPOSIXErrorDomain, 28, path + ": no space left"));
+    }
+    return ManualClockEnv::writeFileAtomically(path, data, error);
   }
 };
 

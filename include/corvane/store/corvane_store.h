@@ -408,7 +408,6 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   void setupEntityKeys();
   // Makes the package of a new document (folders and Info.plist); nothing when it exists.
   bool writeInfo(const Value& options, Error* error);
-  bool writeNewInfo(const Value& options, Error* error);
   bool setupCrypto();
   // Work for the main run loop that is dropped once the store is gone.
   std::function<void()> guarded(std::function<void()> work) const;
