@@ -30,7 +30,8 @@ void CorvaneChange::setDate(double date) {
 std::string CorvaneChange::name() {
   std::lock_guard<std::mutex> lock(mutex_);
   if (name_.empty()) {
-    name_ = fmt::format("{}.{}", store_->dateFormatter().format(date_), store_->env()->newUUIDString());
+    name_ = fmt::format("{}.{}", store_->dateFormatter().format(store_->claimChangeNameDate(date_)),
+                        store_->env()->newUUIDString());
   }
   return name_;
 }

@@ -1,6 +1,7 @@
 // CorvaneStore: turning a context's save, or a whole object graph, into files.
 #include <fmt/format.h>
 
+#include <cmath>
 #include <unordered_set>
 
 #include "corvane/cache/cache.h"
@@ -227,6 +228,22 @@ std::optional<Value> CorvaneStore::executeSaveRequest(const SaveChangesRequest& 
   // context then keeps its changes.
   if (!change.saveToStore(*this, error)) return std::nullopt;
   return Value::array();
+}
+
+double CorvaneStore::claimChangeNameDate(double date) {
+  // Names carry whole milliseconds: compare and step in them. A stepped time is the middle of
+  // its millisecond, so that formatting it cannot fall into the one before.
+  const auto millisecond = static_cast<int64_t>(std::floor(date * 1000.0));
+  std::lock_guard<std::mutex> lock(nameDateMutex_);
+  const bool clockWentBack = millisecond < lastClockMillisecond_;
+  lastClockMillisecond_ = millisecond;
+  // A clock set back is the device's own time, as every device reads it: names keep it.
+  if (clockWentBack || millisecond > lastNameMillisecond_) {
+    lastNameMillisecond_ = millisecond;
+    return date;
+  }
+  ++lastNameMillisecond_;
+  return (static_cast<double>(lastNameMillisecond_) + 0.5) / 1000.0;
 }
 
 void CorvaneStore::incrementProgress() {

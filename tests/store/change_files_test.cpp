@@ -217,6 +217,22 @@ TEST_F(ChangeFilesTest, AClockBehindTheLastChangeIsCorrectedInTheDateOnly) {
   close(s);
 }
 
+TEST_F(ChangeFilesTest, SavesWithinOneMillisecondAreNamedInTheirOrder) {
+  OpenStore s = open();
+  for (int i = 0; i < 5; ++i) {
+    s.context->insertNewObject("Gadget")->setValue("label", std::to_string(i));
+    ASSERT_TRUE(save(s));  // the fake clock stands still
+  }
+  const std::vector<std::string> names = changeFiles();
+  ASSERT_EQ(names.size(), 5u);
+  // Sorted by name, each follows the one it was saved after.
+  for (size_t i = 1; i < names.size(); ++i) {
+    EXPECT_EQ(readJSON(package + "/Changes/" + names[i])["previousName"], Value(names[i - 1]));
+  }
+  EXPECT_FALSE(entryContaining(s.store, "Date inconsistency"));
+  close(s);
+}
+
 TEST_F(ChangeFilesTest, WithAPasswordNoFileButInfoPlistShowsAValueOrAnEntityName) {
   OpenStore s = open(dict({{"password", "secret"}}));
   auto acme = s.context->insertNewObject("Company");

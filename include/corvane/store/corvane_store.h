@@ -32,6 +32,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -200,6 +201,11 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   Value sessionDictionary() const;
   // "yyyy-MM-dd-HH-mm-ss.SSS" in GMT: the date part of change names.
   const DateFormatter& dateFormatter() const { return dateFormatter_; }
+  // The time to name a change made at `date` after: `date`, or a millisecond after the last
+  // name when the clock has not moved past it. Two saves within one millisecond would
+  // otherwise sort by their random UUIDs, the later one first half of the time. A clock set
+  // back keeps its own time (the date in the file is corrected instead).
+  double claimChangeNameDate(double date);
 
   std::string fileNameForEntity(const EntityDescription& entity) override;
   // The folder name of an entity ("" for one the model lacks), and back.
@@ -478,6 +484,9 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   std::atomic<size_t> changesFileCount_{0};
   std::atomic<int64_t> saveOperationsCount_{0};
   std::atomic<int64_t> saveOperationsValue_{0};
+  std::mutex nameDateMutex_;
+  int64_t lastNameMillisecond_ = INT64_MIN;   // of the last change name, since 2001
+  int64_t lastClockMillisecond_ = INT64_MIN;  // the clock's time when it was named
   Value progressInfo_;  // guarded by mutex_
 
   Observable<std::string> errorLevel_;
