@@ -62,6 +62,7 @@ Error storeError(const std::string& text, int64_t code = 134030) { return Error(
 
 // The stored form of an object's value: IDs instead of objects.
 Value storedForm(const Value& v, const PropertyDescription* p) {
+  if (v.isNull()) return Value();  // how changed values show a value taken away
   if (!p->isRelationship()) return v;
   auto idValue = [](const Value& o) {
     const auto* mo = o.isObject() ? dynamic_cast<const ManagedObject*>(o.objectPointer()) : nullptr;

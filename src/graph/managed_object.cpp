@@ -489,7 +489,12 @@ Value ManagedObject::changedValues() const {
     const Value& v = slots_[i];
     bool changed = inserted_ ? !(v.isNil() || (v.isCollection() && v.empty()))
                              : !clean_ && !committed_.empty() && !(v == committed_[i]);
-    if (changed) out.set(Value(entity_->properties()[i]->name()), v.isMutable() ? v.copy() : v);
+    if (!changed) continue;
+    // A value taken away is a change too (the old partner of a re-pointed to-one
+    // relationship, an attribute cleared): a dictionary cannot hold nil, so it shows as null,
+    // and a store that writes only the changed keys still writes this one.
+    Value shown = v.isNil() ? Value::null() : v.isMutable() ? v.copy() : v;
+    out.set(Value(entity_->properties()[i]->name()), shown);
   }
   return out.copy();
 }

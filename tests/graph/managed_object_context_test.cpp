@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "corvane/foundation/log.h"
 #include "corvane/foundation/notification_center.h"
+#include "corvane/graph/undo_manager.h"
 #include "graph_fixture.h"
 
 namespace corvane {
@@ -137,6 +140,115 @@ TEST(ManagedObjectContext, InverseRelationshipsStayInStep) {
   EXPECT_THROW(a->setValue("folder", "Inbox"), Exception);
   EXPECT_THROW(a->setValue("tags", Value::array({Value(1)})), Exception);
   EXPECT_THROW(a->toMany("folder"), Exception);
+}
+
+// The old partner of a re-pointed relationship is changed too, and that change reaches the
+// store like any other, even when the old partner was only a fault: otherwise another context
+// reads both partners claiming the same object.
+TEST(ManagedObjectContext, ReplacedPartnersAreClearedThroughTheStore) {
+  Stack s;
+  auto& c = *s.context;
+  Error error;
+  auto ann = c.insertNewObject("Person"), bob = c.insertNewObject("Person");
+  auto badge = c.insertNewObject("Badge"), spare = c.insertNewObject("Badge");
+  auto inbox = c.insertNewObject("Folder"), archive = c.insertNewObject("Folder");
+  auto a = note(c, "a");
+  ann->setToOne("badge", badge.get());
+  bob->setToOne("badge", spare.get());
+  a->setToOne("folder", inbox.get());
+  ASSERT_TRUE(c.save(&error)) << error.localizedDescription;
+  std::vector<std::shared_ptr<ManagedObjectContext>> readers;  // an object answers nil once its context is gone
+  auto reread = [&](const Retained<ManagedObject>& o) {
+    readers.push_back(s.newContext());
+    return readers.back()->objectWithID(o->objectID());
+  };
+  auto idOf = [](const Retained<ManagedObject>& o) { return o ? o->objectID() : ObjectID(); };
+
+  // One-to-one, from the holder's side: Ann loses the badge and records that as a change.
+  bob->setToOne("badge", badge.get());
+  EXPECT_FALSE(ann->toOne("badge"));
+  EXPECT_FALSE(spare->toOne("holder"));
+  EXPECT_TRUE(ann->isUpdated());
+  EXPECT_TRUE(ann->changedValues().contains(Value("badge")));
+  EXPECT_TRUE(ann->changedValues()["badge"].isNull());
+  ASSERT_TRUE(c.save(&error)) << error.localizedDescription;
+  EXPECT_FALSE(reread(ann)->toOne("badge"));
+  EXPECT_FALSE(reread(spare)->toOne("holder"));
+  EXPECT_EQ(idOf(reread(badge)->toOne("holder")), bob->objectID());
+
+  // One-to-one from the badge's side, in a context where every partner is still a fault.
+  auto other = s.newContext();
+  auto spare2 = other->objectWithID(spare->objectID());
+  spare2->setToOne("holder", other->objectWithID(bob->objectID()).get());
+  EXPECT_EQ(other->updatedObjects().size(), 3u);  // the spare badge, Bob and his former badge
+  ASSERT_TRUE(other->save(&error)) << error.localizedDescription;
+  EXPECT_FALSE(reread(badge)->toOne("holder"));
+  EXPECT_EQ(idOf(reread(bob)->toOne("badge")), spare->objectID());
+
+  // One-to-many from the to-one side and from the to-many side, old owners being faults.
+  other = s.newContext();
+  other->objectWithID(a->objectID())->setToOne("folder", other->objectWithID(archive->objectID()).get());
+  ASSERT_TRUE(other->save(&error)) << error.localizedDescription;
+  EXPECT_TRUE(reread(inbox)->toMany("notes").empty());
+  EXPECT_EQ(titles(reread(archive)->toMany("notes")), "a");
+  other = s.newContext();
+  other->objectWithID(inbox->objectID())->addToMany("notes", other->objectWithID(a->objectID()).get());
+  ASSERT_TRUE(other->save(&error)) << error.localizedDescription;
+  EXPECT_TRUE(reread(archive)->toMany("notes").empty());
+  EXPECT_EQ(idOf(reread(a)->toOne("folder")), inbox->objectID());
+  // Taking an attribute's value away is a change that is saved too.
+  other = s.newContext();
+  other->objectWithID(inbox->objectID())->setValue("name", "Inbox");
+  ASSERT_TRUE(other->save(&error)) << error.localizedDescription;
+  other->objectWithID(inbox->objectID())->setValue("name", Value());
+  ASSERT_TRUE(other->save(&error)) << error.localizedDescription;
+  EXPECT_TRUE(reread(inbox)->isNil("name"));
+}
+
+// Undoing a re-pointing gives every partner its old value back, and the undone state saves.
+TEST(ManagedObjectContext, UndoRestoresReplacedPartners) {
+  Stack s;
+  auto& c = *s.context;
+  Error error;
+  auto ann = c.insertNewObject("Person"), bob = c.insertNewObject("Person");
+  auto badge = c.insertNewObject("Badge"), spare = c.insertNewObject("Badge");
+  auto inbox = c.insertNewObject("Folder"), archive = c.insertNewObject("Folder");
+  auto a = note(c, "a");
+  ann->setToOne("badge", badge.get());
+  bob->setToOne("badge", spare.get());
+  a->setToOne("folder", inbox.get());
+  ASSERT_TRUE(c.save(&error)) << error.localizedDescription;
+  c.undoManager()->removeAllActions();
+
+  auto undoable = [&](const std::function<void()>& change) {
+    c.undoManager()->beginUndoGrouping();
+    change();
+    c.undoManager()->endUndoGrouping();
+  };
+  undoable([&] { bob->setToOne("badge", badge.get()); });
+  undoable([&] { archive->addToMany("notes", a.get()); });
+  EXPECT_FALSE(ann->toOne("badge"));
+  EXPECT_FALSE(spare->toOne("holder"));
+  EXPECT_TRUE(inbox->toMany("notes").empty());
+  c.undo();
+  c.undo();
+  EXPECT_EQ(ann->toOne("badge"), badge);
+  EXPECT_EQ(badge->toOne("holder"), ann);
+  EXPECT_EQ(bob->toOne("badge"), spare);
+  EXPECT_EQ(spare->toOne("holder"), bob);
+  EXPECT_EQ(a->toOne("folder"), inbox);
+  EXPECT_EQ(titles(inbox->toMany("notes")), "a");
+  EXPECT_TRUE(archive->toMany("notes").empty());
+  EXPECT_FALSE(c.hasChanges());
+
+  c.redo();
+  EXPECT_FALSE(ann->toOne("badge"));
+  EXPECT_EQ(badge->toOne("holder"), bob);
+  EXPECT_FALSE(spare->toOne("holder"));
+  ASSERT_TRUE(c.save(&error)) << error.localizedDescription;
+  auto other = s.newContext();
+  EXPECT_FALSE(other->objectWithID(ann->objectID())->toOne("badge"));
+  EXPECT_FALSE(other->objectWithID(spare->objectID())->toOne("holder"));
 }
 
 TEST(ManagedObjectContext, SavedObjectsComeBackAsFaultsInAnotherContext) {

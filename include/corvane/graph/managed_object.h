@@ -174,7 +174,8 @@ class ManagedObject : public Object {
 
   // ---- Changes ------------------------------------------------------------------------------
   // Property name → current value, for the properties changed since the object was fetched or
-  // last saved (for an inserted object, every property with a value).
+  // last saved (for an inserted object, every property with a value). A value changed to nil
+  // shows as Value::null().
   Value changedValues() const;
   // Property name → value as last fetched or saved, for `keys` (all properties when empty).
   // Empty for inserted objects.
