@@ -103,14 +103,8 @@ void saveFromStore(ManagedObject& object, CorvaneStore* fromStore, CorvaneStore&
     if (allValues) {
       properties = entity.properties();
     } else {
-      const Value changed = object.changedValues();
-      for (const Value& key : changed.keys()) {
-        if (const PropertyDescription* p = entity.property(key.str())) properties.push_back(p);
-      }
-      // A value set to nothing has no entry among the changed values: find it by what it was.
-      const Value committed = object.committedValues();
-      for (const auto& [key, before] : committed.entries()) {
-        if (changed.contains(key) || !object.primitiveValue(key.str()).isNil()) continue;
+      // Values set to nothing are among the changed values too (as null).
+      for (const Value& key : object.changedValues().keys()) {
         if (const PropertyDescription* p = entity.property(key.str())) properties.push_back(p);
       }
     }

@@ -147,6 +147,85 @@ TEST_F(ChangeFilesTest, UpdatesRecordChangedValuesOnlyAndChainToThePreviousChang
   close(s);
 }
 
+// Folders with one pinned note, a note pinned in at most one folder.
+class OneToOneTest : public ChangeFilesTest {
+ protected:
+  OneToOneTest() {
+    Error error;
+    openModel = ObjectModel::fromJSON(R"({"entities": [
+      {"name": "Folder", "attributes": [{"name": "name", "type": "string"}],
+       "relationships": [{"name": "pinnedNote", "destination": "Note", "inverse": "pinnedIn"}]},
+      {"name": "Note", "attributes": [{"name": "title", "type": "string"}],
+       "relationships": [{"name": "pinnedIn", "destination": "Folder", "inverse": "pinnedNote"}]}]})",
+                                  &error);
+    EXPECT_TRUE(openModel) << error.localizedDescription;
+  }
+  Retained<ManagedObject> named(OpenStore& s, const std::string& entity, const std::string& key,
+                                const std::string& name) {
+    FetchRequest request(entity);
+    request.setPredicate(*Predicate::parse(key + " == '" + name + "'"));
+    auto found = s.context->fetch(request);
+    return found && found->size() == 1 ? found->front() : nullptr;
+  }
+};
+
+// Pinning a note in another folder unpins it from the first one, and that update is written
+// like any other, so that every store reading the package sees one folder holding the note.
+TEST_F(OneToOneTest, TheOldPartnerOfAOneToOneIsWrittenCleared) {
+  OpenStore s = open();
+  auto f1 = s.context->insertNewObject("Folder");
+  f1->setValue("name", "F1");
+  auto n1 = s.context->insertNewObject("Note");
+  n1->setValue("title", "N1");
+  f1->setToOne("pinnedNote", n1.get());
+  ASSERT_TRUE(save(s));
+
+  env.advance(2);
+  auto f2 = s.context->insertNewObject("Folder");
+  f2->setValue("name", "F2");
+  f2->setToOne("pinnedNote", n1.get());
+  ASSERT_TRUE(save(s));
+  const std::vector<std::string> files = changeFiles();
+  ASSERT_EQ(files.size(), 2u);
+  const Value change = readJSON(package + "/Changes/" + files[1]);
+  EXPECT_EQ(change["changes"]["insert"]["Folder"].keys(), std::vector<Value>{Value(uid(f2))});
+  EXPECT_TRUE(change["changes"]["update"]["Folder"].contains(Value(uid(f1))));
+  EXPECT_EQ(objectFile("Folder", uid(f1), files[1]),
+            dict({{"version", "1"}, {"type", "update"}, {"payload", dict({{"pinnedNote", dict({})}})}}));
+  EXPECT_EQ(objectFile("Note", uid(n1), files[1])["payload"],
+            dict({{"pinnedIn", dict({{"value", arr({Value("Folder/" + uid(f2))})}})}}));
+  close(s);
+
+  // From the cache this device keeps, and from the package alone.
+  for (const char* cache : {"", "fresh"}) {
+    SCOPED_TRACE(cache);
+    if (*cache != 0) cacheRoot = dir / cache;
+    OpenStore r = open();
+    auto folder1 = named(r, "Folder", "name", "F1");
+    auto note1 = named(r, "Note", "title", "N1");
+    ASSERT_TRUE(folder1 && note1);
+    EXPECT_FALSE(folder1->toOne("pinnedNote"));
+    ASSERT_TRUE(note1->toOne("pinnedIn"));
+    EXPECT_EQ(note1->toOne("pinnedIn")->stringValue("name"), "F2");
+    close(r);
+  }
+
+  // Set from the note's side, with the folder that loses it never read: F2 is written cleared.
+  env.advance(2);
+  OpenStore r = open();
+  auto note1 = named(r, "Note", "title", "N1");
+  ASSERT_TRUE(note1);
+  note1->setToOne("pinnedIn", named(r, "Folder", "name", "F1").get());
+  ASSERT_TRUE(save(r));
+  const std::string third = changeFiles().at(2);
+  EXPECT_EQ(objectFile("Folder", uid(f2), third)["payload"], dict({{"pinnedNote", dict({})}}));
+  close(r);
+  r = open();
+  EXPECT_FALSE(named(r, "Folder", "name", "F2")->toOne("pinnedNote"));
+  EXPECT_EQ(named(r, "Folder", "name", "F1")->toOne("pinnedNote"), named(r, "Note", "title", "N1"));
+  close(r);
+}
+
 TEST_F(ChangeFilesTest, DeletesWriteATypeOnlyObjectFile) {
   OpenStore s = open();
   auto bob = s.context->insertNewObject("Gadget");

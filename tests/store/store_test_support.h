@@ -128,7 +128,7 @@ class StoreTest : public ::testing::Test {
   // Opens the package and waits for the first update pass.
   OpenStore open(const Value& extra = Value(), Error* error = nullptr, const std::string& path = {}) {
     OpenStore opened;
-    opened.coordinator = std::make_shared<CorvanePersistentStoreCoordinator>(storeTestModel());
+    opened.coordinator = std::make_shared<CorvanePersistentStoreCoordinator>(openModel);
     const int before = readyCount_;
     auto* added = opened.coordinator->addPersistentStore(kCorvaneStoreType, "", path.empty() ? package : path,
                                                          options(extra), error);
@@ -209,6 +209,7 @@ class StoreTest : public ::testing::Test {
   }
 
   TempDir dir;
+  std::shared_ptr<ObjectModel> openModel = storeTestModel();  // what open() opens the package with
   std::vector<std::pair<std::string, std::optional<std::string>>> savedVariables_;
   TestEnv env;
   ScopedRunLoopEnv clock_{RunLoop::main(), &env};
