@@ -89,8 +89,15 @@ Value CorvaneNSStringValueTransformer::reverseTransformedValue(const Value& valu
 
 Value CorvaneNSNumberValueTransformer::transformedValue(const Value& value) const {
   if (value.isNil()) return Value();
-  auto parsed = Decimal::fromString(value.description());
-  return Value::decimal(parsed ? *parsed : Decimal::notANumber());
+  const std::string text = value.description();
+  auto parsed = Decimal::fromString(text);
+  if (!parsed) return Value::decimal(Decimal::notANumber());
+  // Well-formed, but with an exponent beyond what a decimal holds ("1e300", "1e-200"): read
+  // it as a double rather than calling a real number not-a-number.
+  if (parsed->isNaN() && text != "NaN") {
+    return Value::doubleNumber(value.isNumber() ? value.doubleValue() : Value(text).doubleValue());
+  }
+  return Value::decimal(*parsed);
 }
 
 Value CorvaneNSNumberValueTransformer::reverseTransformedValue(const Value& value) const {

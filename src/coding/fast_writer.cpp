@@ -228,7 +228,8 @@ void FastWriter::writeNumber(const Value& v) {
   NumberKind k = v.numberKind();
   if (k == NumberKind::Float || k == NumberKind::Double) {
     writeNumberOfKind(k, 0, v.doubleValue());
-  } else if (k == NumberKind::UnsignedLongLong) {
+  } else if (v.isUnsigned()) {
+    // The bits as they are: longLongValue() saturates values of 2^63 and more.
     writeNumberOfKind(k, static_cast<int64_t>(v.unsignedLongLongValue()), 0);
   } else {
     writeNumberOfKind(k, v.longLongValue(), 0);

@@ -30,6 +30,7 @@ using value_detail::throwWrongKind;
 namespace {
 
 __extension__ typedef __int128 Int128;
+__extension__ typedef unsigned __int128 UInt128;
 
 const std::string kEmptyString;
 const std::vector<Value> kNoElements;
@@ -53,7 +54,9 @@ bool isUnsignedKind(NumberKind k) {
 
 bool isFloatKind(NumberKind k) { return k == NumberKind::Float || k == NumberKind::Double; }
 
-// C-style conversions are undefined outside the target range; the platform saturates.
+// C-style conversions are undefined (floating point) or wrap (integers) outside the target
+// range. Every conversion here saturates instead: a value too large for the target becomes the
+// target's extreme of the same sign, so that it never turns into a small or negated number.
 int64_t saturatingInt64(double d) {
   if (std::isnan(d)) return 0;
   if (d >= 0x1p63) return std::numeric_limits<int64_t>::max();
@@ -62,10 +65,63 @@ int64_t saturatingInt64(double d) {
 }
 
 uint64_t saturatingUInt64(double d) {
-  if (std::isnan(d)) return 0;
-  if (d < 0) return static_cast<uint64_t>(saturatingInt64(d));
+  if (std::isnan(d) || d <= 0) return 0;
   if (d >= 0x1p64) return std::numeric_limits<uint64_t>::max();
   return static_cast<uint64_t>(d);
+}
+
+int64_t clampInt64(int64_t v, int64_t lo, int64_t hi) { return v < lo ? lo : v > hi ? hi : v; }
+
+int64_t int64FromUnsigned(uint64_t u) {
+  return u > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) ? std::numeric_limits<int64_t>::max()
+                                                                          : static_cast<int64_t>(u);
+}
+
+// A double narrowed to float: beyond float's largest finite value it is the infinity of its
+// sign, what IEEE rounding gives, but spelled out because the C++ conversion is undefined there.
+float saturatingFloat(double d) {
+  if (d > std::numeric_limits<float>::max()) return std::numeric_limits<float>::infinity();
+  if (d < -std::numeric_limits<float>::max()) return -std::numeric_limits<float>::infinity();
+  return static_cast<float>(d);  // NaN stays NaN; in range it rounds to nearest
+}
+
+// The whole part of a decimal (truncated toward zero), exactly, saturating at 2^64 and beyond:
+// a double would lose digits of a 17-digit integer part.
+struct WholePart {
+  bool negative = false;
+  UInt128 magnitude = 0;  // at most 2^64 once saturated
+};
+
+WholePart wholePartOf(const Decimal& d) {
+  WholePart out;
+  if (d.isNaN() || d.isZero()) return out;
+  constexpr UInt128 kLimit = static_cast<UInt128>(1) << 64;
+  UInt128 m = d.mantissa();
+  if (d.exponent() >= 0) {
+    for (int i = 0; i < d.exponent() && m < kLimit; ++i) m *= 10;
+  } else {
+    for (int i = 0; i < -d.exponent() && m != 0; ++i) m /= 10;
+  }
+  out.negative = d.isNegative();
+  out.magnitude = m < kLimit ? m : kLimit;
+  return out;
+}
+
+int64_t decimalInt64(const Decimal& d) {
+  const WholePart w = wholePartOf(d);
+  constexpr auto kMax = static_cast<UInt128>(std::numeric_limits<int64_t>::max());
+  if (w.negative) {
+    if (w.magnitude > kMax + 1) return std::numeric_limits<int64_t>::min();
+    return static_cast<int64_t>(-static_cast<Int128>(w.magnitude));
+  }
+  return w.magnitude > kMax ? std::numeric_limits<int64_t>::max() : static_cast<int64_t>(w.magnitude);
+}
+
+uint64_t decimalUInt64(const Decimal& d) {
+  const WholePart w = wholePartOf(d);
+  if (w.negative) return 0;
+  constexpr auto kMax = static_cast<UInt128>(std::numeric_limits<uint64_t>::max());
+  return w.magnitude > kMax ? std::numeric_limits<uint64_t>::max() : static_cast<uint64_t>(w.magnitude);
 }
 
 std::string_view skipSpace(std::string_view s) {
@@ -74,32 +130,82 @@ std::string_view skipSpace(std::string_view s) {
   return s.substr(i);
 }
 
-// The platform reads the leading number of a string and ignores the rest.
-int64_t stringLongLong(std::string_view s) {
-  s = skipSpace(s);
+// The platform reads the leading number of a string and ignores the rest. Too many digits
+// saturate: the magnitude is kept in 128 bits and stops growing past 2^64.
+struct LeadingInteger {
   bool negative = false;
+  Int128 magnitude = 0;
+};
+
+LeadingInteger leadingInteger(std::string_view s) {
+  LeadingInteger out;
+  s = skipSpace(s);
   if (!s.empty() && (s[0] == '+' || s[0] == '-')) {
-    negative = s[0] == '-';
+    out.negative = s[0] == '-';
     s.remove_prefix(1);
   }
-  Int128 v = 0;
+  constexpr Int128 kLimit = static_cast<Int128>(1) << 64;
   for (char c : s) {
     if (c < '0' || c > '9') break;
-    v = v * 10 + (c - '0');
-    if (v > static_cast<Int128>(std::numeric_limits<int64_t>::max()) + 1) break;
+    out.magnitude = out.magnitude * 10 + (c - '0');
+    if (out.magnitude > kLimit) {
+      out.magnitude = kLimit;
+      break;
+    }
   }
-  if (negative) v = -v;
+  return out;
+}
+
+int64_t stringLongLong(std::string_view s) {
+  const LeadingInteger n = leadingInteger(s);
+  const Int128 v = n.negative ? -n.magnitude : n.magnitude;
   if (v > std::numeric_limits<int64_t>::max()) return std::numeric_limits<int64_t>::max();
   if (v < std::numeric_limits<int64_t>::min()) return std::numeric_limits<int64_t>::min();
   return static_cast<int64_t>(v);
 }
 
+uint64_t stringUnsignedLongLong(std::string_view s) {
+  const LeadingInteger n = leadingInteger(s);
+  if (n.negative) return 0;
+  if (n.magnitude > static_cast<Int128>(std::numeric_limits<uint64_t>::max())) return std::numeric_limits<uint64_t>::max();
+  return static_cast<uint64_t>(n.magnitude);
+}
+
+// The leading number of a string. A number beyond a double's range reads as the infinity of
+// its sign, one too small for it as zero (from_chars reports both without a value).
 double stringDouble(std::string_view s) {
   s = skipSpace(s);
   if (!s.empty() && s[0] == '+') s.remove_prefix(1);
   double v = 0;
-  std::from_chars(s.data(), s.data() + s.size(), v);
-  return v;
+  const auto r = std::from_chars(s.data(), s.data() + s.size(), v);
+  if (r.ec != std::errc::result_out_of_range) return v;
+  // Decide between overflow and underflow from the decimal exponent of the leading digit.
+  const bool negative = !s.empty() && s[0] == '-';
+  size_t i = negative ? 1 : 0;
+  long magnitude = -1;  // position of the first nonzero digit, 0 for the units
+  long intDigits = 0;
+  bool seenNonzero = false;
+  for (; i < s.size() && s[i] >= '0' && s[i] <= '9'; ++i) {
+    if (s[i] != '0') seenNonzero = true;
+    if (seenNonzero) ++intDigits;
+  }
+  if (seenNonzero) {
+    magnitude = intDigits - 1;
+  } else if (i < s.size() && s[i] == '.') {
+    for (++i; i < s.size() && s[i] == '0'; ++i) --magnitude;
+  }
+  while (i < s.size() && s[i] != 'e' && s[i] != 'E') ++i;
+  if (i < s.size()) {
+    ++i;
+    bool expNegative = false;
+    if (i < s.size() && (s[i] == '+' || s[i] == '-')) expNegative = s[i++] == '-';
+    long e = 0;
+    for (; i < s.size() && s[i] >= '0' && s[i] <= '9'; ++i)
+      if (e < 100000) e = e * 10 + (s[i] - '0');
+    magnitude += expNegative ? -e : e;
+  }
+  const double result = magnitude > 0 ? std::numeric_limits<double>::infinity() : 0.0;
+  return negative ? -result : result;
 }
 
 bool stringBool(std::string_view s) {
@@ -151,29 +257,29 @@ Value Value::boolean(bool b) { return Value(b); }
 Value Value::number(NumberKind kind, int64_t v) {
   switch (kind) {
     case NumberKind::Bool: return ValueAccess::scalar(kind, v != 0 ? 1 : 0);
-    case NumberKind::Char: return ValueAccess::scalar(kind, static_cast<int8_t>(v));
-    case NumberKind::Short: return ValueAccess::scalar(kind, static_cast<int16_t>(v));
-    case NumberKind::Int: return ValueAccess::scalar(kind, static_cast<int32_t>(v));
+    case NumberKind::Char: return ValueAccess::scalar(kind, clampInt64(v, INT8_MIN, INT8_MAX));
+    case NumberKind::Short: return ValueAccess::scalar(kind, clampInt64(v, INT16_MIN, INT16_MAX));
+    case NumberKind::Int: return ValueAccess::scalar(kind, clampInt64(v, INT32_MIN, INT32_MAX));
     case NumberKind::Float: return floatNumber(static_cast<float>(v));
     case NumberKind::Double: return ValueAccess::scalarDouble(kind, static_cast<double>(v));
     default:
-      if (isUnsignedKind(kind)) return unsignedNumber(kind, static_cast<uint64_t>(v));
+      if (isUnsignedKind(kind)) return unsignedNumber(kind, v < 0 ? 0 : static_cast<uint64_t>(v));
       return ValueAccess::scalar(kind, v);
   }
 }
 
 Value Value::unsignedNumber(NumberKind kind, uint64_t v) {
   switch (kind) {
-    case NumberKind::UnsignedChar: return ValueAccess::scalarUnsigned(kind, static_cast<uint8_t>(v));
-    case NumberKind::UnsignedShort: return ValueAccess::scalarUnsigned(kind, static_cast<uint16_t>(v));
-    case NumberKind::UnsignedInt: return ValueAccess::scalarUnsigned(kind, static_cast<uint32_t>(v));
+    case NumberKind::UnsignedChar: return ValueAccess::scalarUnsigned(kind, std::min<uint64_t>(v, UINT8_MAX));
+    case NumberKind::UnsignedShort: return ValueAccess::scalarUnsigned(kind, std::min<uint64_t>(v, UINT16_MAX));
+    case NumberKind::UnsignedInt: return ValueAccess::scalarUnsigned(kind, std::min<uint64_t>(v, UINT32_MAX));
     case NumberKind::UnsignedLong:
     case NumberKind::UnsignedLongLong:
     case NumberKind::Index:
       return ValueAccess::scalarUnsigned(kind, v);
     case NumberKind::Float: return floatNumber(static_cast<float>(v));
     case NumberKind::Double: return ValueAccess::scalarDouble(kind, static_cast<double>(v));
-    default: return number(kind, static_cast<int64_t>(v));
+    default: return number(kind, int64FromUnsigned(v));
   }
 }
 
@@ -313,7 +419,7 @@ bool Value::isUnsigned() const noexcept { return kind_ == ValueKind::Number && i
 bool Value::boolValue() const noexcept {
   switch (kind_) {
     case ValueKind::Number:
-      if (isFloatKind(numberKind_)) return scalar_.d != 0;
+      if (isFloatKind(numberKind_)) return scalar_.d != 0 && !std::isnan(scalar_.d);
       return scalar_.i != 0;
     case ValueKind::Decimal: {
       const Decimal& d = nodeOf<DecimalNode>(*this)->value;
@@ -324,19 +430,17 @@ bool Value::boolValue() const noexcept {
   }
 }
 
-int32_t Value::intValue() const noexcept { return static_cast<int32_t>(longLongValue()); }
+int32_t Value::intValue() const noexcept {
+  return static_cast<int32_t>(clampInt64(longLongValue(), INT32_MIN, INT32_MAX));
+}
 
 int64_t Value::longLongValue() const noexcept {
   switch (kind_) {
     case ValueKind::Number:
       if (isFloatKind(numberKind_)) return saturatingInt64(scalar_.d);
-      return scalar_.i;  // unsigned values wrap, as a C conversion does
-    case ValueKind::Decimal: {
-      const Decimal& d = nodeOf<DecimalNode>(*this)->value;
-      int64_t v = 0;
-      if (d.toInt64(&v)) return v;
-      return saturatingInt64(d.toDouble());
-    }
+      if (isUnsignedKind(numberKind_)) return int64FromUnsigned(scalar_.u);
+      return scalar_.i;
+    case ValueKind::Decimal: return decimalInt64(nodeOf<DecimalNode>(*this)->value);
     case ValueKind::String: return stringLongLong(str());
     default: return 0;
   }
@@ -346,19 +450,15 @@ uint64_t Value::unsignedLongLongValue() const noexcept {
   switch (kind_) {
     case ValueKind::Number:
       if (isFloatKind(numberKind_)) return saturatingUInt64(scalar_.d);
-      return scalar_.u;
-    case ValueKind::Decimal: {
-      const Decimal& d = nodeOf<DecimalNode>(*this)->value;
-      uint64_t v = 0;
-      if (d.toUInt64(&v)) return v;
-      return saturatingUInt64(d.toDouble());
-    }
-    case ValueKind::String: return static_cast<uint64_t>(stringLongLong(str()));
+      if (isUnsignedKind(numberKind_)) return scalar_.u;
+      return scalar_.i < 0 ? 0 : static_cast<uint64_t>(scalar_.i);
+    case ValueKind::Decimal: return decimalUInt64(nodeOf<DecimalNode>(*this)->value);
+    case ValueKind::String: return stringUnsignedLongLong(str());
     default: return 0;
   }
 }
 
-float Value::floatValue() const noexcept { return static_cast<float>(doubleValue()); }
+float Value::floatValue() const noexcept { return saturatingFloat(doubleValue()); }
 
 double Value::doubleValue() const noexcept {
   switch (kind_) {

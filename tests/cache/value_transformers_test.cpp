@@ -81,6 +81,81 @@ TEST(NumberValueTransformer, CarriesNumbersAsExactDecimalText) {
   EXPECT_TRUE(t.reverseTransformedValue(Value()).isNil());
 }
 
+// What another device may send for a number attribute, what the cache keeps, and what an
+// Integer16 / Integer32 attribute then shows (the store gives the object the value in the
+// attribute's number kind): clamped to the type's range, never wrapped.
+TEST(NumberValueTransformer, ForeignValuesKeepTheirMeaningForIntegerAttributes) {
+  CorvaneNSNumberValueTransformer t;
+  auto shown = [](const Value& v, NumberKind kind) { return Value::number(kind, v.longLongValue()).longLongValue(); };
+  struct Row {
+    Value sent;
+    const char* kept;  // description of the transformed value
+    ValueKind keptKind;
+    int64_t int16;
+    int64_t int32;
+  };
+  const Row rows[] = {
+      {Value("99999999999999999999999"), "99999999999999999999999", ValueKind::Decimal, 32767, 2147483647},
+      {Value("-99999999999999999999999"), "-99999999999999999999999", ValueKind::Decimal, -32768, -2147483648LL},
+      {Value("1e5"), "100000", ValueKind::Decimal, 32767, 100000},
+      {Value(99999), "99999", ValueKind::Decimal, 32767, 99999},
+      {Value("12abc"), "NaN", ValueKind::Decimal, 0, 0},
+      {Value(""), "NaN", ValueKind::Decimal, 0, 0},
+      {Value("NaN"), "NaN", ValueKind::Decimal, 0, 0},
+      {Value(true), "1", ValueKind::Decimal, 1, 1},
+      {Value(false), "0", ValueKind::Decimal, 0, 0},
+      {Value(2.7), "2.7", ValueKind::Decimal, 2, 2},
+      {Value(-2.7), "-2.7", ValueKind::Decimal, -2, -2},
+      // Real numbers beyond a decimal's exponent are numbers still, not not-a-number.
+      {Value("1e300"), "1e+300", ValueKind::Number, 32767, 2147483647},
+      {Value(-1e300), "-1e+300", ValueKind::Number, -32768, -2147483648LL},
+      {Value("1e-300"), "1e-300", ValueKind::Number, 0, 0},
+      {Value::date(0), "NaN", ValueKind::Decimal, 0, 0},
+      {dict({{"a", 1}}), "NaN", ValueKind::Decimal, 0, 0},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.sent.description());
+    const Value kept = t.transformedValue(row.sent);
+    EXPECT_EQ(kept.kind(), row.keptKind);
+    EXPECT_EQ(kept.description(), row.kept);
+    EXPECT_EQ(shown(kept, NumberKind::Short), row.int16);
+    EXPECT_EQ(shown(kept, NumberKind::Int), row.int32);
+  }
+}
+
+TEST(NumberValueTransformer, WhatItWritesReadsBackToTheSameValue) {
+  CorvaneNSNumberValueTransformer t;
+  const std::pair<Value, const char*> rows[] = {
+      {Value::number(NumberKind::Short, 32767), "32767"},
+      {Value(Decimal::notANumber()), "NaN"},
+      {Value(1e300), "1e+300"},
+      {Value(true), "1"},
+      {Value(*Decimal::fromString("-99999999999999999999999")), "-99999999999999999999999"},
+  };
+  for (const auto& [model, text] : rows) {
+    const Value written = t.reverseTransformedValue(model);
+    EXPECT_EQ(written, Value(text));
+    EXPECT_EQ(t.transformedValue(written), model) << text;
+  }
+}
+
+// A string attribute keeps what was sent, number or not; the host reads its text.
+TEST(StringValueTransformer, KeepsValuesOfAnyKindAsTheyAre) {
+  CorvaneNSStringValueTransformer t;
+  const std::pair<Value, const char*> rows[] = {
+      {Value("Ann"), "Ann"}, {Value(123), "123"}, {Value(0.25), "0.25"}, {Value(true), "1"},
+      {Value(1e300), "1e+300"}, {Value(*Decimal::fromString("0.10")), "0.1"},
+  };
+  for (const auto& [sent, text] : rows) {
+    const Value kept = t.transformedValue(sent);
+    EXPECT_EQ(kept, sent);
+    EXPECT_EQ(kept.kind(), sent.kind());
+    EXPECT_EQ(kept.description(), text);
+    EXPECT_EQ(t.reverseTransformedValue(kept), sent);
+  }
+  EXPECT_TRUE(t.transformedValue(Value()).isNil());
+}
+
 TEST(BooleanValueTransformer, PassesValuesThroughWhateverTheirForm) {
   CorvaneNSNumber800ValueTransformer t;
   for (const Value& v : {Value(true), Value(false), Value(1), Value("YES"), Value()}) {

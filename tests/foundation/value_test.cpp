@@ -84,9 +84,9 @@ TEST(ValueNumberTest, KindsAreKeptAndNarrowed) {
   EXPECT_EQ(Value(1.5).numberKind(), NumberKind::Double);
   EXPECT_TRUE(Value(false).isBoolean());
   EXPECT_FALSE(Value(0).isBoolean());
-  EXPECT_EQ(Value::number(NumberKind::Char, 300).longLongValue(), 44);
+  EXPECT_EQ(Value::number(NumberKind::Char, 300).longLongValue(), 127);
   EXPECT_EQ(Value::number(NumberKind::Bool, 7).longLongValue(), 1);
-  EXPECT_EQ(Value::unsignedNumber(NumberKind::UnsignedShort, 70000).longLongValue(), 70000 - 65536);
+  EXPECT_EQ(Value::unsignedNumber(NumberKind::UnsignedShort, 70000).longLongValue(), 65535);
   EXPECT_EQ(Value::floatNumber(0.1f).doubleValue(), static_cast<double>(0.1f));
   EXPECT_TRUE(Value::floatNumber(1).isFloatingPoint());
   EXPECT_TRUE(Value::unsignedNumber(NumberKind::Index, 3).isUnsigned());
@@ -97,8 +97,8 @@ TEST(ValueNumberTest, ConversionsTruncateAndSaturate) {
   EXPECT_EQ(Value(-3.9).intValue(), -3);
   EXPECT_EQ(Value(1e30).longLongValue(), std::numeric_limits<int64_t>::max());
   EXPECT_EQ(Value(std::nan("")).longLongValue(), 0);
-  EXPECT_EQ(Value(int64_t{0x100000001}).intValue(), 1);
-  EXPECT_EQ(Value(-1).unsignedLongLongValue(), std::numeric_limits<uint64_t>::max());
+  EXPECT_EQ(Value(int64_t{0x100000001}).intValue(), std::numeric_limits<int32_t>::max());
+  EXPECT_EQ(Value(-1).unsignedLongLongValue(), 0u);
   EXPECT_EQ(Value(*Decimal::fromString("12.75")).intValue(), 12);
   EXPECT_EQ(Value("  42abc").intValue(), 42);
   EXPECT_EQ(Value("-2.5e3").doubleValue(), -2500);
@@ -112,6 +112,87 @@ TEST(ValueNumberTest, ConversionsTruncateAndSaturate) {
   EXPECT_EQ(Value(0.1).decimalValue().toString(), "0.1");
   EXPECT_EQ(Value(std::numeric_limits<uint64_t>::max()).decimalValue().toString(), "18446744073709551615");
   EXPECT_EQ(arr({}).longLongValue(), 0);
+}
+
+// Every typed read of every kind of value: hand-worked answers, never a wrapped number.
+TEST(ValueNumberTest, TypedReadsOfEveryKindSaturateInsteadOfWrapping) {
+  constexpr int64_t kMax64 = std::numeric_limits<int64_t>::max();
+  constexpr int64_t kMin64 = std::numeric_limits<int64_t>::min();
+  constexpr int32_t kMax32 = std::numeric_limits<int32_t>::max();
+  constexpr int32_t kMin32 = std::numeric_limits<int32_t>::min();
+  constexpr uint64_t kMaxU64 = std::numeric_limits<uint64_t>::max();
+  constexpr double kInf = std::numeric_limits<double>::infinity();
+  constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+  auto decimal = [](const char* text) { return Value(*Decimal::fromString(text)); };
+  struct Row {
+    Value value;
+    int64_t ll;
+    int32_t i;
+    uint64_t ull;
+    double d;
+    float f;
+    bool b;
+  };
+  const Row rows[] = {
+      {Value(1e300), kMax64, kMax32, kMaxU64, 1e300, INFINITY, true},
+      {Value(-1e300), kMin64, kMin32, 0, -1e300, -INFINITY, true},
+      {Value(kInf), kMax64, kMax32, kMaxU64, kInf, INFINITY, true},
+      {Value(kNaN), 0, 0, 0, kNaN, NAN, false},
+      {Value(kMaxU64), kMax64, kMax32, kMaxU64, 0x1p64, 0x1p64f, true},
+      {Value(-1), -1, -1, 0, -1, -1, true},
+      {Value(int64_t{0x100000001}), 0x100000001, kMax32, 0x100000001, 0x100000001, 0x1p32f, true},
+      {Value(true), 1, 1, 1, 1, 1, true},
+      {decimal("99999999999999999999999"), kMax64, kMax32, kMaxU64, 1e23, 1e23f, true},
+      {decimal("-99999999999999999999999"), kMin64, kMin32, 0, -1e23, -1e23f, true},
+      {decimal("-12.75"), -12, -12, 0, -12.75, -12.75f, true},
+      // The whole part exactly: through a double it would read ...568.
+      {decimal("12345678901234567.9"), 12345678901234567, kMax32, 12345678901234567, 12345678901234568.0,
+       12345678901234568.0f, true},
+      {decimal("1e100"), kMax64, kMax32, kMaxU64, 1e100, INFINITY, true},
+      {Value(Decimal::notANumber()), 0, 0, 0, kNaN, NAN, false},
+      {Value("99999999999999999999999"), kMax64, kMax32, kMaxU64, 1e23, 1e23f, true},
+      {Value("-5"), -5, -5, 0, -5, -5, true},
+      {Value("1e5"), 1, 1, 1, 1e5, 1e5f, true},
+      {Value("12abc"), 12, 12, 12, 12, 12, true},
+      {Value("1e400"), 1, 1, 1, kInf, INFINITY, true},
+      {Value("-1e400"), -1, -1, 0, -kInf, -INFINITY, true},
+      {Value("0.000001e-400"), 0, 0, 0, 0, 0, false},
+      {Value("abc"), 0, 0, 0, 0, 0, false},
+      {Value::date(5), 0, 0, 0, 0, 0, false},
+      {arr({1}), 0, 0, 0, 0, 0, false},
+      {Value::data(Bytes{1}), 0, 0, 0, 0, 0, false},
+      {Value(), 0, 0, 0, 0, 0, false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.value.description());
+    EXPECT_EQ(row.value.longLongValue(), row.ll);
+    EXPECT_EQ(row.value.intValue(), row.i);
+    EXPECT_EQ(row.value.unsignedLongLongValue(), row.ull);
+    if (std::isnan(row.d)) {
+      EXPECT_TRUE(std::isnan(row.value.doubleValue()));
+      EXPECT_TRUE(std::isnan(row.value.floatValue()));
+    } else {
+      EXPECT_EQ(row.value.doubleValue(), row.d);
+      EXPECT_EQ(row.value.floatValue(), row.f);
+    }
+    EXPECT_EQ(row.value.boolValue(), row.b);
+  }
+}
+
+TEST(ValueNumberTest, NarrowKindsClampWhatTheyCannotHold) {
+  const std::pair<Value, int64_t> rows[] = {
+      {Value::number(NumberKind::Short, 99999), 32767},
+      {Value::number(NumberKind::Short, -99999), -32768},
+      {Value::number(NumberKind::Int, int64_t{1} << 40), 2147483647},
+      {Value::number(NumberKind::Char, -300), -128},
+      {Value::number(NumberKind::UnsignedInt, -5), 0},
+      {Value::unsignedNumber(NumberKind::UnsignedChar, 300), 255},
+      {Value::unsignedNumber(NumberKind::LongLong, std::numeric_limits<uint64_t>::max()),
+       std::numeric_limits<int64_t>::max()},
+  };
+  for (const auto& [value, expected] : rows) EXPECT_EQ(value.longLongValue(), expected) << value.description();
+  EXPECT_EQ(Value::unsignedNumber(NumberKind::Index, std::numeric_limits<uint64_t>::max()).unsignedLongLongValue(),
+            std::numeric_limits<uint64_t>::max());
 }
 
 TEST(ValueNumberTest, DescriptionIsShortestText) {

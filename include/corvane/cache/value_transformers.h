@@ -80,6 +80,12 @@ std::shared_ptr<ValueTransformer> CorvaneValueTransformerForAttribute(const Attr
 
 // ---- The transformers --------------------------------------------------------------------
 
+// Both ways the value as it stands, whatever its kind: a string attribute that another device
+// sent as the number 123 stays the number 123 in the cache and in the object, so that saving
+// the object again writes what was received. The host reads such a value through
+// ManagedObject::stringValue, which gives the number's text ("123", "0.25"), or through
+// Value::description(); Value::str() is "" for anything but a string. Nothing here converts,
+// so no value can make this transformer fail.
 class CorvaneNSStringValueTransformer : public ValueTransformer {
  public:
   Value transformedValue(const Value& value) const override;
@@ -89,6 +95,26 @@ class CorvaneNSStringValueTransformer : public ValueTransformer {
 // Forward: the decimal number read from the value's text (a text that is no number gives
 // not-a-number). Reverse: the value's text. Integer, floating-point and decimal attributes
 // thus lose no digits on their way through JSON.
+//
+// Forward, value by value (the value's text is its description()):
+//   "12.50", 12.5                     the decimal 12.5, exactly
+//   "99999999999999999999999", "1e5"  the decimal of that value, whatever the attribute's type
+//   "12abc", "twelve", "", a date     not-a-number (the text is no number as a whole)
+//   true / false                      1 / 0 (a Boolean's text is "1" or "0")
+//   "1e300", 1e-300                   a double: a well-formed number whose exponent is beyond
+//                                     the decimal's range is a number all the same
+// The cache keeps exactly this, so nothing a device sent is lost there.
+//
+// The type of an integer attribute applies when the object is given its value (the store's
+// conversion to the attribute's number kind): the whole part, truncated toward zero, clamped
+// to the type's range. So for an Integer16 attribute "99999999999999999999999" and "1e5" show
+// 32767, -2.7 shows -2, true shows 1, not-a-number ("12abc") shows 0, and Integer32 shows
+// "1e5" as 100000. Clamping, not wrapping and not keeping the wider number: the host was
+// promised a value of the attribute's width and stores it in one; a wrapped value would flip
+// sign and magnitude (99999999999999999999999 used to show as -1), while the clamped one is
+// the nearest value the type can hold and keeps the order of values (a larger number never
+// shows smaller). The exact value stays in the cache, so a model that widens the type later
+// shows it in full.
 class CorvaneNSNumberValueTransformer : public ValueTransformer {
  public:
   Value transformedValue(const Value& value) const override;
@@ -97,6 +123,9 @@ class CorvaneNSNumberValueTransformer : public ValueTransformer {
 
 class CorvaneNSDecimalNumberValueTransformer : public CorvaneNSNumberValueTransformer {};
 
+// Booleans pass through as they are, in whatever form a change file holds them (true, 1,
+// "YES"); the host's boolValue reads each (a nonzero number, or a text starting like "YES",
+// "true" or a digit 1-9).
 class CorvaneNSNumber800ValueTransformer : public ValueTransformer {
  public:
   Value transformedValue(const Value& value) const override;

@@ -143,6 +143,9 @@ class Value {
   // are 64-bit here and pick LongLong / UnsignedLongLong (what the platform's numbers report for
   // them), so that an int64_t never lands in the Long kind that binary coding narrows to 32 bits.
   // A C string or string_view makes an immutable string (a null C string makes nil).
+  // number() and unsignedNumber() clamp a value that the kind cannot hold to the kind's range
+  // (number(Short, 99999) holds 32767, number(UnsignedInt, -5) holds 0) instead of wrapping it:
+  // a value that reaches a narrower kind keeps its sign and stays as close as it can.
   Value(bool b) noexcept;  // NOLINT(google-explicit-constructor)
   Value(int v) noexcept;
   Value(long v) noexcept;
@@ -222,21 +225,38 @@ class Value {
   bool isMutable() const noexcept;
 
   // ---- Numbers ------------------------------------------------------------------------------
-  // Valid when isNumber(); 0 / false otherwise. Decimals convert too.
+  // The typed reads answer for every kind of value, never throw and never wrap:
+  //  - A number of a wider or other kind converts; integer results are truncated toward zero
+  //    and saturate at the target's range (a double 1e300, a decimal 1e30 or an unsigned 2^64-1
+  //    gives INT64_MAX for longLongValue, INT32_MAX for intValue; a negative value gives 0 for
+  //    unsignedLongLongValue). Floating-point NaN gives 0 and false; floatValue of a double
+  //    beyond float's range is the infinity of its sign.
+  //  - A decimal converts exactly (its whole part, not a rounded double); not-a-number gives
+  //    0, NaN for doubleValue, and false.
+  //  - A string gives its leading number, as the platform reads one: "  42abc" is 42, "1e5" is
+  //    1 for the integer reads and 100000 for doubleValue, "99999999999999999999999" saturates,
+  //    a text beyond a double's range reads as an infinity; boolValue looks at the first
+  //    character (see below). Text without a leading number gives 0.
+  //  - Every other kind (nil, null, data, dates, containers, ...) gives 0 / 0.0 / false; use
+  //    dateValue() for a date.
   NumberKind numberKind() const noexcept { return numberKind_; }
   bool isFloatingPoint() const noexcept;  // Float or Double kind
   bool isUnsigned() const noexcept;       // an unsigned integer kind
   bool boolValue() const noexcept;        // nonzero number, or a string starting like "YES"/"true"/a digit 1-9
-  int32_t intValue() const noexcept;      // truncating conversion, as the platform does
+  int32_t intValue() const noexcept;      // truncating, saturating at the int32 range
   int64_t longLongValue() const noexcept;
   uint64_t unsignedLongLongValue() const noexcept;
   float floatValue() const noexcept;
   double doubleValue() const noexcept;
-  // The number as a Decimal (exact for integers; shortest round-trip text for floating point).
+  // The number as a Decimal (exact for integers; shortest round-trip text for floating point;
+  // not-a-number for a floating-point NaN or infinity). A string gives the decimal of its whole
+  // text (not-a-number when that is no number); other kinds give zero.
   Decimal decimalValue() const;
 
   // ---- Strings, data, dates, URLs, structures, index sets, objects -------------------------
-  // The UTF-8 text of a string; the empty string for any other kind.
+  // The UTF-8 text of a string; the empty string for any other kind, numbers included (a
+  // number's text is description(), which is what ManagedObject::stringValue shows for a
+  // non-string value).
   const std::string& str() const noexcept;
   // The bytes of a data value; empty for any other kind.
   ByteView bytes() const noexcept;
