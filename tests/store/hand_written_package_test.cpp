@@ -168,5 +168,45 @@ TEST_F(HandWrittenPackageTest, AnEncryptedPackageOpensAndReads) {
   close(s);
 }
 
+// Another device sent values of the wrong kind or out of range: the objects show them as the
+// attribute types promise, clamped rather than wrapped, and a string attribute keeps a number.
+TEST_F(HandWrittenPackageTest, ForeignValuesShowClampedAndTyped) {
+  write("Info.plist", kInfoPlist);
+  write("Changes/" + std::string(kC1), std::string(R"({"name":")") + kC1 +
+                                           R"(","date":"2024-05-17T09:41:07.250+0000","changes":{"insert":{)"
+                                           R"("Person":{")" + kAnn + R"(":{},")" + kBob + R"(":{}}}},)" +
+                                           kSession + "}");
+  write("Entities/Person/" + std::string(kAnn) + "/" + kC1,
+        R"({"version":"1","type":"insert","payload":{"name":{"value":123},)"
+        R"("rank":{"value":"99999999999999999999999"},"age":{"value":"1e5"},)"
+        R"("serial":{"value":"12abc"},"height":{"value":"1e300"},"active":{"value":"YES"}}})");
+  write("Entities/Person/" + std::string(kBob) + "/" + kC1,
+        R"({"version":"1","type":"insert","payload":{"name":{"value":"Bob"},)"
+        R"("rank":{"value":-2.7},"age":{"value":true},"serial":{"value":-1e300}}})");
+  OpenStore s = open();
+  ASSERT_TRUE(s);
+  for (int pass = 0; pass < 2; ++pass) {  // from the change files, then from this device's cache
+    SCOPED_TRACE(pass);
+    auto people = s.context->fetch(FetchRequest("Person"));
+    ASSERT_TRUE(people);
+    ASSERT_EQ(people->size(), 2u);
+    const bool annFirst = storeUID((*people)[0]->objectID()) == kAnn;
+    const auto& ann = (*people)[annFirst ? 0 : 1];
+    const auto& bob = (*people)[annFirst ? 1 : 0];
+    EXPECT_EQ(ann->value("name"), Value(123));
+    EXPECT_EQ(ann->stringValue("name"), "123");
+    EXPECT_EQ(ann->value("rank"), Value::number(NumberKind::Short, 32767));  // was -1, wrapped
+    EXPECT_EQ(ann->int64Value("age"), 100000);
+    EXPECT_EQ(ann->int64Value("serial"), 0);  // not a number
+    EXPECT_EQ(ann->doubleValue("height"), 1e300);
+    EXPECT_TRUE(ann->boolValue("active"));
+    EXPECT_EQ(bob->int64Value("rank"), -2);
+    EXPECT_EQ(bob->int64Value("age"), 1);
+    EXPECT_EQ(bob->int64Value("serial"), std::numeric_limits<int64_t>::min());
+    close(s);
+    if (pass == 0) s = open();
+  }
+}
+
 }  // namespace
 }  // namespace corvane::testing
