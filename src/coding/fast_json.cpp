@@ -207,6 +207,14 @@ class Printer {
     return true;
   }
 
+  // A one-entry dictionary {"$alias": key path} is the writer's instruction to write the
+  // value found along the path from the root; it prints as itself.
+  static bool isAliasDictionary(const Value& dict) {
+    const auto& entries = dict.entries();
+    return entries.size() == 1 && entries[0].first.isString() && entries[0].first.str() == "$alias" &&
+           entries[0].second.isString();
+  }
+
   static bool needsPairForm(const Value& dict) {
     for (const auto& entry : dict.entries()) {
       if (!entry.first.isString()) return true;
@@ -233,6 +241,9 @@ class Printer {
         w_.EndObject();
         return true;
       case ValueKind::Dictionary:
+        if (isAliasDictionary(v)) {
+          return oneKey("$alias", [&] { string(v.entries()[0].second.str()); });
+        }
         if (needsPairForm(v)) {
           w_.StartObject();
           key("$dictionary");
@@ -361,6 +372,11 @@ class Builder {
 
   std::optional<Value> notation(std::string_view name, const JsonValue& body, int depth) {
     if (name == "$nil") return Value();
+    if (name == "$alias") {
+      if (!body.IsString()) return fail("$alias takes a key path string");
+      return Value::dictionary({{Value("$alias"), Value::string(std::string_view(body.GetString(), body.GetStringLength()))}},
+                               mutable_);
+    }
     if (name == "$cycle") return fail("a cycle cannot be built from JSON");
     if (name == "$data") {
       if (!body.IsString()) return fail("$data takes a base64 string");
@@ -443,11 +459,14 @@ class Builder {
     if (j.HasMember("$url")) {
       const JsonValue& relative = j["$url"];
       if (!relative.IsString()) return fail("$url takes a string");
+      // The base: null, a URL's text, or a nested {"$url": ...} (which may have a base itself).
       Value base;
-      if (j.HasMember("$base") && !j["$base"].IsNull()) {
+      if (j.HasMember("$base") && j["$base"].IsString()) {
+        base = Value::url(std::string_view(j["$base"].GetString(), j["$base"].GetStringLength()));
+      } else if (j.HasMember("$base") && !j["$base"].IsNull()) {
         auto b = build(j["$base"], depth + 1);
         if (!b) return std::nullopt;
-        if (!b->isURL()) return fail("$base takes a URL or null");
+        if (!b->isURL()) return fail("$base takes a URL, a URL string or null");
         base = *b;
       }
       return Value::url(std::string_view(relative.GetString(), relative.GetStringLength()), base);

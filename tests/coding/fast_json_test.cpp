@@ -85,5 +85,50 @@ TEST(FastJson, EncodingWritesTheSmallestNumbersAndImmutableContainers) {
   EXPECT_EQ(error.localizedDescription, "unknown notation $nope");
 }
 
+// {"$alias": key path} is the writer's alias dictionary: it reads as that dictionary, prints
+// back as itself, and encodes as the value found along the path.
+TEST(FastJson, AliasDictionariesRoundTripAndEncodeAsTheirTarget) {
+  const std::string text = R"({"a":[5,"x"],"b":{"$alias":"a.1"}})";
+  auto v = fastGraphFromJson(text, false);
+  ASSERT_TRUE(v.has_value());
+  EXPECT_EQ(v->lookup("b"), dict({{"$alias", "a.1"}}));
+  EXPECT_EQ(compact(*v), text);
+  // Root dictionary 9, the array 10 with 5 as Int8 and "x" (string 0), key "a" (string 1); then
+  // the alias finds "x" again (StringAlias8 0) and key "b" (string 2). Objects: array, root.
+  EXPECT_EQ(encode(*v), cat({header(2, 0, 3), {0x09, 0, 0, 0}, u32(2), {0x0A, 0, 0, 0}, u32(2), {0x0F, 0x05, 0x08},
+                             cstr("x"), {0x08}, cstr("a"), {0x05, 0x00, 0x08}, cstr("b")}));
+  // A path that leads nowhere writes Nil in its place.
+  v = fastGraphFromJson(R"([{"$alias":"7.q"}])", true);
+  ASSERT_TRUE(v.has_value());
+  EXPECT_EQ(encode(*v), cat({header(1, 0, 0), {0x19, 0, 0, 0}, u32(1), {0x00}}));
+
+  // Only a one-entry dictionary with a string is an alias dictionary; others keep the pair form.
+  for (const Value& other : {dict({{"$alias", 5}}), dict({{"$alias", "p"}, {"k", 1}})}) {
+    const std::string printed = compact(other);
+    EXPECT_EQ(printed.rfind(R"({"$dictionary":)", 0), 0u) << printed;
+    EXPECT_EQ(fastGraphFromJson(printed, false), other) << printed;
+  }
+  Error error;
+  EXPECT_FALSE(fastGraphFromJson(R"({"$alias": 5})", false, &error).has_value());
+  EXPECT_EQ(error.localizedDescription, "$alias takes a key path string");
+}
+
+TEST(FastJson, AURLBaseIsANestedURLOrItsText) {
+  // "b" (string 0), then the base: 33, "http://h/" (string 1), no base (Nil), the base URL
+  // registered (string 2), then the URL itself (string 3).
+  const Bytes bytes = cat({header(0, 0, 4), {0x21, 0x08}, cstr("b"), {0x21, 0x08}, cstr("http://h/"), {0x00}});
+  for (const char* text : {R"({"$url":"b","$base":"http://h/"})", R"({"$url":"b","$base":{"$url":"http://h/"}})"}) {
+    auto v = fastGraphFromJson(text, false);
+    ASSERT_TRUE(v.has_value()) << text;
+    EXPECT_EQ(*v, Value::url("b", Value::url("http://h/")));
+    EXPECT_EQ(v->urlAbsoluteString(), "http://h/b");
+    EXPECT_EQ(encode(*v), bytes) << text;
+    EXPECT_EQ(compact(*v), R"({"$url":"b","$base":{"$url":"http://h/","$base":null}})");
+  }
+  Error error;
+  EXPECT_FALSE(fastGraphFromJson(R"({"$url":"b","$base":3})", false, &error).has_value());
+  EXPECT_EQ(error.localizedDescription, "$base takes a URL, a URL string or null");
+}
+
 }  // namespace
 }  // namespace corvane

@@ -39,8 +39,11 @@ TEST(FastWriter, LongAndIndexKindsGoThroughThirtyTwoBits) {
   // 2^40 + 5 keeps only its low 32 bits: 5.
   EXPECT_EQ(encode(Value::number(NumberKind::Long, (int64_t{1} << 40) + 5)), cat({header(0, 0, 0), {0x0F, 0x05}}));
   EXPECT_EQ(encode(Value::unsignedNumber(NumberKind::Index, uint64_t{1} << 40)), cat({header(0, 0, 0), {0x2E}}));
-  // A char kind takes its low 8 bits: 0x1FF becomes -1.
-  EXPECT_EQ(encode(Value::number(NumberKind::Char, 0x1FF)), cat({header(0, 0, 0), {0x0F, 0xFF}}));
+  // A char kind holds what fits in 8 bits (0x1FF is clamped when the value is made).
+  EXPECT_EQ(encode(Value::number(NumberKind::Char, 0x1FF)), cat({header(0, 0, 0), {0x0F, 0x7F}}));
+  EXPECT_EQ(encode(Value::number(NumberKind::Char, -1)), cat({header(0, 0, 0), {0x0F, 0xFF}}));
+  // An index of 2^63 and more still goes through its low 32 bits, not a saturated value.
+  EXPECT_EQ(encode(Value::unsignedNumber(NumberKind::Index, (uint64_t{1} << 63) + 5)), cat({header(0, 0, 0), {0x0F, 0x05}}));
   // A kind no encoder knows writes nothing after the header.
   EXPECT_EQ(encode(Value::number(NumberKind::Unknown, 7)), header(0, 0, 0));
 }

@@ -134,6 +134,7 @@ TEST_F(FastCommandsTest, HelpDescribesBothCommandsAndTheNotation) {
   EXPECT_NE(r.out.find("dump"), std::string::npos);
   EXPECT_NE(r.out.find("encode"), std::string::npos);
   EXPECT_NE(r.out.find("{\"$cycle\": true}"), std::string::npos);
+  EXPECT_NE(r.out.find("{\"$alias\": \"key.path\"}"), std::string::npos);
 }
 
 }  // namespace

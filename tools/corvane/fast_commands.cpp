@@ -17,11 +17,14 @@ namespace {
 constexpr const char* kNotationHelp =
     "JSON notation: kinds that JSON lacks are one-key objects: {\"$data\": base64}, {\"$date\": seconds since "
     "2001-01-01}, {\"$decimal\": \"exact text\"}, {\"$set\": [...]}, {\"$orderedSet\": [...]}, {\"$url\": relative, "
-    "\"$base\": base or null}, {\"$point\": [x, y]}, {\"$size\": [w, h]}, {\"$rect\": [x, y, w, h]}, {\"$range\": "
+    "\"$base\": base URL as {\"$url\": ...} or as its text, or null}, {\"$point\": [x, y]}, {\"$size\": [w, h]}, "
+    "{\"$rect\": [x, y, w, h]}, {\"$range\": "
     "[location, length]}, {\"$vector\": [dx, dy]}, {\"$affineTransform\": [a, b, c, d, tx, ty]}, {\"$transform3D\": "
     "[16 numbers]}, {\"$indexSet\": [[location, length], ...]}, {\"$nil\": true} for an empty slot. null is the null "
     "value. A dictionary with keys that are not strings is {\"$dictionary\": [[key, value], ...]}. An object is "
-    "{\"$class\": name, property: value, ...}. A node met again inside itself (a cycle) is {\"$cycle\": true}.";
+    "{\"$class\": name, property: value, ...}. A node met again inside itself (a cycle) is {\"$cycle\": true}. "
+    "{\"$alias\": \"key.path\"} is the dictionary of that one entry, which encode replaces by the value found from "
+    "the root along the path (\"items.2.name\": key items, element 2, key name).";
 
 bool readInput(const std::string& path, Bytes* out, std::string* error) {
   if (path.empty() || path == "-") {

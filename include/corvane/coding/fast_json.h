@@ -3,13 +3,15 @@
 //
 // Kinds that JSON lacks are one-key objects: {"$data": base64}, {"$date": seconds since
 // 2001-01-01}, {"$decimal": "exact text"}, {"$set": [...]}, {"$orderedSet": [...]},
-// {"$url": relative, "$base": base URL or null}, {"$point": [x, y]}, {"$size": [w, h]},
+// {"$url": relative, "$base": base URL, the base's text or null}, {"$point": [x, y]}, {"$size": [w, h]},
 // {"$rect": [x, y, w, h]}, {"$range": [location, length]}, {"$vector": [dx, dy]},
 // {"$affineTransform": [a, b, c, d, tx, ty]}, {"$transform3D": [16 numbers]},
 // {"$indexSet": [[location, length], ...]}, {"$nil": true} for an empty slot. The null value
 // is null. A dictionary with a key that is not a string (or a string key starting with "$"
 // other than "$class") is {"$dictionary": [[key, value], ...]}. An object is
 // {"$class": name, property: value, ...}. A node met again inside itself is {"$cycle": true}.
+// {"$alias": "key.path"} is the one-entry dictionary of that name, which the writer replaces by
+// the value found from the root along the path ("items.2.name"); it prints back the same way.
 // Floating-point NaN and infinities are written as NaN, Infinity and -Infinity.
 //
 // Threads: both functions are reentrant.
