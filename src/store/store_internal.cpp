@@ -71,23 +71,42 @@ std::optional<double> dateFromChangeValue(const Value& value) {
 }
 
 Value modelValueForAttribute(const AttributeDescription& attribute, const Value& value) {
-  if (!value.isDecimal() && !value.isNumber()) return value;
+  if (value.isNil() || value.isNull()) return value;
+  const bool numeric = value.isDecimal() || value.isNumber();
+  // Other devices may send a value of another kind; the object shows it in its attribute's
+  // type when it has a reading there, and as nothing otherwise (the cache keeps what was sent),
+  // so that one odd file can neither crash the host nor fail its next save.
+  Value shown = value;
   switch (attribute.attributeType()) {
     case AttributeType::Integer16:
-      return Value::number(NumberKind::Short, value.longLongValue());
+      if (numeric || value.isString()) shown = Value::number(NumberKind::Short, value.longLongValue());
+      break;
     case AttributeType::Integer32:
-      return Value::number(NumberKind::Int, value.longLongValue());
+      if (numeric || value.isString()) shown = Value::number(NumberKind::Int, value.longLongValue());
+      break;
     case AttributeType::Integer64:
-      return Value::number(NumberKind::LongLong, value.longLongValue());
+      if (numeric || value.isString()) shown = Value::number(NumberKind::LongLong, value.longLongValue());
+      break;
     case AttributeType::Double:
-      return Value::doubleNumber(value.doubleValue());
+      if (numeric || value.isString()) shown = Value::doubleNumber(value.doubleValue());
+      break;
     case AttributeType::Float:
-      return Value::floatNumber(value.floatValue());
+      if (numeric || value.isString()) shown = Value::floatNumber(value.floatValue());
+      break;
     case AttributeType::Boolean:
-      return Value::boolean(value.boolValue());
+      if (numeric || value.isString()) shown = Value::boolean(value.boolValue());
+      break;
+    case AttributeType::String:
+    case AttributeType::UUID:
+      if (numeric) shown = Value(value.description());
+      break;
+    case AttributeType::Date:
+      if (numeric) shown = Value::date(value.doubleValue());
+      break;
     default:
-      return value;
+      break;
   }
+  return valueFitsAttributeType(shown, attribute.attributeType()) ? shown : Value();
 }
 
 std::optional<Bytes> readBytes(Env* env, const std::string& path) {

@@ -28,7 +28,9 @@ std::string timestampString(double secondsSince2001);
 std::optional<double> dateFromChangeValue(const Value& value);
 
 // The cache answers numbers as decimals (their file form is decimal text); objects want the
-// kind their attribute declares.
+// kind their attribute declares. A number for a string attribute shows as its text, a text
+// for a number or boolean attribute as what it reads as (see Value's accessors), a number for
+// a date as seconds since 2001; a value with no reading in the attribute's type as nil.
 Value modelValueForAttribute(const AttributeDescription& attribute, const Value& value);
 
 // Reads a file through the Env; nullopt when it cannot be read.
