@@ -351,19 +351,38 @@ bool CorvaneStore::resetCache(Error* error) {
 // ---- Metadata ------------------------------------------------------------------------------
 
 Value CorvaneStore::metadata() const {
+  uint64_t generation = 0;
   {
-    std::lock_guard<std::mutex> lock(metadataMutex_);
-    if (cachedMetadata_.isDictionary() && !cachedMetadata_["Corvane"].isNil()) return cachedMetadata_;
-    if (fetchingMetadata_) return cachedMetadata_.isDictionary() ? cachedMetadata_ : Value::dictionary();
+    std::unique_lock<std::mutex> lock(metadataMutex_);
+    for (;;) {
+      if (cachedMetadata_.isDictionary() && !cachedMetadata_["Corvane"].isNil()) return cachedMetadata_;
+      if (!fetchingMetadata_) break;
+      // The fetching thread asking again (through the base store) cannot wait for itself.
+      if (metadataFetcher_ == std::this_thread::get_id()) {
+        return cachedMetadata_.isDictionary() ? cachedMetadata_ : Value::dictionary();
+      }
+      // Anyone else waits for the one fetch rather than taking an empty answer; the lock is not
+      // held while the base store and Info.plist are read.
+      metadataFetched_.wait(lock);
+      if (!fetchingMetadata_ && cachedMetadata_.isDictionary()) return cachedMetadata_;
+    }
     fetchingMetadata_ = true;
+    metadataFetcher_ = std::this_thread::get_id();
+    generation = metadataGeneration_;
   }
   Value merged = store_internal::mutableDictionaryCopy(PersistentStore::metadata());
   const Value info = infoDictionary();
   for (const auto& [key, value] : info.entries()) merged.set(key, value);
-  std::lock_guard<std::mutex> lock(metadataMutex_);
-  fetchingMetadata_ = false;
-  cachedMetadata_ = merged.copy();
-  return cachedMetadata_;
+  const Value result = merged.copy();
+  {
+    std::lock_guard<std::mutex> lock(metadataMutex_);
+    fetchingMetadata_ = false;
+    metadataFetcher_ = std::thread::id();
+    // A setMetadata() meanwhile made this result stale: the next caller fetches again.
+    if (generation == metadataGeneration_) cachedMetadata_ = result;
+  }
+  metadataFetched_.notify_all();
+  return result;
 }
 
 void CorvaneStore::setMetadata(const Value& metadata) {
@@ -378,6 +397,7 @@ void CorvaneStore::setMetadata(const Value& metadata) {
     info = store_internal::mutableDictionaryCopy(read);
     for (const auto& [key, value] : metadata.entries()) info.set(key, value);
     cachedMetadata_ = Value();
+    ++metadataGeneration_;
   }
   {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -101,5 +101,69 @@ TEST_F(StoreConcurrentTest, SavesWhilePassesReapplyTheHistoryBehindLateChanges) 
   close(s);
 }
 
+// Callers on several threads at once (the cache's binding asks off the main thread): exactly one
+// starts a pass, every other one is told a pass is running. The pass here always fails (its
+// change lists an object file that is not there), so each round needs a pass of its own.
+TEST_F(StoreConcurrentTest, OnePassAtATimeWhateverThreadAsks) {
+  OpenStore s = open();
+  s.context->insertNewObject("Person")->setValue("name", "Ann");
+  ASSERT_TRUE(save(s));
+  const std::string first = s.store->cache()->changes().at(0)["name"].str();
+  const std::string late = "9999-01-01-00-00-00.000.00000000-0000-0000-0000-000000000000.json";
+  writeTextFile(package + "/Changes/" + late,
+                fmt::format(R"({{"name":"{}","previousName":"{}","changes":{{"update":{{"Person":{{"GONE":{{}}}}}}}}}})",
+                            late, first));
+  auto rejections = [&] {
+    const std::vector<std::string> all = messages(s.store);
+    return std::count(all.begin(), all.end(), "Update in progress: Abort and trying again in some seconds");
+  };
+  const long before = rejections();
+  constexpr int kRounds = 300;
+  constexpr int kCallers = 4;
+  for (int round = 0; round < kRounds; ++round) {
+    std::atomic<int> waiting{kCallers};
+    std::vector<std::thread> callers;
+    for (int i = 0; i < kCallers; ++i) {
+      callers.emplace_back([&] {
+        --waiting;
+        while (waiting.load() > 0) std::this_thread::yield();
+        s.store->updateChanges();
+      });
+    }
+    for (std::thread& caller : callers) caller.join();
+    waitUntil([&] { return !s.store->isUpdating(); });
+    drain();
+  }
+  EXPECT_EQ(rejections() - before, static_cast<long>(kRounds * (kCallers - 1)));
+  close(s);
+}
+
+// A second caller while the first is still reading the metadata gets the metadata too, not an
+// empty dictionary; setMetadata() drops what was kept, so each round fetches afresh.
+TEST_F(StoreConcurrentTest, EveryMetadataCallerGetsTheMetadata) {
+  OpenStore s = open();
+  const std::string identifier = s.store->documentIdentifier();
+  constexpr int kRounds = 100;
+  constexpr int kCallers = 4;
+  std::atomic<int> empty{0};
+  for (int round = 0; round < kRounds; ++round) {
+    s.store->setMetadata(dict({{"Round", Value(round)}}));
+    std::atomic<int> waiting{kCallers};
+    std::vector<std::thread> callers;
+    for (int i = 0; i < kCallers; ++i) {
+      callers.emplace_back([&] {
+        --waiting;
+        while (waiting.load() > 0) std::this_thread::yield();
+        const Value metadata = s.store->metadata();
+        if (metadata["DocumentIdentifier"] != Value(identifier) || metadata["Corvane"].isNil()) ++empty;
+      });
+    }
+    for (std::thread& caller : callers) caller.join();
+  }
+  EXPECT_EQ(empty.load(), 0);
+  EXPECT_EQ(s.store->metadata()["Round"], Value(kRounds - 1));
+  close(s);
+}
+
 }  // namespace
 }  // namespace corvane::testing

@@ -32,6 +32,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -39,6 +40,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -429,6 +431,9 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   void beginPass(std::shared_ptr<Pass> pass);
   void runPass(std::shared_ptr<Pass> pass);
   bool validateChange(const Value& change, bool lightWeight, bool report, Value* combined, Value* parsedObjects);
+  // Reports a change holding `name`, which may not become part of a path, as validation reports
+  // a damaged change (with the repair menu when the change file's path is known).
+  void reportNonPlainName(const std::string& changePath, const std::string& name, const Value& change);
   void foldReplayedChange(Pass& pass, const Value& change, const Value& content, const Value& parsedObjects);
   // The log on the main run loop.
   void addLogEntry(StoreLogEntry entry, const Value& change);
@@ -462,6 +467,9 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   mutable std::mutex metadataMutex_;
   mutable Value cachedMetadata_;
   mutable bool fetchingMetadata_ = false;
+  mutable std::thread::id metadataFetcher_;
+  mutable uint64_t metadataGeneration_ = 0;  // counts setMetadata() calls
+  mutable std::condition_variable metadataFetched_;
 
   std::unordered_map<std::string, std::string> entityKeys_, reverseEntityKeys_;
   std::vector<const EntityDescription*> entityList_;
