@@ -292,11 +292,17 @@ Value CorvaneCacheItem::parseDataForObjectID(const ObjectID& objectID, CorvaneCa
   Value result = Value::mutableDictionary();
   const EntityDescription* entity = objectID.entity();
   if (data_.empty() || entity == nullptr || store == nullptr) return result;
-  const std::string folder =
-      pathJoin(pathJoin(pathJoin(store->entitiesURL(), store->fileNameForEntity(*entity)), storeUID(objectID)), "Data");
+  const std::optional<std::string> objectFolder =
+      pathJoinFileName(pathJoin(store->entitiesURL(), store->fileNameForEntity(*entity)), storeUID(objectID));
+  if (!objectFolder) return result;
+  const std::string folder = pathJoin(*objectFolder, "Data");
   for (const auto& [key, fileName] : data_.entries()) {
-    if (!fileName.isString()) continue;
-    const std::string path = store->correctedDataURL(pathJoin(folder, fileName.str()));
+    // The name comes from another device's object file: one that would lead out of the Data
+    // folder is not read.
+    const std::optional<std::string> dataPath =
+        fileName.isString() ? pathJoinFileName(folder, fileName.str()) : std::nullopt;
+    if (!dataPath) continue;
+    const std::string path = store->correctedDataURL(*dataPath);
     Bytes bytes;
     Error error;
     if (!store->env()->readFile(path, &bytes, &error)) {

@@ -193,4 +193,14 @@ std::string pathDeletingExtension(const std::string& path) {
   return dot == std::string::npos ? p : p.substr(0, dot);
 }
 
+bool isPlainFileName(std::string_view name) {
+  if (name.empty() || name == "." || name == "..") return false;
+  return name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
+}
+
+std::optional<std::string> pathJoinFileName(const std::string& folder, std::string_view name) {
+  if (!isPlainFileName(name)) return std::nullopt;
+  return pathJoin(folder, std::string(name));
+}
+
 }  // namespace corvane

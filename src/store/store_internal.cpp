@@ -131,4 +131,24 @@ bool hasJSONExtension(std::string_view name) {
   return true;
 }
 
+std::optional<std::string> nonPlainNameInChange(const Value& change) {
+  auto plain = [](const Value& name) { return name.isString() && isPlainFileName(name.str()); };
+  if (const Value& name = change["name"]; !name.isNil() && !plain(name)) return name.description();
+  if (const Value& previous = change["previousName"]; previous.isString() && !plain(previous)) return previous.str();
+  for (const char* key : {"changes", "refreshes"}) {
+    for (const auto& byType : change[key].entries()) {
+      for (const auto& [entityName, byUID] : byType.second.entries()) {
+        if (!plain(entityName)) return entityName.description();
+        for (const auto& [uid, record] : byUID.entries()) {
+          if (!plain(uid)) return uid.description();
+          for (const Value& data : record["data"].elements()) {
+            if (data["length"].longLongValue() != 0 && !plain(data["name"])) return data["name"].description();
+          }
+        }
+      }
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace corvane::store_internal

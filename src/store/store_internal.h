@@ -39,6 +39,11 @@ std::optional<Bytes> readBytes(Env* env, const std::string& path);
 // A mutable dictionary holding the entries of `value` (empty when it is no dictionary).
 Value mutableDictionaryCopy(const Value& value);
 
+// The first name in a change that may not become part of a path (its "name", "previousName",
+// the entity names and UIDs of "changes" and "refreshes", the data-file names of their records);
+// nullopt when every one is a plain file name.
+std::optional<std::string> nonPlainNameInChange(const Value& change);
+
 // The extension of a change file name, compared as the platform's "like" would.
 bool hasJSONExtension(std::string_view name);
 

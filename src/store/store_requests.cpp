@@ -283,6 +283,9 @@ std::optional<Value> CorvaneStore::newValueForRelationship(const RelationshipDes
 
 ObjectID CorvaneStore::newObjectIDForEntity(const EntityDescription* entity, const Value& referenceObject) {
   if (entity == nullptr || closed_ || persistentStoreCoordinator() == nullptr) return ObjectID();
+  // A UID names its object's folder: one read from another device's file that is no plain file
+  // name (a reference "Person/../../x") gets no object, so it never reaches a path.
+  if (referenceObject.isString() && !isPlainFileName(referenceObject.str())) return ObjectID();
   return IncrementalStore::newObjectIDForEntity(entity, referenceObject);
 }
 
@@ -325,13 +328,13 @@ CorvaneCacheItemPtr CorvaneStore::loadValuesForObjectID(const ObjectID& objectID
 }
 
 std::vector<std::string> CorvaneStore::changesFilesFor(const EntityDescription& entity, const std::string& uid) {
-  const std::string folder = pathJoin(pathJoin(entitiesURL(), fileNameForEntity(entity)), uid);
+  const std::optional<std::string> folder = pathJoinFileName(pathJoin(entitiesURL(), fileNameForEntity(entity)), uid);
   std::vector<std::string> names;
-  if (!env_->listDirectory(folder, true, &names, nullptr)) return {};
+  if (!folder || !env_->listDirectory(*folder, true, &names, nullptr)) return {};
   const Value applied = cache_->changeNames();
   std::vector<std::string> files;
   for (const std::string& name : names) {
-    if (applied.contains(Value(name))) files.push_back(pathJoin(folder, name));
+    if (applied.contains(Value(name))) files.push_back(pathJoin(*folder, name));
   }
   std::sort(files.begin(), files.end());
   return files;

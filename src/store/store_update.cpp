@@ -59,12 +59,13 @@ void CorvaneStore::invalidatePaths(const std::vector<std::string>& paths) {
 // observeDirectory() and unobserveDirectory() are in store_watch.cpp.
 
 void CorvaneStore::updateChanges() {
-  if (updating_) {
+  // One atomic step: the cache's binding calls this off the main thread, and a test followed by
+  // a set would let two callers start a pass each.
+  if (updating_.exchange(true)) {
     log("Update in progress: Abort and trying again in some seconds", kCorvaneLogTypeWarning);
     scheduleUpdate(retryDelay_);
     return;
   }
-  updating_ = true;
   const double start = env_->monotonicNow();
   updateChangesWithCompletion([this, start](bool success) {
     if (success) {
@@ -217,6 +218,12 @@ CorvaneStore::ChangeReading CorvaneStore::readChange(Pass& pass, const std::stri
     pass.missing = true;
     if (!recovering) return ChangeReading::Stop;
     damaged = true;
+  } else if (std::optional<std::string> bad = store_internal::nonPlainNameInChange(*parsed)) {
+    // A name that would lead out of its folder: the file is damaged, whoever wrote it, and none
+    // of its names is used.
+    if (report) reportNonPlainName(path, *bad, *parsed);
+    if (!recovering) return ChangeReading::Invalid;
+    damaged = true;
   } else {
     change = *parsed;
   }
@@ -364,6 +371,13 @@ bool CorvaneStore::validateChange(const Value& change, bool lightWeight, bool re
     if (report) log(fmt::format("Change incomplete {}", change.description()), kCorvaneLogTypeError);
     return false;
   }
+  // Every name below becomes part of a path; a change with one that is not a plain file name is
+  // refused even when recovering, since recovering would apply it.
+  if (std::optional<std::string> bad = store_internal::nonPlainNameInChange(change)) {
+    *combinedOut = Value::mutableDictionary();
+    if (report) reportNonPlainName(std::string(), *bad, change);
+    return false;
+  }
   const std::string& name = change["name"].str();
   const std::string changePath = pathJoin(changesURL(), name);
   const std::string shortChange = shortURL(changePath);
@@ -451,6 +465,20 @@ bool CorvaneStore::validateChange(const Value& change, bool lightWeight, bool re
     setErrorLevel(kCorvaneLogTypeSuccess);
   }
   return true;
+}
+
+void CorvaneStore::reportNonPlainName(const std::string& changePath, const std::string& name, const Value& change) {
+  const std::string shortChange = changePath.empty() ? change["name"].description() : shortURL(changePath);
+  std::vector<StoreMenuItem> menu;
+  if (!changePath.empty()) {
+    menu = {{"Ignore", kStoreMenuActionDiscardChange, changePath},
+            {"Show in Finder", kStoreMenuActionShowInFinder, changePath}};
+  }
+  log(fmt::format("Invalid file name in change file: {} {}", shortChange, name), kCorvaneLogTypeWarning, change,
+      std::move(menu));
+  setErrorLevel(kCorvaneLogTypeWarning);
+  log(fmt::format("Failed validation {}", shortChange), kCorvaneLogTypeError, change);
+  setErrorLevel(kCorvaneLogTypeError);
 }
 
 std::string CorvaneStore::correctedDataURL(const std::string& path) {

@@ -48,21 +48,56 @@ class FakeVolumes : public StoreVolumeQueries {
   }
 };
 
-// The fake clock, with files that cannot be read (vanished between listing and reading) and
-// names that cannot be written (a full disk) wherever they are.
+// The fake clock, with files that cannot be read (vanished between listing and reading), names
+// that cannot be written (a full disk) wherever they are, and a hook that sees every path the
+// code under test reads, lists, writes or removes.
 class TestEnv : public ManualClockEnv {
  public:
   std::set<std::string> unreadable;
   std::set<std::string> unwritableNames;
+  std::function<void(const std::string&)> touched;
   bool readFile(const std::string& path, Bytes* out, Error* error) override {
+    touch(path);
     if (unreadable.contains(path)) return setError(error, Error(kPOSIXErrorDomain, 2, path + ": unreadable"));
     return ManualClockEnv::readFile(path, out, error);
   }
   bool writeFileAtomically(const std::string& path, ByteView data, Error* error) override {
+    touch(path);
     if (unwritableNames.contains(pathLastComponent(path))) {
       return setError(error, Error(kPOSIXErrorDomain, 28, path + ": no space left"));
     }
     return ManualClockEnv::writeFileAtomically(path, data, error);
+  }
+  bool fileExists(const std::string& path, bool* isDirectory = nullptr) override {
+    touch(path);
+    return ManualClockEnv::fileExists(path, isDirectory);
+  }
+  std::optional<FileAttributes> attributes(const std::string& path) override {
+    touch(path);
+    return ManualClockEnv::attributes(path);
+  }
+  bool listDirectory(const std::string& path, bool skipHidden, std::vector<std::string>* names,
+                     Error* error) override {
+    touch(path);
+    return ManualClockEnv::listDirectory(path, skipHidden, names, error);
+  }
+  bool createDirectory(const std::string& path, bool intermediates, Error* error) override {
+    touch(path);
+    return ManualClockEnv::createDirectory(path, intermediates, error);
+  }
+  bool removeItem(const std::string& path, Error* error) override {
+    touch(path);
+    return ManualClockEnv::removeItem(path, error);
+  }
+  bool moveItem(const std::string& from, const std::string& to, Error* error) override {
+    touch(from);
+    touch(to);
+    return ManualClockEnv::moveItem(from, to, error);
+  }
+
+ private:
+  void touch(const std::string& path) {
+    if (touched) touched(path);
   }
 };
 

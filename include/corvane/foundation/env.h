@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "corvane/foundation/bytes.h"
@@ -192,5 +193,12 @@ std::string pathLastComponent(const std::string& path);
 std::string pathDeletingLastComponent(const std::string& path);
 std::string pathExtension(const std::string& path);
 std::string pathDeletingExtension(const std::string& path);
+
+// Names read from files that other devices write (UIDs, change and data-file names) become one
+// component of a path. Only a plain name stays in its folder: an empty name, ".", "..", a name
+// holding "/" or NUL would reach another folder or a truncated name, and is refused.
+bool isPlainFileName(std::string_view name);
+// `folder`/`name`, or nullopt when `name` is not a plain file name.
+std::optional<std::string> pathJoinFileName(const std::string& folder, std::string_view name);
 
 }  // namespace corvane
