@@ -23,6 +23,10 @@
 // (kCorvaneReadyNotification tells when a pass is over). close() is what a document does before
 // it lets the store go: wait for the writes and save the cache.
 //
+// A context's save returns once every file of the save is durable, or fails with the reason
+// (a full disk, say): then nothing of it is announced to other devices, the cache is untouched
+// and the context keeps its changes, so the user can save again.
+//
 // Threads. Requests arrive through the coordinator (under its lock) on the contexts' queues.
 // The update pass reads on the read queue ("<framework id>.ReadQueue"); the change log of the
 // cache, the store's log, the error level, context refreshes and notifications are changed and
