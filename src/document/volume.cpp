@@ -405,4 +405,16 @@ Value CorvaneVolumeProperties(Env* env, const std::string& path) {
   return volume ? volumeProperties(env, *volume) : Value();
 }
 
+bool DocumentVolumeQueries::isOnDisk(Env* env, const std::string& path) { return CorvaneIsOnDisk(env, path); }
+
+std::optional<std::string> DocumentVolumeQueries::serviceType(Env* env, const std::string& path) {
+  return CorvaneServiceType(env, path);
+}
+
+bool DocumentVolumeQueries::isLocalURL(Env* env, const std::string& path) { return CorvaneIsLocalURL(env, path); }
+
+Value DocumentVolumeQueries::volumeInformation(Env* env, const std::string& path) {
+  return CorvaneVolumeInformation(env, path);
+}
+
 }  // namespace corvane

@@ -8,6 +8,19 @@ namespace corvane {
 
 Interaction::~Interaction() = default;
 
+AlertAnswer Interaction::answerAlert(const Alert& alert) { return AlertAnswer{runAlert(alert), false}; }
+
+std::optional<PasswordAnswer> Interaction::promptPassword(const PasswordPrompt& prompt) {
+  std::optional<std::string> password = askPassword(prompt.message);
+  if (!password) return std::nullopt;
+  return PasswordAnswer{std::move(*password), false};
+}
+
+void Interaction::beginProgress(const std::string&) {}
+void Interaction::updateProgress(double, const std::string&) {}
+void Interaction::endProgress() {}
+void Interaction::requestTermination() {}
+
 size_t HeadlessInteraction::runAlert(const Alert& alert) {
   logLine(alert.informativeText.empty() ? alert.message : alert.message + ": " + alert.informativeText,
           LogLevel::Warning);

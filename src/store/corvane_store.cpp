@@ -153,7 +153,7 @@ bool CorvaneStore::writeInfo(const Value& options, Error* error) {
   if (const Value& v = options[kCorvaneDocumentOptionsOption]; v.isDictionary()) {
     info.set(Value("DocumentOptions"), v);
   }
-  const ApplicationInfo host = ApplicationInfo::current();
+  const ApplicationInfo host = environment_->applicationOrCurrent();
   info.set(Value("Application"), bundleDictionary(host.identifier, host.version, host.shortVersion));
   info.set(Value("Corvane"), bundleDictionary(kFrameworkBundleIdentifier, kFrameworkVersion, kFrameworkShortVersion));
   info.set(Value("DateCreation"), Value::date(env_->now()));
@@ -270,7 +270,7 @@ Value CorvaneStore::sessionDictionary() const {
                         {"fullUserName", Value(fullUserName_)},
                         {"machineName", Value(machineName_)},
                         {"id", Value(session_)},
-                        {"version", Value(ApplicationInfo::current().version)},
+                        {"version", Value(environment_->applicationOrCurrent().version)},
                         {"osVersion", Value(osVersion_)}},
                        true);
   if (Value info = userInfo(); info.isDictionary()) session.set(Value("userInfo"), info);

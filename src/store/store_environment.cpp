@@ -50,6 +50,10 @@ std::shared_ptr<Interaction> StoreEnvironment::interactionOrDefault() const {
   return interaction ? interaction : defaultInteraction();
 }
 
+ApplicationInfo StoreEnvironment::applicationOrCurrent() const {
+  return application ? *application : ApplicationInfo::current();
+}
+
 StoreEnvironment* StoreEnvironment::fromOptions(const Value& options) {
   if (!options.isDictionary()) return nullptr;
   return dynamic_cast<StoreEnvironment*>(options["CorvaneStoreEnvironment"].objectPointer());

@@ -120,7 +120,7 @@ class CorvaneRequestItem final : public Object {
 };
 
 // The refusal of a save while saves are blocked: the document was written by a newer version.
-Error blockedSaveError(const Value& sessions) {
+Error blockedSaveError(const Value& sessions, const std::string& applicationName) {
   std::string highest;
   double highestNumber = -1;
   for (const Value& session : sessions.elements()) {
@@ -134,7 +134,7 @@ Error blockedSaveError(const Value& sessions) {
     }
   }
   const std::string reason = fmt::format("Because it was created with a newer version of {}.",
-                                         ApplicationInfo::current().name);
+                                         applicationName);
   Error error(kFrameworkBundleIdentifier, -1, reason, fmt::format("Please update to version {}.", highest));
   error.userInfo = dict({{"NSLocalizedFailureReason", Value(reason)}});
   return error;
@@ -153,7 +153,7 @@ std::optional<Value> CorvaneStore::executeRequest(const PersistentStoreRequest& 
     }
     if (request.requestType() == RequestType::Save) {
       if (blockSaves_) {
-        setError(error, blockedSaveError(sessionInfo()));
+        setError(error, blockedSaveError(sessionInfo(), environment_->applicationOrCurrent().name));
         return std::nullopt;
       }
       return executeSaveRequest(static_cast<const SaveChangesRequest&>(request), context, error);

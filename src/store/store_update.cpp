@@ -83,7 +83,10 @@ void CorvaneStore::updateChanges() {
       scheduleUpdate(retryDelay_);
     }
     updating_ = false;
-    onMain([] { NotificationCenter::defaultCenter().post(kCorvaneReadyNotification); });
+    onMain([this] {
+      ++finishedPasses_;
+      NotificationCenter::defaultCenter().post(kCorvaneReadyNotification);
+    });
   });
 }
 

@@ -14,17 +14,6 @@
 namespace corvane::cli {
 namespace {
 
-// The document layer's answers, for the store's checks of files that are only placeholders.
-class DocumentVolumeQueries final : public StoreVolumeQueries {
- public:
-  bool isOnDisk(Env* env, const std::string& path) override { return CorvaneIsOnDisk(env, path); }
-  std::optional<std::string> serviceType(Env* env, const std::string& path) override {
-    return CorvaneServiceType(env, path);
-  }
-  bool isLocalURL(Env* env, const std::string& path) override { return CorvaneIsLocalURL(env, path); }
-  Value volumeInformation(Env* env, const std::string& path) override { return CorvaneVolumeInformation(env, path); }
-};
-
 // The store's alerts and "Show in Finder" on the terminal: a tool has no window to show them in,
 // so it names them, on standard error, where its other messages go.
 class TerminalInteraction final : public Interaction {

@@ -35,6 +35,7 @@
 #include <string>
 
 #include "corvane/foundation/env.h"
+#include "corvane/store/store_environment.h"
 #include "corvane/foundation/value.h"
 
 namespace corvane {
@@ -104,5 +105,15 @@ Value CorvaneAllVolumeInformation(Env* env);
 // ("Solid State" or "Rotational"), "Vendor Name", "Product Name" and "Product Revision Level"
 // as far as they are known; nil when the volume is not on a block device or nothing is known.
 Value CorvaneVolumeProperties(Env* env, const std::string& path);
+
+// The answers above, for a store's checks of packages that are only placeholders or on other
+// volumes (a store sits below this layer and asks through StoreVolumeQueries). Any thread.
+class DocumentVolumeQueries final : public StoreVolumeQueries {
+ public:
+  bool isOnDisk(Env* env, const std::string& path) override;
+  std::optional<std::string> serviceType(Env* env, const std::string& path) override;
+  bool isLocalURL(Env* env, const std::string& path) override;
+  Value volumeInformation(Env* env, const std::string& path) override;
+};
 
 }  // namespace corvane

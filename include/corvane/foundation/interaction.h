@@ -13,11 +13,35 @@
 
 namespace corvane {
 
+enum class AlertStyle { Informational, Warning, Critical };
+
 struct Alert {
   std::string message;
   std::string informativeText;
   // The buttons, the default one first; none means a single "OK".
   std::vector<std::string> buttons;
+  AlertStyle style = AlertStyle::Warning;
+  // A "Do not show this message again" check box.
+  bool showsSuppressionButton = false;
+};
+
+struct AlertAnswer {
+  size_t button = 0;        // the index of the button chosen (0 is the default one)
+  bool suppressed = false;  // the suppression check box was ticked
+};
+
+// A document's password prompt: which package, and whether the person may ask for the password
+// to be kept in the keychain.
+struct PasswordPrompt {
+  std::string message;
+  std::string path;                // the package
+  std::string documentIdentifier;  // its identifier
+  bool offersKeychain = true;
+};
+
+struct PasswordAnswer {
+  std::string password;
+  bool saveInKeychain = false;  // keep it, and do not ask again for this document
 };
 
 class Interaction {
@@ -31,6 +55,21 @@ class Interaction {
   virtual void openFile(const std::string& path) = 0;
   // Asks for a password; `message` says what for. nullopt when the person cancels.
   virtual std::optional<std::string> askPassword(const std::string& message) = 0;
+
+  // The richer requests below have defaults built on the four above, so an Interaction written
+  // before them keeps working.
+  // An alert that may carry a suppression check box. Default: runAlert(), never suppressed.
+  virtual AlertAnswer answerAlert(const Alert& alert);
+  // A document's password prompt. Default: askPassword(message), nothing kept.
+  virtual std::optional<PasswordAnswer> promptPassword(const PasswordPrompt& prompt);
+  // A progress sheet over long work: begun once, updated (fraction 0 to 1, or negative when
+  // unknown, and a line of text), ended once. Defaults: nothing shown.
+  virtual void beginProgress(const std::string& title);
+  virtual void updateProgress(double fraction, const std::string& text);
+  virtual void endProgress();
+  // The person asked the application to quit (an alert's "Quit"). Default: nothing; a host
+  // ends its event loop.
+  virtual void requestTermination();
 };
 
 // Logs each request as one console line; alerts answer their default button, password prompts

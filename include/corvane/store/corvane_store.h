@@ -375,6 +375,9 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   // The path relative to the package ("Changes/x.json"); other paths unchanged.
   std::string shortURL(const std::string& path) const;
   bool isUpdating() const { return updating_.load(); }
+  // Update passes of this store that have ended (counted on the main run loop, just before
+  // kCorvaneReadyNotification), so that a document can wait for its own first one.
+  size_t finishedPasses() const { return finishedPasses_.load(); }
   size_t changesFileCount() const { return changesFileCount_.load(); }
   bool hasRemoteFiles() const { return hasRemoteFiles_.load(); }
   bool recover() override { return recover_.load(); }
@@ -494,6 +497,7 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   std::atomic<bool> updating_{false};
   std::atomic<bool> hasRemoteFiles_{false};
   std::atomic<size_t> changesFileCount_{0};
+  std::atomic<size_t> finishedPasses_{0};
   std::atomic<int64_t> saveOperationsCount_{0};
   std::atomic<int64_t> saveOperationsValue_{0};
   std::mutex nameDateMutex_;

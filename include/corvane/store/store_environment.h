@@ -21,6 +21,7 @@
 #include <optional>
 #include <string>
 
+#include "corvane/foundation/application_info.h"
 #include "corvane/foundation/bytes.h"
 #include "corvane/foundation/env.h"
 #include "corvane/foundation/interaction.h"
@@ -67,6 +68,10 @@ class StoreEnvironment final : public Object {
   // defaultInteraction().
   std::shared_ptr<Interaction> interaction;
   std::shared_ptr<Interaction> interactionOrDefault() const;
+  // Who the host application is (written into new packages and every change's session).
+  // nullopt: ApplicationInfo::current().
+  std::optional<ApplicationInfo> application;
+  ApplicationInfo applicationOrCurrent() const;
   // Receives every error record's text ("<store URL> <description>") and domain, on the thread
   // that logged it.
   std::function<void(const std::string& text, const std::string& domain)> errorDelegate;

@@ -1,0 +1,253 @@
+// corvane::CorvaneDocument — a host application's one entry point to a Corvane document.
+//
+//   corvane::DocumentOptions options;
+//   options.model = model;                                   // the only field a host must set
+//   options.application = {"com.example.Notes", "Notes", "12", "1.2"};
+//   corvane::Error error;
+//   auto doc = corvane::CorvaneDocument::open("/path/Notes.corvane", options, &error);
+//   if (!doc) { ... error.localizedDescription ... }          // ready when it returns
+//   auto note = doc->context().insertNewObject("Note");
+//   if (!doc->save(&error)) { ... }                           // durable, or the reason it is not
+//   auto watch = doc->onExternalChanges([](const corvane::ExternalChanges& c) { ... });
+//   doc->close();                                             // also done by the destructor
+//
+// Opening runs the checks of a document in their order (a backup copy is refused, the package
+// is pinned on disk, network volumes are refused, iCloud Drive is warned about, online-only
+// packages are refused, the password comes from the options, the keychain or the person),
+// adds a CorvaneStore with the document's options and waits for its first update pass. A
+// package that does not exist yet is created. Everything a document needs from its
+// surroundings comes from its DocumentOptions: two documents with different cache roots,
+// machine names or interactions can be open in one process, and nothing process-wide has to be
+// set up first.
+//
+// A host that wants more subclasses CorvaneDocument, overrides the hooks (virtual methods
+// below) and opens with CorvaneDocument::open<MyDocument>(...).
+//
+// Threads: a document belongs to the thread that drives its main run loop (DocumentOptions::
+// mainLoop, RunLoop::main() by default): open, call every method and destroy it there. Its
+// callbacks (hooks, subscriptions) run there too. Long waits (open, save, close) drive that run
+// loop while they wait.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "corvane/foundation/application_info.h"
+#include "corvane/foundation/env.h"
+#include "corvane/foundation/error.h"
+#include "corvane/foundation/interaction.h"
+#include "corvane/foundation/observable.h"
+#include "corvane/foundation/run_loop.h"
+#include "corvane/graph/managed_object.h"
+#include "corvane/graph/persistent_document.h"
+
+namespace corvane {
+
+class CorvaneStore;
+class DocumentPasswordKeychain;
+class ManagedObjectContext;
+class ObjectModel;
+class RunLoop;
+class StoreEnvironment;
+class UserDefaults;
+
+// Everything a host sets, with its default.
+struct DocumentOptions {
+  // The entities of the document. Required.
+  std::shared_ptr<ObjectModel> model;
+  // Who the host is (identifier, name, versions, document types): written into new packages and
+  // every change. Default: ApplicationInfo::current(), which is empty until set.
+  std::optional<ApplicationInfo> application;
+  // Where this device keeps its cache of the document. Default: the user's data folder.
+  std::optional<std::string> cacheRoot;
+  // The password of an encrypted package, tried before the keychain and the prompt.
+  std::optional<std::string> password;
+  // The keychain that keeps documents' passwords. Default: none (no keychain is asked).
+  std::shared_ptr<DocumentPasswordKeychain> keychain;
+  // Alerts, password prompts, progress. Default: defaultInteraction() (headless: logs, answers
+  // with the default button, cancels password prompts).
+  std::shared_ptr<Interaction> interaction;
+  // The machine name written into this device's changes. Default: the Env's.
+  std::optional<std::string> machineName;
+  // The user defaults (recent files, warnings shown, "do not ask again"). Default: the
+  // application's own file under the configuration folder.
+  std::shared_ptr<UserDefaults> defaults;
+  // The operating-system seam. Default: Env::defaultEnv(). Not owned; must outlive the document.
+  Env* env = nullptr;
+  // The run loop that is this document's main thread. Default: RunLoop::main(). Not owned.
+  RunLoop* mainLoop = nullptr;
+  // Recovery mode: the update passes go on past damaged or missing change files.
+  bool recover = false;
+  // Passed through into a new package's Info.plist ("DocumentOptions", "DocumentInfo").
+  Value documentOptions;
+  Value documentInfo;
+  // Longest wait for the first update pass when opening, in seconds (it goes on afterwards).
+  double openTimeout = 600;
+  // Key-derivation rounds of a new encrypted package (tests use small numbers). 0: the default.
+  int64_t encryptionRounds = 0;
+};
+
+// What another device changed, as the document's context now shows it.
+struct ExternalChanges {
+  std::vector<Retained<ManagedObject>> inserted, updated, deleted;
+};
+
+// The keychain a document keeps its password in (implemented over the system's keychain).
+class DocumentPasswordKeychain {
+ public:
+  virtual ~DocumentPasswordKeychain();
+  // The password kept for (service = the host's identifier, account = the document identifier).
+  virtual std::optional<std::string> findPassword(const std::string& service, const std::string& account) = 0;
+  // Keeps it, labelled with the file name. False with the reason on failure.
+  virtual bool savePassword(const std::string& service, const std::string& account, const std::string& label,
+                            const std::string& password, Error* error) = 0;
+};
+
+class CorvaneDocument : public PersistentDocument {
+ public:
+  // Opens (or creates) the package at `path` as a `Document` (CorvaneDocument or a subclass
+  // constructible from the options), ready when it returns: the first update pass is over.
+  // nullptr with the reason in `error`; a cancelled password prompt gives nullptr and an empty
+  // error.
+  template <class Document = CorvaneDocument>
+  static std::unique_ptr<Document> open(const std::string& path, const DocumentOptions& options, Error* error) {
+    auto document = std::make_unique<Document>(options);
+    if (!document->openAt(path, error)) return nullptr;
+    return document;
+  }
+
+  explicit CorvaneDocument(DocumentOptions options);
+  ~CorvaneDocument() override;
+
+  // ---- The usual path ------------------------------------------------------------------------
+  ManagedObjectContext& context() const { return managedObjectContext(); }
+  // Saves the context; returns once every file of the save is on disk, or false with the reason
+  // (the context then keeps its changes). Only while ready.
+  bool save(Error* error) override;
+  // Called on the main run loop with what each update pass brought from other devices, until
+  // the returned subscription goes away.
+  [[nodiscard]] Subscription onExternalChanges(std::function<void(const ExternalChanges&)> callback);
+  // Saves everything, marks the document and its store closed and stops watching the package.
+  void close() override;
+
+  // ---- Properties ----------------------------------------------------------------------------
+  const std::optional<std::string>& password() const { return password_; }
+  const std::string& documentIdentifier() const { return documentIdentifier_; }
+  const std::string& deviceIdentifier() const { return deviceIdentifier_; }
+  int64_t itemsToLoad() const { return itemsToLoad_; }
+  int64_t maxItemsToLoad() const { return maxItemsToLoad_; }
+  bool isBusy() const { return busy_; }
+  bool isReady() const { return ready_; }
+  bool isMerging() const { return merging_; }
+  bool isConsolidating() const { return consolidating_; }
+  bool isShowingDiskSpaceWarning() const { return showingDiskSpaceWarning_; }
+  const std::string& errorLevel() const { return errorLevel_; }
+  bool hasError() const;
+  // The document's store, or nullptr before opening.
+  CorvaneStore* store() const { return store_; }
+  const DocumentOptions& options() const { return options_; }
+  Env* env() const { return env_.get(); }
+
+  // Fixed answers: the package never enters a platform's autosave, versions or conflict panels.
+  static constexpr bool autosavesInPlace() { return false; }
+  static constexpr bool preservesVersions() { return false; }
+
+  // ---- What the document does ---------------------------------------------------------------
+  void setItemsToLoad(int64_t count);
+  void setErrorLevel(const std::string& level);
+  void setReady(bool ready);
+  // Saves the cache, then the context; only while ready.
+  bool saveDocument(Error* error);
+  // A saved document never shows as edited; an untitled one counts its changes.
+  void updateChangeCount(ChangeKind kind) override;
+  // When ready and the context has changes: saves it, then waits for the store's and the cache's
+  // writes.
+  void saveAll();
+  // Saves all when the document has a file; answers whether it may close.
+  bool canClose();
+  // The host calls this when the application is about to quit.
+  void applicationWillTerminate();
+  // Warns when the package's volume has less than 100,000,000 bytes free; "Quit" asks the host
+  // (through the Interaction) to terminate.
+  void checkDiskSpace();
+  // Whether a default network route exists.
+  bool isInternetAvailable() const;
+  // nullopt, "kCorvaneServiceNoInternet" or "kCorvaneServiceNotRunning" (Dropbox's client).
+  std::optional<std::string> checkServiceIsRunning() const;
+  std::optional<std::string> checkServiceDropboxIsRunning() const;
+  std::optional<std::string> serviceType() const;
+  // Refills the cache of every concrete entity from the store behind a progress sheet, on the
+  // serial queue "REBUILDCACHE"; `done` runs on the main run loop at the end.
+  void rebuildCache(std::function<void()> done = {});
+  // Asks the store to reset its cache; a second later closes the document and removes the
+  // cache, so that opening the package again rebuilds it.
+  void resetCache();
+  void checkAllFiles();
+
+  // The machine's stable identifier as an upper-case UUID (from /etc/machine-id, else the DMI
+  // product UUID), or "" when none can be read.
+  static std::string getSystemUUID(Env* env);
+  // The rule of packages synchronised by iCloud Drive (the user's Library "Mobile Documents",
+  // and Desktop and Documents when the Finder's settings put them there).
+  static bool URLisOnICloudDrive(const std::string& path, Env* env, const UserDefaults* finderDefaults = nullptr);
+
+ protected:
+  // ---- Hooks for a host's subclass (main run loop) -------------------------------------------
+  virtual void didMergeExternalChanges(const ExternalChanges& changes);
+  virtual void documentDidBecomeReady();
+  virtual void documentDidResignReady();
+  // Called after the store is added; false fails the open.
+  virtual bool preflightData(ManagedObjectContext& context);
+  virtual void didSaveStore(CorvaneStore* oldStore, CorvaneStore* newStore);
+  virtual void didSaveDocument();
+  // Lets the subclass adjust the password prompt before it is shown.
+  virtual void preparePasswordPrompt(PasswordPrompt& prompt);
+  virtual std::optional<std::string> proposedFileName();
+  // Text for one deleted object in the recent-deletes report; nullopt for the default.
+  virtual std::optional<std::string> formatDeletedObjectInfo(const Value& info, const std::string& objectUID,
+                                                             const Value& changeEvents);
+  // The document's context; a subclass may return a context of its own class (main queue).
+  virtual std::shared_ptr<ManagedObjectContext> makeContext();
+  // Notes a document opened (the desktop's recent documents). Default: nothing.
+  virtual void noteRecentDocument(const std::string& path);
+
+  // Opening: the checks and adding the store, in their order. False ends the open.
+  bool configurePersistentStoreCoordinator(const std::string& url, const std::string& storeType,
+                                           const Value& storeOptions, Error* error) override;
+
+ private:
+  class DocumentEnv;
+  bool openAt(const std::string& path, Error* error);
+  bool obtainPassword(const std::string& path, bool* cancelled);
+  void showICloudWarningIfNeeded(const std::string& path);
+  void bindToStore();
+  void deliverExternalChanges(const Value& userInfo);
+  RunLoop& mainLoop() const;
+  std::shared_ptr<Interaction> interaction() const;
+
+  DocumentOptions options_;
+  std::unique_ptr<Env> env_;  // options' Env with the document's machine name
+  std::shared_ptr<UserDefaults> defaults_;
+  Value environmentValue_;
+  StoreEnvironment* environment_ = nullptr;
+  CorvaneStore* store_ = nullptr;
+  std::optional<std::string> password_;
+  std::string documentIdentifier_;
+  std::string deviceIdentifier_;
+  int64_t itemsToLoad_ = 0;
+  int64_t maxItemsToLoad_ = 0;
+  bool busy_ = false, ready_ = false, merging_ = false, consolidating_ = false;
+  bool showingDiskSpaceWarning_ = false;
+  std::string errorLevel_;
+  struct Subscribers;
+  std::shared_ptr<Subscribers> subscribers_;
+  Subscription errorLevelSubscription_;
+  RunLoop::Token itemsTimer_;
+  std::shared_ptr<std::function<void()>> itemsPoll_;
+  std::shared_ptr<bool> alive_;
+};
+
+}  // namespace corvane

@@ -1,0 +1,208 @@
+// The document as a host opens it: the checks before the store is added, the state it shows,
+// durable saves and other devices' changes through a subscription.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "corvane/document/corvane_document.h"
+#include "corvane/foundation/manual_clock_env.h"
+#include "corvane/foundation/user_defaults.h"
+#include "corvane/graph/managed_object_context.h"
+#include "corvane/graph/object_model.h"
+#include "corvane/store/corvane_store.h"
+#include "support/temp_dir.h"
+#include "support/test_models.h"
+
+namespace corvane::testing {
+namespace {
+
+// A fake clock, a home folder inside the test's folder and a disk whose free space is set.
+class DocumentTestEnv : public ManualClockEnv {
+ public:
+  std::string home;
+  std::optional<uint64_t> free;
+  std::string homeDirectory() override { return home; }
+  std::optional<uint64_t> freeSpace(const std::string& path) override {
+    return free ? free : ManualClockEnv::freeSpace(path);
+  }
+};
+
+// Records what the document showed; answers with chosen buttons.
+class ScriptedInteraction final : public Interaction {
+ public:
+  size_t runAlert(const Alert& alert) override { return answerAlert(alert).button; }
+  AlertAnswer answerAlert(const Alert& alert) override {
+    alerts.push_back(alert.message);
+    return AlertAnswer{button, suppress};
+  }
+  void revealInFileViewer(const std::string& path) override { reveals.push_back(path); }
+  void openFile(const std::string&) override {}
+  std::optional<std::string> askPassword(const std::string& message) override {
+    prompts.push_back(message);
+    return password;
+  }
+  void requestTermination() override { ++terminations; }
+  size_t button = 0;
+  bool suppress = false;
+  std::optional<std::string> password;
+  std::vector<std::string> alerts, reveals, prompts;
+  int terminations = 0;
+};
+
+class DocumentTest : public ::testing::Test {
+ protected:
+  DocumentTest() {
+    env.home = dir / "home";
+    // Settings of the code under test stay inside the test's folder.
+    setenv("XDG_CONFIG_HOME", (dir / "config").c_str(), 1);
+    setenv("XDG_DATA_HOME", (dir / "data").c_str(), 1);
+  }
+  DocumentOptions options(const std::string& cache = "cacheA") {
+    DocumentOptions o;
+    o.model = model;
+    o.application = ApplicationInfo{"com.example.Test", "Test", "7", "1.0", Value()};
+    o.cacheRoot = dir / cache;
+    o.interaction = ui;
+    o.env = &env;
+    o.defaults = defaults;
+    o.encryptionRounds = 1000;
+    return o;
+  }
+
+  TempDir dir;
+  DocumentTestEnv env;
+  ScopedRunLoopEnv clock_{RunLoop::main(), &env};
+  std::shared_ptr<ObjectModel> model = ObjectModel::fromJSON(kPeopleModelJSON, nullptr);
+  std::shared_ptr<ScriptedInteraction> ui = std::make_shared<ScriptedInteraction>();
+  std::shared_ptr<UserDefaults> defaults = std::make_shared<UserDefaults>(&env, dir / "defaults.plist");
+  std::string package = dir / "Doc.corvane";
+};
+
+TEST_F(DocumentTest, OpensSavesDurablyAndHearsOtherDevicesThroughASubscription) {
+  Error error;
+  auto laptop = CorvaneDocument::open(package, options(), &error);
+  ASSERT_TRUE(laptop) << error.localizedDescription;
+  EXPECT_TRUE(laptop->isReady());
+  EXPECT_FALSE(laptop->documentIdentifier().empty());
+  auto ann = laptop->context().insertNewObject("Person");
+  ann->setValue("name", "Ann");
+  ASSERT_TRUE(laptop->save(&error)) << error.localizedDescription;
+  EXPECT_EQ(pathLastComponent(package), "Doc.corvane");
+
+  DocumentOptions other = options("cacheB");
+  other.machineName = "Desktop";
+  auto desktop = CorvaneDocument::open(package, other, &error);
+  ASSERT_TRUE(desktop) << error.localizedDescription;
+  EXPECT_EQ(desktop->documentIdentifier(), laptop->documentIdentifier());
+  FetchRequest people("Person");
+  ASSERT_EQ(desktop->context().count(people), std::optional<size_t>(1));
+
+  std::vector<std::string> heard;
+  Subscription watch = laptop->onExternalChanges([&heard](const ExternalChanges& changes) {
+    for (const auto& object : changes.inserted) heard.push_back(object->stringValue("name"));
+  });
+  env.advance(1);
+  desktop->context().insertNewObject("Person")->setValue("name", "Bob");
+  ASSERT_TRUE(desktop->save(&error)) << error.localizedDescription;
+  EXPECT_EQ(desktop->store()->lastCachedChange()["session"]["machineName"], Value("Desktop"));
+  const size_t passes = laptop->store()->finishedPasses();
+  laptop->store()->updateChanges();
+  ASSERT_TRUE(RunLoop::main().runUntil([&] { return laptop->store()->finishedPasses() > passes; }, 30));
+  RunLoop::main().runOnce();
+  EXPECT_EQ(heard, std::vector<std::string>{"Bob"});
+
+  // Once the handle is gone, nothing more arrives.
+  watch.unsubscribe();
+  env.advance(1);
+  desktop->context().insertNewObject("Person")->setValue("name", "Cid");
+  ASSERT_TRUE(desktop->save(&error));
+  laptop->store()->updateChanges();
+  RunLoop::main().runUntil([&] { return laptop->store()->finishedPasses() > passes + 1; }, 30);
+  EXPECT_EQ(heard.size(), 1u);
+  desktop->close();
+  laptop->close();
+}
+
+TEST_F(DocumentTest, ABackupIsRefusedNamingTheOriginal) {
+  Error error;
+  EXPECT_FALSE(CorvaneDocument::open(dir / "Doc.ext.2024-01-01_10-00-00.backup", options(), &error));
+  EXPECT_EQ(error.domain, kFrameworkBundleIdentifier);
+  EXPECT_EQ(error.code, -1);
+  EXPECT_EQ(error.localizedDescription,
+            "This is a backup created while optimizing the file. Open the original file instead.");
+  EXPECT_EQ(error.recoverySuggestion, "The original file is named “Doc” and is located in the same folder.");
+}
+
+TEST_F(DocumentTest, TheICloudWarningIsKeptPerPackagePath) {
+  const std::string onICloud = env.home + "/Library/Mobile Documents/com~apple~CloudDocs/Doc.corvane";
+  ui->suppress = true;
+  Error error;
+  auto first = CorvaneDocument::open(onICloud, options(), &error);
+  ASSERT_TRUE(first) << error.localizedDescription;
+  first->close();
+  ASSERT_EQ(ui->alerts, std::vector<std::string>{"This file is saved on iCloud Drive"});
+  // Stored under the package's path, not under the Changes folder that was tested.
+  const Value shown = defaults->dictionaryForKey("kCorvaneICloudWarningHasBeenShown");
+  EXPECT_TRUE(shown[onICloud].isDate());
+  EXPECT_EQ(shown.count(), 1u);
+  auto again = CorvaneDocument::open(onICloud, options(), &error);
+  ASSERT_TRUE(again);
+  EXPECT_EQ(ui->alerts.size(), 1u);
+  EXPECT_FALSE(CorvaneDocument::URLisOnICloudDrive(dir / "elsewhere/Doc.corvane", &env));
+}
+
+TEST_F(DocumentTest, PasswordsComeFromTheOptionsOrThePromptAndANewPackageAsksForNone) {
+  Error error;
+  DocumentOptions encrypted = options();
+  encrypted.password = "secret";
+  auto created = CorvaneDocument::open(package, encrypted, &error);  // a new package: no prompt
+  ASSERT_TRUE(created) << error.localizedDescription;
+  created->close();
+  EXPECT_TRUE(ui->prompts.empty());
+
+  // Without a password the person is asked; cancelling ends the open without an error.
+  auto cancelled = CorvaneDocument::open(package, options("cacheB"), &error);
+  EXPECT_FALSE(cancelled);
+  EXPECT_TRUE(error.localizedDescription.empty());
+  EXPECT_EQ(ui->prompts.size(), 1u);
+  ui->password = "secret";
+  auto opened = CorvaneDocument::open(package, options("cacheB"), &error);
+  ASSERT_TRUE(opened) << error.localizedDescription;
+  EXPECT_EQ(opened->password(), std::optional<std::string>("secret"));
+}
+
+TEST_F(DocumentTest, ProgressBusyStateAndTheEditedMark) {
+  Error error;
+  auto doc = CorvaneDocument::open(package, options(), &error);
+  ASSERT_TRUE(doc);
+  doc->setItemsToLoad(150);
+  EXPECT_FALSE(doc->isBusy());
+  doc->setItemsToLoad(201);
+  EXPECT_TRUE(doc->isBusy());
+  EXPECT_EQ(doc->maxItemsToLoad(), 201);
+  doc->setItemsToLoad(150);
+  EXPECT_TRUE(doc->isBusy());
+  doc->setItemsToLoad(0);
+  EXPECT_FALSE(doc->isBusy());
+  // A saved package never shows as edited.
+  doc->updateChangeCount(PersistentDocument::ChangeKind::Done);
+  EXPECT_FALSE(doc->isDocumentEdited());
+}
+
+TEST_F(DocumentTest, LowDiskSpaceWarnsBelowOneHundredMillionBytesAndQuitAsksToTerminate) {
+  Error error;
+  auto doc = CorvaneDocument::open(package, options(), &error);
+  ASSERT_TRUE(doc);
+  env.free = 100'000'000;
+  doc->checkDiskSpace();
+  EXPECT_TRUE(ui->alerts.empty());
+  env.free = 99'999'999;
+  ui->button = 1;  // "Quit"
+  doc->checkDiskSpace();
+  ASSERT_EQ(ui->alerts, std::vector<std::string>{"Low disk space warning"});
+  EXPECT_EQ(ui->terminations, 1);
+  EXPECT_FALSE(doc->isShowingDiskSpaceWarning());
+}
+
+}  // namespace
+}  // namespace corvane::testing
