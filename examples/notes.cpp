@@ -1,13 +1,15 @@
 // Notes: the first program a host application writes with Corvane's object graph.
 //
-// It loads a model file, opens a store, creates folders, notes and tags and relates them,
+// It loads a model file, opens a document, creates folders, notes and tags and relates them,
 // saves, fetches with a text predicate and a sort order, watches changes, undoes an edit and
 // a deletion, and lets a background context add a note.
 //
-//   build/debug/bin/example_notes [examples/notes_model.json]
+//   build/debug/bin/example_notes [examples/notes_model.json [folder]]
 #include <cstdio>
+#include <filesystem>
 #include <string>
 
+#include "corvane/document/corvane_document.h"
 #include "corvane/foundation/notification_center.h"
 #include "corvane/graph/graph.h"
 
@@ -39,29 +41,34 @@ int main(int argc, char** argv) {
   auto model = ObjectModel::fromFile(argc > 1 ? argv[1] : "examples/notes_model.json", &error);
   if (!model) return fail("Could not load the model", error);
 
-  // 2. A coordinator with one store, and a context for the main thread.
-  auto coordinator = std::make_shared<PersistentStoreCoordinator>(model);
-  if (!coordinator->addPersistentStore(kInMemoryStoreType, "", "", Value(), &error)) {
-    return fail("Could not open the store", error);
-  }
-  auto context = ManagedObjectContext::create(ConcurrencyType::MainQueue);
-  context->setPersistentStoreCoordinator(coordinator);
+  // 2. A document: a package folder (made on first open) and this device's cache of it. The
+  //    document hands out its main-thread context; everything else has a default.
+  Env* env = Env::defaultEnv();
+  const std::string folder = argc > 2 ? argv[2] : env->temporaryDirectory() + "/corvane-notes-" + env->newUUIDString();
+  DocumentOptions options;
+  options.model = model;
+  options.application = ApplicationInfo{"org.corvane.examples.Notes", "Notes", "1", "1.0", Value()};
+  options.cacheRoot = folder + "/cache";
+  auto document = CorvaneDocument::open(folder + "/Notes.corvane", options, &error);
+  if (!document) return fail("Could not open the document", error);
+  std::printf("Opened %s/Notes.corvane\n", folder.c_str());
+  ManagedObjectContext& context = document->context();
 
   // Anything can watch what changes in the context.
   auto observer = NotificationCenter::defaultCenter().addObserver(
-      kObjectsDidChangeNotification, context.get(), [](const Notification& n) {
+      kObjectsDidChangeNotification, &context, [](const Notification& n) {
         std::printf("(changed: %zu inserted, %zu updated, %zu deleted)\n", n.userInfo[kInsertedObjectsKey].count(),
                     n.userInfo[kUpdatedObjectsKey].count(), n.userInfo[kDeletedObjectsKey].count());
       });
 
   // 3. Insert objects and relate them. Setting one side of a relationship sets the other.
-  auto inbox = context->insertNewObject("Folder");
+  auto inbox = context.insertNewObject("Folder");
   inbox->setValue("name", "Inbox");
-  auto work = context->insertNewObject("Folder");
+  auto work = context.insertNewObject("Folder");
   work->setValue("name", "Work");
-  auto urgent = context->insertNewObject("Tag");
+  auto urgent = context.insertNewObject("Tag");
   urgent->setValue("name", "urgent");
-  auto home = context->insertNewObject("Tag");
+  auto home = context.insertNewObject("Tag");
   home->setValue("name", "home");
 
   struct Seed {
@@ -72,7 +79,7 @@ int main(int argc, char** argv) {
   for (const Seed& seed : {Seed{"Buy milk", 1, inbox.get()}, Seed{"Call the plumber", 3, inbox.get()},
                            Seed{"Quarterly report", 2, work.get()}, Seed{"Book flights", 2, inbox.get()},
                            Seed{"Review pull request", 3, work.get()}}) {
-    auto note = context->insertNewObject("Note");
+    auto note = context.insertNewObject("Note");
     note->setValue("title", seed.title);
     note->setValue("priority", seed.priority);
     note->setToOne("folder", seed.folder);
@@ -80,8 +87,9 @@ int main(int argc, char** argv) {
   }
   std::printf("Inbox holds %zu notes before saving\n", inbox->toMany("notes").size());
 
-  // 4. Save: validation runs, objects get permanent IDs, the store gets the changes.
-  if (!context->save(&error)) return fail("Could not save", error);
+  // 4. Save: validation runs, objects get permanent IDs, and the document returns once every
+  //    file of the save is on disk (or with the reason it is not).
+  if (!document->save(&error)) return fail("Could not save", error);
 
   // 5. Fetch with a text predicate and a sort order.
   auto predicate = Predicate::parse("folder.name == %@ AND priority >= 2", {Value("Inbox")}, &error);
@@ -89,26 +97,26 @@ int main(int argc, char** argv) {
   FetchRequest request("Note");
   request.setPredicate(predicate);
   request.setSortDescriptors({SortDescriptor("priority", false), SortDescriptor("title")});
-  auto important = context->fetch(request, &error);
+  auto important = context.fetch(request, &error);
   if (!important) return fail("Could not fetch", error);
   printNotes("Important notes in the Inbox:", *important);
 
   // 6. Edit, then undo. One undo group holds everything done between begin and end.
-  UndoManager* undo = context->undoManager();
+  UndoManager* undo = context.undoManager();
   auto plumber = (*important)[0];
   undo->beginUndoGrouping();
   plumber->setValue("title", "Call the plumber AGAIN");
   plumber->addToMany("tags", home.get());
-  context->deleteObject((*important)[1].get());  // "Book flights"
+  context.deleteObject((*important)[1].get());  // "Book flights"
   undo->endUndoGrouping();
-  printNotes("After editing:", *context->fetch(request));
-  context->undo();
-  printNotes("After undo:", *context->fetch(request));
+  printNotes("After editing:", *context.fetch(request));
+  context.undo();
+  printNotes("After undo:", *context.fetch(request));
 
   // 7. Work in the background: a private-queue context saves on its own queue; the main
   //    context sees the new note in its next fetch.
   auto background = ManagedObjectContext::create(ConcurrencyType::PrivateQueue);
-  background->setPersistentStoreCoordinator(coordinator);
+  background->setPersistentStoreCoordinator(document->coordinator());
   background->performAndWait([&] {
     auto note = background->insertNewObject("Note");
     note->setValue("title", "Water the plants");
@@ -118,14 +126,16 @@ int main(int argc, char** argv) {
     note->setToOne("folder", (*background->fetch(inboxRequest))[0].get());
     if (!background->save(&error)) std::fprintf(stderr, "Background save failed: %s\n", error.localizedDescription.c_str());
   });
-  printNotes("After the background save:", *context->fetch(request));
+  printNotes("After the background save:", *context.fetch(request));
 
   // 8. Validation: a tag needs a name, so this save is refused with the platform's code.
-  context->insertNewObject("Tag");
-  if (!context->save(&error)) {
+  context.insertNewObject("Tag");
+  if (!document->save(&error)) {
     std::printf("Save refused: code %lld, key \"%s\"\n", static_cast<long long>(error.code),
                 error.userInfo[kValidationKeyErrorKey].str().c_str());
-    context->rollback();
+    context.rollback();
   }
+  document->close();
+  if (argc <= 2) std::filesystem::remove_all(folder);  // a folder of its own making
   return 0;
 }

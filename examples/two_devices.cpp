@@ -18,16 +18,14 @@
 #include <string>
 #include <vector>
 
+#include "corvane/document/corvane_document.h"
 #include "corvane/foundation/env.h"
 #include "corvane/foundation/log.h"
-#include "corvane/foundation/notification_center.h"
 #include "corvane/foundation/run_loop.h"
 #include "corvane/foundation/user_defaults.h"
 #include "corvane/graph/fetch_request.h"
-#include "corvane/graph/managed_object.h"
+#include "corvane/graph/managed_object_context.h"
 #include "corvane/graph/object_model.h"
-#include "corvane/store/corvane_managed_object_context.h"
-#include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
 #include "corvane/testing/sync_simulator.h"
 
@@ -46,57 +44,43 @@ class DeviceEnv final : public EnvWrapper {
   std::string machine_, user_;
 };
 
-int readyCount = 0;
-
-// Drives the main run loop until the store's next update pass is over.
-bool waitForPass(int before) {
-  return RunLoop::main().runUntil([&] { return readyCount > before; }, 30);
-}
-
 class Device {
  public:
   Device(std::string name, std::string user, const std::string& folder)
-      : name_(std::move(name)), env_(name_, std::move(user)), folder_(folder) {
-    auto* environment = new StoreEnvironment();
-    environment->env = &env_;
-    environment->defaults = std::make_shared<UserDefaults>(&env_, folder + "/settings.plist");
-    environmentValue_ = Value::object(environment);
-  }
+      : name_(std::move(name)), env_(name_, std::move(user)), folder_(folder) {}
 
   const std::string& name() const { return name_; }
   std::string package() const { return folder_ + "/Tasks.corvane"; }
-  CorvaneStore* store() const { return store_; }
+  CorvaneStore* store() const { return document_->store(); }
 
   bool open(const std::shared_ptr<ObjectModel>& model) {
-    Value options = Value::mutableDictionary();
-    options.set(Value(kCorvaneCacheRootURLOption), Value(folder_ + "/cache"));
-    options.set(Value(kCorvaneStoreEnvironmentOption), environmentValue_);
-    coordinator_ = std::make_shared<CorvanePersistentStoreCoordinator>(model);
-    const int before = readyCount;
+    // Everything this device differs in travels in its options: its computer's name (through
+    // its Env), its cache, its settings. Nothing is set up for the whole process.
+    DocumentOptions options;
+    options.model = model;
+    options.application = ApplicationInfo{"org.corvane.examples.Tasks", "Tasks", "1", "1.0", Value()};
+    options.env = &env_;
+    options.cacheRoot = folder_ + "/cache";
+    options.defaults = std::make_shared<UserDefaults>(&env_, folder_ + "/settings.plist");
     Error error;
-    auto* added = coordinator_->addPersistentStore(kCorvaneStoreType, "", package(), options.copy(), &error);
-    if (added == nullptr) {
+    document_ = CorvaneDocument::open(package(), options, &error);  // ready: caught up
+    if (!document_) {
       std::fprintf(stderr, "%s could not open the document: %s\n", name_.c_str(), error.localizedDescription.c_str());
       return false;
     }
-    store_ = static_cast<CorvaneStore*>(added);
-    if (!waitForPass(before)) return false;
-    context_ = CorvaneManagedObjectContext::create(ConcurrencyType::MainQueue);
-    context_->setPersistentStoreCoordinator(coordinator_);
-    // What a host application does to show other devices' edits: watch its context.
-    observer_ = NotificationCenter::defaultCenter().addObserver(
-        kCorvaneObjectsDidChangeExternallyNotification, context_.get(), [this](const Notification& n) {
-          std::printf("  %-7s sees from the other device:", name_.c_str());
-          describe("added", n.userInfo[kInsertedObjectsKey]);
-          describe("changed", n.userInfo[kUpdatedObjectsKey]);
-          if (size_t gone = n.userInfo[kDeletedObjectsKey].count(); gone > 0) std::printf(" %zu deleted", gone);
-          std::printf("\n");
-        });
+    // What a host application does to show other devices' edits: subscribe.
+    watch_ = document_->onExternalChanges([this](const ExternalChanges& changes) {
+      std::printf("  %-7s sees from the other device:", name_.c_str());
+      describe("added", changes.inserted);
+      describe("changed", changes.updated);
+      if (!changes.deleted.empty()) std::printf(" %zu deleted", changes.deleted.size());
+      std::printf("\n");
+    });
     return true;
   }
 
   Retained<ManagedObject> add(const std::string& title, int priority) {
-    auto task = context_->insertNewObject("Task");
+    auto task = document_->context().insertNewObject("Task");
     task->setValue("title", title);
     task->setValue("priority", priority);
     return task;
@@ -115,29 +99,30 @@ class Device {
   }
 
   void remove(const std::string& title) {
-    if (auto task = find(title)) context_->deleteObject(task.get());
+    if (auto task = find(title)) document_->context().deleteObject(task.get());
   }
 
+  // Returns once the save is on disk, ready to travel.
   bool save() {
     Error error;
-    if (!context_->save(&error)) {
+    if (!document_->save(&error)) {
       std::fprintf(stderr, "%s could not save: %s\n", name_.c_str(), error.localizedDescription.c_str());
       return false;
     }
-    store_->waitForSaves();
     return true;
   }
 
-  // Applies the change files that arrived from the other device.
+  // Applies the change files that arrived from the other device (a document also does this by
+  // itself a few seconds after files arrive; the demo does not wait for that).
   bool update() {
-    const int before = readyCount;
-    store_->updateChanges();
-    return waitForPass(before);
+    const size_t before = store()->finishedPasses();
+    store()->updateChanges();
+    return RunLoop::main().runUntil([&] { return store()->finishedPasses() > before; }, 30);
   }
 
   std::vector<Retained<ManagedObject>> tasks() {
     FetchRequest request("Task");
-    auto found = context_->fetch(request);
+    auto found = document_->context().fetch(request);
     std::vector<Retained<ManagedObject>> out = found ? *found : std::vector<Retained<ManagedObject>>{};
     std::sort(out.begin(), out.end(),
               [](const auto& a, const auto& b) { return a->stringValue("title") < b->stringValue("title"); });
@@ -153,7 +138,7 @@ class Device {
         [&] {
           text.clear();
           bool complete = true;
-          const Value checksums = store_->contentChecksum();
+          const Value checksums = store()->contentChecksum();
           for (const auto& [entity, digest] : checksums.entries()) {
             complete = complete && digest.str() != "incomplete";
             text += (text.empty() ? "" : ", ") + entity.str() + " " + digest.str();
@@ -174,21 +159,16 @@ class Device {
   }
 
   void close() {
-    observer_ = {};
-    context_.reset();
-    if (store_ != nullptr) store_->close();
-    coordinator_.reset();
-    store_ = nullptr;
+    watch_.unsubscribe();
+    document_.reset();  // closes: saves what is left and the cache
   }
 
  private:
-  void describe(const char* what, const Value& objects) {
-    if (objects.count() == 0) return;
+  void describe(const char* what, const std::vector<Retained<ManagedObject>>& objects) {
+    if (objects.empty()) return;
     std::printf(" %s", what);
     const char* separator = " ";
-    for (const Value& value : objects.elements()) {
-      auto* object = dynamic_cast<ManagedObject*>(value.objectPointer());
-      if (object == nullptr) continue;
+    for (const auto& object : objects) {
       std::printf("%s\"%s\"", separator, object->stringValue("title").c_str());
       separator = ", ";
     }
@@ -198,11 +178,8 @@ class Device {
   std::string name_;
   DeviceEnv env_;
   std::string folder_;
-  Value environmentValue_;
-  std::shared_ptr<CorvanePersistentStoreCoordinator> coordinator_;
-  CorvaneStore* store_ = nullptr;
-  std::shared_ptr<CorvaneManagedObjectContext> context_;
-  NotificationCenter::Observer observer_;
+  std::unique_ptr<CorvaneDocument> document_;
+  Subscription watch_;
 };
 
 int fail(const char* what) {
@@ -222,9 +199,6 @@ int main(int argc, char** argv) {
   // The library's console messages (folders watched, caches saved) would drown the story;
   // CORVANE_DEMO_VERBOSE=1 shows them.
   if (std::getenv("CORVANE_DEMO_VERBOSE") == nullptr) setLogSink([](LogLevel, std::string_view) {});
-  CorvaneStore::registerStoreType();
-  auto ready = NotificationCenter::defaultCenter().addObserver(kCorvaneReadyNotification, nullptr,
-                                                               [](const Notification&) { ++readyCount; });
 
   // Two folders stand for the synchronised folder on two computers.
   Env* env = Env::defaultEnv();

@@ -168,8 +168,8 @@ bool CorvaneDocument::configurePersistentStoreCoordinator(const std::string& url
                                                      originalNameOfBackup(url))));
   }
   // 2. The sync client is asked to keep the package on disk; a client that cannot is no reason
-  // not to open.
-  (void)CorvaneSetKeepDownloaded(env, url, true);
+  // not to open, and a package still to be made has nothing to keep.
+  if (env->fileExists(url)) (void)CorvaneSetKeepDownloaded(env, url, true);
   // 3. Network volumes cannot hold a package safely.
   if (!CorvaneIsLocalURL(env, url, defaults_.get())) {
     interaction()->runAlert(Alert{"This volume is not supported",
