@@ -301,6 +301,28 @@ bool CorvaneDocument::URLisOnICloudDrive(const std::string& path, Env* env, cons
 
 std::string CorvaneDocument::getSystemUUID(Env* env) { return env->platformUUID(); }
 
+void CorvaneDocument::setFileURL(const std::string& url) {
+  if (!fileURL().empty() && url != fileURL() && store_ != nullptr) {
+    store_->setPackageURL(url);
+    store_->log("moved", kSuccess);
+  }
+  PersistentDocument::setFileURL(url);
+}
+
+std::optional<std::string> CorvaneDocument::fileType(const ApplicationInfo& application, const std::string& className) {
+  for (const Value& type : application.documentTypes.elements()) {
+    if (type["NSDocumentClass"] != Value(className)) continue;
+    const Value& extensions = type["CFBundleTypeExtensions"];
+    if (extensions.isArray() && extensions.count() > 0 && extensions.at(0).isString()) return extensions.at(0).str();
+    return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+bool CorvaneDocument::isCorrectFormat(const std::string& path, Env* env) {
+  return CorvaneStore::isCorrectFormat(path, env);
+}
+
 // ---- Bindings to the store ---------------------------------------------------------------------
 
 void CorvaneDocument::bindToStore() {

@@ -6,6 +6,7 @@
 
 #include "corvane/document/corvane_document.h"
 #include "corvane/foundation/manual_clock_env.h"
+#include "corvane/graph/corvane_undo_manager.h"
 #include "corvane/foundation/user_defaults.h"
 #include "corvane/graph/managed_object_context.h"
 #include "corvane/graph/object_model.h"
@@ -187,6 +188,7 @@ TEST_F(DocumentTest, ProgressBusyStateAndTheEditedMark) {
   // A saved package never shows as edited.
   doc->updateChangeCount(PersistentDocument::ChangeKind::Done);
   EXPECT_FALSE(doc->isDocumentEdited());
+  EXPECT_NE(dynamic_cast<CorvaneUndoManager*>(doc->undoManager()), nullptr);
 }
 
 TEST_F(DocumentTest, LowDiskSpaceWarnsBelowOneHundredMillionBytesAndQuitAsksToTerminate) {

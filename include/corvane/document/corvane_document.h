@@ -187,6 +187,13 @@ class CorvaneDocument : public PersistentDocument {
   void resetCache();
   void checkAllFiles();
 
+  // The package moved (renamed, or moved by the host): the store follows it.
+  void setFileURL(const std::string& url) override;
+  // The first extension the host's document types declare for `className` (their
+  // "NSDocumentClass"), or nullopt.
+  static std::optional<std::string> fileType(const ApplicationInfo& application, const std::string& className);
+  static bool isCorrectFormat(const std::string& path, Env* env = Env::defaultEnv());
+
   // The machine's stable identifier as an upper-case UUID (from /etc/machine-id, else the DMI
   // product UUID), or "" when none can be read.
   static std::string getSystemUUID(Env* env);
