@@ -45,6 +45,39 @@ class SecretServiceDaemon {
   const std::string& failure() const { return failure_; }
   const std::string& busAddress() const { return address_; }
 
+  // Unlocks the login keyring with the known password, as a user typing it into the prompt
+  // would: gnome-keyring's own interface for that, since no prompt can be shown here.
+  bool unlockWithLoginPassword(std::string* why) const {
+    GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+    GError* error = nullptr;
+    GVariant* opened = g_dbus_connection_call_sync(
+        bus, "org.freedesktop.secrets", "/org/freedesktop/secrets", "org.freedesktop.Secret.Service", "OpenSession",
+        g_variant_new("(sv)", "plain", g_variant_new_string("")), G_VARIANT_TYPE("(vo)"), G_DBUS_CALL_FLAGS_NONE,
+        5000, nullptr, &error);
+    GVariant* done = nullptr;
+    if (opened != nullptr) {
+      const gchar* session = nullptr;
+      g_variant_get(opened, "(v&o)", nullptr, &session);
+      const std::string password = kLoginPassword;
+      GVariant* secret = g_variant_new(
+          "(o@ay@ays)", session, g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, "", 0, 1),
+          g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, password.data(), password.size(), 1), "text/plain");
+      done = g_dbus_connection_call_sync(
+          bus, "org.freedesktop.secrets", "/org/freedesktop/secrets",
+          "org.gnome.keyring.InternalUnsupportedGuiltRiddenInterface", "UnlockWithMasterPassword",
+          g_variant_new("(o@(oayays))", "/org/freedesktop/secrets/collection/login", secret), nullptr,
+          G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+      g_variant_unref(opened);
+    }
+    if (done != nullptr) g_variant_unref(done);
+    if (error != nullptr) {
+      *why = error->message;
+      g_error_free(error);
+    }
+    g_object_unref(bus);
+    return done != nullptr;
+  }
+
   // A new keychain on the private service (nullptr when it is not running).
   std::unique_ptr<KeychainBackend> open(Error* error = nullptr) const {
     return address_.empty() ? nullptr : openSecretServiceKeychain(error);
