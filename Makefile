@@ -1,6 +1,6 @@
 # One word for each everyday job. Each target bootstraps the machine first, so on a fresh
 # Debian machine `make test` alone installs, configures, builds and runs every test.
-.PHONY: all bootstrap build test test-fast test-slow asan-test tsan-test bench fuzz demo install clean
+.PHONY: all bootstrap build test test-fast test-slow asan-test tsan-test bench fuzz demo install check-install clean
 
 JOBS ?= 2
 # Let ccache share results between checkouts at different paths (CI builds a fresh clone).
@@ -55,6 +55,11 @@ install: bootstrap
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS)
 	cmake --install build/release --prefix $${PREFIX:-/usr/local}
+
+# Installs the libraries into a temporary prefix and builds and runs a host project against
+# them (tests/consumer), as a host application would.
+check-install: bootstrap
+	JOBS=$(JOBS) bash scripts/check-install.sh
 
 clean:
 	rm -rf build

@@ -1,7 +1,8 @@
 # `cmake --install` puts the libraries, the public headers and a package config in place,
 # so that a host application writes find_package(corvane) and links corvane::corvane.
 include(CMakePackageConfigHelpers)
-install(TARGETS ${CORVANE_LAYER_TARGETS} corvane corvane_options EXPORT corvaneTargets
+# corvane_options (warnings, -Werror, sanitizers) is build-only and stays out of the package.
+install(TARGETS ${CORVANE_LAYER_TARGETS} corvane EXPORT corvaneTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY include/corvane DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})

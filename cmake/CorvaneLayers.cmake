@@ -16,6 +16,8 @@ function(corvane_add_layer name)
     PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
     PRIVATE ${PROJECT_SOURCE_DIR}/src)
   target_link_libraries(${target} PUBLIC ${LAYER_DEPS} PRIVATE $<BUILD_INTERFACE:corvane_options>)
+  # The public headers are C++20; the requirement travels to hosts with the installed targets.
+  target_compile_features(${target} PUBLIC cxx_std_20)
   target_include_directories(${target} SYSTEM PRIVATE ${RapidJSON_INCLUDE_DIRS})
   set_target_properties(${target} PROPERTIES EXPORT_NAME ${name})
   set(CORVANE_LAYER_TARGETS ${CORVANE_LAYER_TARGETS} ${target} PARENT_SCOPE)
