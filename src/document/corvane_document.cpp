@@ -94,7 +94,7 @@ CorvaneDocument::CorvaneDocument(DocumentOptions options)
     const std::string identifier = options_.application ? options_.application->identifier : "";
     defaults_ = identifier.empty() ? UserDefaults::standard() : UserDefaults::forApplication(identifier, env_.get());
   }
-  documentIdentifier_ = env_->newUUIDString();
+  documentIdentifier_ = options_.documentIdentifier ? *options_.documentIdentifier : env_->newUUIDString();
   deviceIdentifier_ = getSystemUUID(env_.get());
   setUndoManager(std::make_shared<CorvaneUndoManager>());
   ready_ = true;

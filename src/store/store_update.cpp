@@ -470,6 +470,57 @@ bool CorvaneStore::validateChange(const Value& change, bool lightWeight, bool re
   return true;
 }
 
+std::vector<ChangeWaitingForFiles> CorvaneStore::changesWaitingForFiles() {
+  std::vector<ChangeWaitingForFiles> waiting;
+  const std::string folder = changesURL();
+  std::vector<std::string> names;
+  if (folder.empty() || !env_->listDirectory(folder, true, &names, nullptr)) return waiting;
+  std::unordered_set<std::string> applied;
+  const Value known = cache_->changes();
+  for (const Value& change : known.elements()) applied.insert(change["name"].str());
+  std::sort(names.begin(), names.end());
+  const std::string entities = entitiesURL();
+  for (const std::string& name : names) {
+    if (!store_internal::hasJSONExtension(name) || applied.contains(name)) continue;
+    std::optional<Bytes> bytes = readBytes(env_, pathJoin(folder, name));
+    std::optional<Bytes> plain = bytes ? decrypt(*bytes) : std::nullopt;
+    std::optional<Value> change = plain ? jsonToValue(asStringView(*plain)) : std::nullopt;
+    // A change that names paths outside its folders is damaged, not waiting.
+    if (!change || !change->isDictionary() || store_internal::nonPlainNameInChange(*change)) continue;
+    const Value& changes = (*change)["changes"];
+    const Value combined = combineChangeDictionary(changes["update"], changes["insert"]);
+    ChangeWaitingForFiles entry;
+    entry.name = name;
+    entry.machineName = (*change)["session"]["machineName"].isString() ? (*change)["session"]["machineName"].str() : "";
+    entry.fullUserName =
+        (*change)["session"]["fullUserName"].isString() ? (*change)["session"]["fullUserName"].str() : "";
+    auto there = [this](const std::string& path, std::optional<int64_t> length) {
+      std::optional<FileAttributes> attributes = env_->attributes(path);
+      if (!attributes || !volumes_->isOnDisk(env_, path)) return false;
+      return length ? static_cast<int64_t>(attributes->size) == *length : attributes->size > 0;
+    };
+    for (const auto& [entityName, byUID] : combined.entries()) {
+      const std::string entityFolder = fileNameForEntityName(entityName.str());
+      if (entityFolder.empty() || !byUID.isDictionary()) continue;
+      for (const auto& [uid, record] : byUID.entries()) {
+        entry.objects.push_back(entityName.str() + "/" + uid.str());
+        const std::string objectFolder = pathJoin(pathJoin(entities, entityFolder), uid.str());
+        if (const std::string objectFile = pathJoin(objectFolder, name); !there(objectFile, std::nullopt)) {
+          entry.missingFiles.push_back(shortURL(objectFile));
+        }
+        for (const Value& data : record["data"].elements()) {
+          const int64_t length = data["length"].longLongValue();
+          if (length == 0) continue;
+          const std::string dataFile = correctedDataURL(pathJoin(pathJoin(objectFolder, "Data"), data["name"].str()));
+          if (!there(dataFile, length)) entry.missingFiles.push_back(shortURL(dataFile));
+        }
+      }
+    }
+    if (!entry.missingFiles.empty()) waiting.push_back(std::move(entry));
+  }
+  return waiting;
+}
+
 void CorvaneStore::reportNonPlainName(const std::string& changePath, const std::string& name, const Value& change) {
   const std::string shortChange = changePath.empty() ? change["name"].description() : shortURL(changePath);
   std::vector<StoreMenuItem> menu;

@@ -19,6 +19,7 @@
 #include "corvane/foundation/run_loop.h"
 #include "corvane/graph/fetch_request.h"
 #include "corvane/graph/managed_object.h"
+#include "corvane/graph/managed_object_context.h"
 #include "corvane/graph/object_model.h"
 #include "store_session.h"
 
@@ -58,10 +59,9 @@ struct WatchOptions {
 };
 
 // One line per object: what happened, the object, and (unless it is gone) its values now.
-void describeObjects(const char* what, const Value& objects, StoreSession& session, bool withValues) {
-  for (const Value& value : objects.elements()) {
-    auto* object = dynamic_cast<ManagedObject*>(value.objectPointer());
-    if (object == nullptr) continue;
+void describeObjects(const char* what, const std::vector<Retained<ManagedObject>>& objects, StoreSession& session,
+                     bool withValues) {
+  for (const Retained<ManagedObject>& object : objects) {
     std::string values;
     if (withValues) {
       Value dumped = dumpObject(*object);
@@ -74,12 +74,18 @@ void describeObjects(const char* what, const Value& objects, StoreSession& sessi
   }
 }
 
+// A one-shot command names the changes still waiting for their files, once, on standard error.
+void reportWaiting(const StoreSession& session) {
+  for (const std::string& notice : session.waitingNotices()) std::fprintf(stderr, "corvane: %s\n", notice.c_str());
+}
+
 int runWatch(const WatchOptions& options) {
   std::string error;
   auto session = openSession(options.store, &error);
   if (!session) return fail(error);
   CorvaneStore& store = session->store();
   for (const std::string& problem : session->problems()) std::printf("opened  %s\n", problem.c_str());
+  for (const std::string& notice : session->waitingNotices()) std::printf("opened  %s\n", notice.c_str());
   // The store refreshes (and reports changes to) the contexts that have asked it for objects.
   size_t objects = 0;
   for (const EntityDescription* entity : store.entities()) {
@@ -91,13 +97,12 @@ int runWatch(const WatchOptions& options) {
               objects);
   std::fflush(stdout);
 
-  NotificationCenter::Observer changed = NotificationCenter::defaultCenter().addObserver(
-      kCorvaneObjectsDidChangeExternallyNotification, &session->context(), [&](const Notification& n) {
-        describeObjects("insert", n.userInfo[kInsertedObjectsKey], *session, true);
-        describeObjects("update", n.userInfo[kUpdatedObjectsKey], *session, true);
-        describeObjects("delete", n.userInfo[kDeletedObjectsKey], *session, false);
-        std::fflush(stdout);
-      });
+  Subscription changed = session->document().onExternalChanges([&](const ExternalChanges& changes) {
+    describeObjects("insert", changes.inserted, *session, true);
+    describeObjects("update", changes.updated, *session, true);
+    describeObjects("delete", changes.deleted, *session, false);
+    std::fflush(stdout);
+  });
 
   // Log entries are printed oldest first, each once; the passes that find nothing stay quiet.
   std::optional<StoreLogEntry> lastPrinted;
@@ -197,6 +202,7 @@ int runLog(const StoreOptions& options) {
   std::string error;
   auto session = openSession(options, &error);
   if (!session) return fail(error);
+  reportWaiting(*session);
   // The records every device left in <pkg>/Errors (newest first), then this session's own.
   Value records = session->store().errorsArray();
   if (records.empty()) records = session->store().errorRecords();
@@ -221,6 +227,7 @@ int runHistory(const HistoryOptions& options) {
   std::string error;
   auto session = openSession(options.store, &error);
   if (!session) return fail(error);
+  reportWaiting(*session);
   CorvaneStore& store = session->store();
   const EntityDescription* entity = store.entityForName(options.entity);
   if (entity == nullptr) {
@@ -268,6 +275,7 @@ int runDevices(const StoreOptions& options) {
   std::string error;
   auto session = openSession(options, &error);
   if (!session) return fail(error);
+  reportWaiting(*session);
   CorvaneStore& store = session->store();
   std::printf("This device: %s (%s)\n", store.machineName().c_str(), store.fullUserName().c_str());
   std::printf("Devices that wrote in the last 14 days:\n");
@@ -288,6 +296,7 @@ int runChecksum(const StoreOptions& options) {
   std::string error;
   auto session = openSession(options, &error);
   if (!session) return fail(error);
+  reportWaiting(*session);
   CorvaneStore& store = session->store();
   std::printf("history %s\n", store.checkSum().c_str());
   const Value checksums = store.contentChecksum();

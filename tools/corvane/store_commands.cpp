@@ -28,10 +28,6 @@ void printJSON(const Value& value) {
   std::cout << (text ? *text : std::string("null")) << "\n";
 }
 
-void reportProblems(const StoreSession& session) {
-  for (const std::string& problem : session.problems()) std::cerr << "corvane: warning: " << problem << "\n";
-}
-
 // ---- Values from the command line -----------------------------------------------------------
 
 // A failed parse: the message and whether it is a usage error (exit 2) or a bad value (exit 1).
@@ -255,7 +251,7 @@ int runInsert(const ObjectCommandOptions& options) {
   std::string error;
   std::unique_ptr<StoreSession> session = StoreSession::open(options.store, &error);
   if (!session) return openFailed(error);
-  reportProblems(*session);
+  session->reportProblems();
   const EntityDescription* entity = session->model().entity(options.entity);
   if (entity == nullptr) return fail("unknown entity '" + options.entity + "' in " + options.store.model);
   if (entity->isAbstract()) return fail(options.entity + " is abstract: insert one of its sub-entities");
@@ -274,12 +270,16 @@ int runUpdateOrDelete(const ObjectCommandOptions& options, bool deleting) {
   std::string error;
   std::unique_ptr<StoreSession> session = StoreSession::open(options.store, &error);
   if (!session) return openFailed(error);
-  reportProblems(*session);
+  session->reportProblems();
   const EntityDescription* entity = session->model().entity(options.entity);
   if (entity == nullptr) return fail("unknown entity '" + options.entity + "' in " + options.store.model);
   ObjectID id = session->store().newObjectIDForEntity(entity, Value(options.uid));
   Retained<ManagedObject> object = id ? session->context().existingObjectWithID(id) : nullptr;
-  if (!object) return fail("no " + options.entity + " with UID " + options.uid + " in " + options.store.package);
+  if (!object) {
+    std::string message = "no " + options.entity + " with UID " + options.uid + " in " + options.store.package;
+    if (std::string note = session->waitingNoteFor(options.entity, options.uid); !note.empty()) message += "; " + note;
+    return fail(message);
+  }
   if (deleting) {
     session->context().deleteObject(object.get());
   } else if (auto failure = applyAssignments(*session, *object, options.assignments, options.nulls)) {
@@ -302,7 +302,7 @@ int runDump(const DumpOptions& options) {
   std::string error;
   std::unique_ptr<StoreSession> session = StoreSession::open(options.store, &error);
   if (!session) return openFailed(error);
-  reportProblems(*session);
+  session->reportProblems();
   std::optional<Predicate> predicate;
   if (!options.where.empty()) {
     Error parseError;
@@ -366,7 +366,6 @@ struct InfoOptions {
 };
 
 int runInfo(const InfoOptions& options) {
-  prepareStoreEnvironment();
   Env* env = Env::defaultEnv();
   bool isDirectory = false;
   if (!env->fileExists(options.package, &isDirectory) || !isDirectory) {
@@ -426,7 +425,6 @@ long long countObjects(const Value& byEntity) {
 }
 
 int runChanges(const ChangesOptions& options) {
-  prepareStoreEnvironment();
   Env* env = Env::defaultEnv();
   if (!CorvaneStore::isCorrectFormat(options.package, env)) {
     return fail(options.package + " is not a Corvane package (it needs Info.plist, Changes and Entities)");

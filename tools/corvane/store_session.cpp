@@ -2,11 +2,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iostream>
 
-#include "corvane/document/volume.h"
 #include "corvane/foundation/application_info.h"
-#include "corvane/foundation/interaction.h"
-#include "corvane/foundation/notification_center.h"
 #include "corvane/foundation/run_loop.h"
 #include "corvane/security/digest.h"
 #include "corvane/security/package_encryption.h"
@@ -14,25 +12,20 @@
 namespace corvane::cli {
 namespace {
 
-// The store's alerts and "Show in Finder" on the terminal: a tool has no window to show them in,
-// so it names them, on standard error, where its other messages go.
-class TerminalInteraction final : public Interaction {
- public:
-  size_t runAlert(const Alert& alert) override {
-    std::fprintf(stderr, "corvane: %s%s%s\n", alert.message.c_str(), alert.informativeText.empty() ? "" : ": ",
-                 alert.informativeText.c_str());
-    return 0;
-  }
-  void revealInFileViewer(const std::string& path) override { std::fprintf(stderr, "corvane: see %s\n", path.c_str()); }
-  void openFile(const std::string& path) override { std::fprintf(stderr, "corvane: open %s\n", path.c_str()); }
-  std::optional<std::string> askPassword(const std::string& message) override {
-    return passwordFromTerminal(message + ": ");
-  }
-};
+// The store's own words for a pass that stopped at a change whose files have not arrived; a
+// one-shot command says that once in plain words instead.
+constexpr const char* kMissingFilesRetry = "Missing files: Abort and trying again in some seconds";
 
-// An update pass that takes longer than this is not waited for (it goes on; the command works
-// with what has been applied).
-constexpr double kOpenTimeoutSeconds = 600;
+std::string joined(const std::vector<std::string>& parts, const std::string& separator) {
+  std::string out;
+  for (const std::string& part : parts) out += (out.empty() ? "" : separator) + part;
+  return out;
+}
+
+std::string deviceOf(const ChangeWaitingForFiles& change) {
+  if (change.machineName.empty()) return change.fullUserName.empty() ? "another device" : change.fullUserName;
+  return change.fullUserName.empty() ? change.machineName : change.machineName + " (" + change.fullUserName + ")";
+}
 
 }  // namespace
 
@@ -112,19 +105,16 @@ void addStoreOptions(CLI::App* command, StoreOptions* options, bool withModel) {
   addPasswordOptions(command, &options->password);
 }
 
-void prepareStoreEnvironment() {
-  static bool prepared = false;
-  if (prepared) return;
-  prepared = true;
-  ApplicationInfo tool;
-  tool.identifier = std::string(kFrameworkBundleIdentifier) + ".cli";
-  tool.name = "corvane";
-  tool.version = kFrameworkVersion;
-  tool.shortVersion = kFrameworkShortVersion;
-  ApplicationInfo::setCurrent(tool);
-  setDefaultStoreVolumeQueries(std::make_shared<DocumentVolumeQueries>());
-  setDefaultInteraction(std::make_shared<TerminalInteraction>());
-  CorvaneStore::registerStoreType();
+const ApplicationInfo& toolApplication() {
+  static const ApplicationInfo tool = [] {
+    ApplicationInfo info;
+    info.identifier = std::string(kFrameworkBundleIdentifier) + ".cli";
+    info.name = "corvane";
+    info.version = kFrameworkVersion;
+    info.shortVersion = kFrameworkShortVersion;
+    return info;
+  }();
+  return tool;
 }
 
 std::shared_ptr<ObjectModel> loadModel(const std::string& path, std::string* error) {
@@ -142,7 +132,6 @@ std::shared_ptr<ObjectModel> loadModel(const std::string& path, std::string* err
 StoreSession::~StoreSession() { close(); }
 
 std::unique_ptr<StoreSession> StoreSession::open(const StoreOptions& options, std::string* error) {
-  prepareStoreEnvironment();
   Env* env = Env::defaultEnv();
   bool isDirectory = false;
   if (!env->fileExists(options.package, &isDirectory) || !isDirectory) {
@@ -153,83 +142,147 @@ std::unique_ptr<StoreSession> StoreSession::open(const StoreOptions& options, st
     *error = options.package + " is not a Corvane package (it needs Info.plist, Changes and Entities)";
     return nullptr;
   }
-  // The password is checked before anything else is read or written.
-  Value extra = Value::mutableDictionary();
-  const Value info = CorvaneStore::infoDictionaryForURL(options.package, env);
-  if (isEncryptedPackageInfo(info)) {
-    std::optional<std::string> password =
-        obtainPassword(env, options.password, "Password for " + options.package + ": ", error);
-    if (!password) return nullptr;
-    if (!CorvaneStore::canOpenURL(options.package, *password, env)) {
-      *error = "wrong password for " + options.package;
-      return nullptr;
+  // A password given on the command line is the one tried first; without one the document asks
+  // (the keychain, then the person at the terminal).
+  DocumentOptions documentOptions;
+  if (isEncryptedPackageInfo(CorvaneStore::infoDictionaryForURL(options.package, env))) {
+    if (!options.password.passwordFile.empty() || env->environmentVariable(kPasswordEnvironmentVariable)) {
+      std::optional<std::string> password = obtainPassword(env, options.password, "", error);
+      if (!password) return nullptr;
+      documentOptions.password = std::move(password);
     }
-    extra.set(Value(kCorvanePasswordOption), Value(*password));
   }
-  return openStore(options, extra, error);
+  return openDocument(options, std::move(documentOptions), error);
 }
 
 std::unique_ptr<StoreSession> StoreSession::create(const StoreOptions& options, const std::string& identifier,
                                                    const std::optional<std::string>& password, std::string* error) {
-  prepareStoreEnvironment();
   if (Env::defaultEnv()->fileExists(options.package)) {
     *error = options.package + " already exists";
     return nullptr;
   }
-  Value extra = Value::mutableDictionary();
-  if (!identifier.empty()) extra.set(Value(kCorvaneDocumentIdentifierOption), Value(identifier));
-  if (password) extra.set(Value(kCorvanePasswordOption), Value(*password));
-  return openStore(options, extra, error);
+  // The document makes the package when its path does not exist yet.
+  DocumentOptions documentOptions;
+  if (!identifier.empty()) documentOptions.documentIdentifier = identifier;
+  documentOptions.password = password;
+  return openDocument(options, std::move(documentOptions), error);
 }
 
-std::unique_ptr<StoreSession> StoreSession::openStore(const StoreOptions& options, const Value& extra,
-                                                      std::string* error) {
+std::unique_ptr<StoreSession> StoreSession::openDocument(const StoreOptions& options,
+                                                         DocumentOptions documentOptions, std::string* error) {
   std::unique_ptr<StoreSession> session(new StoreSession());
   session->model_ = loadModel(options.model, error);
   if (!session->model_) return nullptr;
-  Value storeOptions = extra.mutableCopy();
-  if (!options.cacheRoot.empty()) storeOptions.set(Value(kCorvaneCacheRootURLOption), Value(options.cacheRoot));
-  if (options.recover) storeOptions.set(Value(kCorvaneRecoverOption), Value(true));
+  Env* env = Env::defaultEnv();
+  session->interaction_ = std::make_shared<TerminalInteraction>(documentOptions.password.has_value());
+  documentOptions.model = session->model_;
+  documentOptions.application = toolApplication();
+  documentOptions.interaction = session->interaction_;
+  if (std::optional<std::string> machine = env->environmentVariable("CORVANE_MACHINE_NAME"); machine && !machine->empty()) {
+    documentOptions.machineName = *machine;
+  }
+  // The tool's cache: where it has always been (the data folder, under the tool's identifier),
+  // unless the command names another.
+  if (!options.cacheRoot.empty()) {
+    documentOptions.cacheRoot = options.cacheRoot;
+  } else if (const std::string data = env->dataHome(); !data.empty()) {
+    documentOptions.cacheRoot = pathJoin(pathJoin(data, toolApplication().identifier), "LocalDatabaseCache");
+  }
+  documentOptions.recover = options.recover;
+  // The keychain is not asked yet: DocumentOptions::keychain stays empty until the tool has one.
 
-  int ready = 0;
-  NotificationCenter::Observer observer =
-      NotificationCenter::defaultCenter().addObserver(kCorvaneReadyNotification, nullptr,
-                                                      [&ready](const Notification&) { ++ready; });
-  session->coordinator_ = std::make_shared<CorvanePersistentStoreCoordinator>(session->model_);
   Error openError;
-  auto* store = session->coordinator_->addPersistentStore(kCorvaneStoreType, "", options.package,
-                                                          storeOptions.copy(), &openError);
-  if (store == nullptr) {
-    *error = openError.localizedDescription;
+  session->document_ = CorvaneDocument::open(options.package, documentOptions, &openError);
+  if (!session->document_) {
     session->closed_ = true;
+    RunLoop::main().discardPendingWork();
+    if (!openError.empty()) {
+      *error = openError.localizedDescription.empty() ? openError.description() : openError.localizedDescription;
+      if (!openError.recoverySuggestion.empty()) *error += " " + openError.recoverySuggestion;
+      return nullptr;
+    }
+    // No reason given: the password prompt gave no password.
+    switch (session->interaction_->passwordRefusal()) {
+      case TerminalInteraction::Refusal::GivenPasswordWrong:
+        *error = "wrong password for " + options.package;
+        break;
+      case TerminalInteraction::Refusal::NoTerminal:
+        *error = std::string("no password: give --password-file FILE or set ") + kPasswordEnvironmentVariable +
+                 " (there is no terminal to ask on)";
+        break;
+      case TerminalInteraction::Refusal::Cancelled:
+        *error = "no password given for " + options.package;
+        break;
+      case TerminalInteraction::Refusal::None:
+        *error = "cannot open " + options.package;
+        break;
+    }
     return nullptr;
   }
-  session->store_ = static_cast<CorvaneStore*>(store);
-  RunLoop::main().runUntil([&ready] { return ready > 0; }, kOpenTimeoutSeconds);
-  RunLoop::main().runOnce();  // the log entries posted last
-  session->context_ = CorvaneManagedObjectContext::create(ConcurrencyType::MainQueue);
-  session->context_->setPersistentStoreCoordinator(session->coordinator_);
-  session->context_->setUndoManager(nullptr);
+  session->context().setUndoManager(nullptr);  // a one-shot command undoes nothing
+  session->waiting_ = session->store().changesWaitingForFiles();
   return session;
 }
 
 std::vector<std::string> StoreSession::problems() const {
   std::vector<std::string> out;
-  if (store_ == nullptr) return out;
-  const std::vector<StoreLogEntry> entries = store_->logEntries();
+  if (!document_ || document_->store() == nullptr) return out;
+  // Entries about a waiting change name it or one of its missing files.
+  auto aboutWaiting = [this](const std::string& message) {
+    if (waiting_.empty()) return false;
+    if (message == kMissingFilesRetry) return true;
+    for (const ChangeWaitingForFiles& change : waiting_) {
+      if (message.find(change.name) != std::string::npos) return true;
+      for (const std::string& file : change.missingFiles) {
+        if (message.ends_with(file)) return true;
+      }
+    }
+    return false;
+  };
+  const std::vector<StoreLogEntry> entries = document_->store()->logEntries();
   for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
-    if (it->type != kCorvaneLogTypeSuccess && it->message != "Reset Log" && it->message != "No changes found") {
+    if (it->type != kCorvaneLogTypeSuccess && it->message != "Reset Log" && it->message != "No changes found" &&
+        !aboutWaiting(it->message)) {
       out.push_back(it->message);
     }
   }
   return out;
 }
 
+std::vector<std::string> StoreSession::waitingNotices() const {
+  std::vector<std::string> out;
+  for (const ChangeWaitingForFiles& change : waiting_) {
+    out.push_back("the change " + change.name + " from " + deviceOf(change) + " is still waiting for " +
+                  (change.missingFiles.size() == 1 ? "its file " : "its files ") + joined(change.missingFiles, ", ") +
+                  " (a sync client has not delivered " + (change.missingFiles.size() == 1 ? "it" : "them") +
+                  " yet); it is not applied now, and a later run will apply it once the files are there");
+  }
+  return out;
+}
+
+void StoreSession::reportProblems() const {
+  for (const std::string& problem : problems()) std::cerr << "corvane: warning: " << problem << "\n";
+  for (const std::string& notice : waitingNotices()) std::cerr << "corvane: " << notice << "\n";
+}
+
+std::string StoreSession::waitingNoteFor(const std::string& entity, const std::string& uid) const {
+  const std::string reference = entity + "/" + uid;
+  for (const ChangeWaitingForFiles& change : waiting_) {
+    if (std::find(change.objects.begin(), change.objects.end(), reference) != change.objects.end()) {
+      return "it is in the change " + change.name + " from " + deviceOf(change) +
+             ", which is still waiting for its files: a later run will find it";
+    }
+  }
+  if (waiting_.empty()) return "";
+  return std::to_string(waiting_.size()) + (waiting_.size() == 1 ? " change is" : " changes are") +
+         " still waiting for their files: a later run may find it";
+}
+
 bool StoreSession::save(std::string* error) {
-  // The store returns from a save only once its files are on disk, or with the reason they
+  // The document returns from a save only once its files are on disk, or with the reason they
   // are not (then nothing of the save is announced to other devices).
   Error saveError;
-  if (context_->save(&saveError)) return true;
+  if (document_->save(&saveError)) return true;
   *error = saveError.localizedDescription.empty() ? saveError.description() : saveError.localizedDescription;
   if (!saveError.recoverySuggestion.empty()) *error += " " + saveError.recoverySuggestion;
   return false;
@@ -238,10 +291,13 @@ bool StoreSession::save(std::string* error) {
 void StoreSession::close() {
   if (closed_) return;
   closed_ = true;
-  context_.reset();
-  if (store_ != nullptr) store_->close();
-  coordinator_.reset();
-  store_ = nullptr;
+  if (!document_) return;
+  // The document saves what its context holds when it closes; a command keeps only what it
+  // saved itself, and one that failed half way keeps nothing.
+  document_->context().rollback();
+  document_->close();
+  document_.reset();
+  // The retries a pass scheduled are for a live document; this one is gone.
   RunLoop::main().discardPendingWork();
 }
 

@@ -1,7 +1,9 @@
-// Opening a document from the command line the way an application does: a model, a
-// CorvaneStore with the package's password and this tool's cache, a main-queue context, and the
-// first update pass run to its end on the main run loop. Shared by the commands that read and
-// write objects (insert, update, delete, dump) and by create.
+// Opening a document from the command line the way an application does: through a
+// CorvaneDocument, which makes the document's checks (a backup copy is refused, network volumes,
+// the password), adds the store with this tool's cache and identity and runs the first update
+// pass to its end. Shared by the commands that read and write objects (insert, update, delete,
+// dump, rebuild-cache, the multi-device commands) and by create. Nothing process-wide is set up:
+// everything the document needs goes into its DocumentOptions.
 //
 // Threads: main thread only.
 #pragma once
@@ -11,14 +13,16 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "corvane/document/corvane_document.h"
+#include "corvane/graph/managed_object_context.h"
 #include "corvane/foundation/date_format.h"
 #include "corvane/foundation/env.h"
 #include "corvane/graph/object_model.h"
-#include "corvane/store/corvane_managed_object_context.h"
-#include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
 #include "package_password.h"
+#include "terminal_interaction.h"
 
 namespace corvane::cli {
 
@@ -33,9 +37,9 @@ struct StoreOptions {
 // Adds --model (when `withModel`), --cache-root, --recover and the password options.
 void addStoreOptions(CLI::App* command, StoreOptions* options, bool withModel);
 
-// Describes the tool to the library (cache and settings locations, the "version" of sessions)
-// and hands the store the document layer's volume queries. Call once before opening.
-void prepareStoreEnvironment();
+// The tool as the library sees it: written into new packages and every change's session, and
+// naming its settings and cache folders.
+const ApplicationInfo& toolApplication();
 
 // The tool's text form of dates ("2024-05-17T09:41:07.250+0000"), read and written.
 const DateFormatter& timestampFormatter();
@@ -57,29 +61,44 @@ class StoreSession {
 
   // Opens an existing package (create false) or makes a new one (create true; `identifier` and
   // `password` are then used as given). nullptr and a one-line message when the folder is not a
-  // package, the password is wrong, the model is bad, and the like; nothing is written then.
+  // package, the document refuses it, the password is wrong, the model is bad, and the like;
+  // nothing is written then.
   static std::unique_ptr<StoreSession> open(const StoreOptions& options, std::string* error);
   static std::unique_ptr<StoreSession> create(const StoreOptions& options, const std::string& identifier,
                                               const std::optional<std::string>& password, std::string* error);
 
-  CorvaneStore& store() { return *store_; }
-  ManagedObjectContext& context() { return *context_; }
+  CorvaneDocument& document() { return *document_; }
+  CorvaneStore& store() { return *document_->store(); }
+  ManagedObjectContext& context() { return document_->context(); }
   const ObjectModel& model() const { return *model_; }
-  // The warnings and errors the opening update pass logged, oldest first.
+  // The warnings and errors the opening update pass logged, oldest first, without the entries
+  // about changes still waiting for their files (waitingNotices() says those in plain words).
   std::vector<std::string> problems() const;
+  // Changes other devices wrote whose object or data files have not arrived yet, as found
+  // after the opening pass.
+  const std::vector<ChangeWaitingForFiles>& waitingChanges() const { return waiting_; }
+  // One sentence per waiting change: which change, from which device, which files are missing,
+  // and that a later run applies it.
+  std::vector<std::string> waitingNotices() const;
+  // Prints problems() as warnings, then the waiting notices, on standard error.
+  void reportProblems() const;
+  // For an object that is not in the document: why a later run may find it (a waiting change
+  // that inserts or updates it, or any waiting change at all); "" when nothing is waiting.
+  std::string waitingNoteFor(const std::string& entity, const std::string& uid) const;
   // Saves the context and waits until every file is written; false and a message on failure.
   bool save(std::string* error);
-  // Waits for the writes, saves the cache and closes the store.
+  // Throws away what was not saved, closes the document and its store.
   void close();
 
  private:
   StoreSession() = default;
-  static std::unique_ptr<StoreSession> openStore(const StoreOptions& options, const Value& extra, std::string* error);
+  static std::unique_ptr<StoreSession> openDocument(const StoreOptions& options, DocumentOptions documentOptions,
+                                                    std::string* error);
 
   std::shared_ptr<ObjectModel> model_;
-  std::shared_ptr<CorvanePersistentStoreCoordinator> coordinator_;
-  CorvaneStore* store_ = nullptr;
-  std::shared_ptr<CorvaneManagedObjectContext> context_;
+  std::shared_ptr<TerminalInteraction> interaction_;
+  std::unique_ptr<CorvaneDocument> document_;
+  std::vector<ChangeWaitingForFiles> waiting_;
   bool closed_ = false;
 };
 

@@ -84,6 +84,9 @@ struct DocumentOptions {
   // Passed through into a new package's Info.plist ("DocumentOptions", "DocumentInfo").
   Value documentOptions;
   Value documentInfo;
+  // The identifier of a package this open creates. Default: a new UUID. An existing package
+  // keeps its own.
+  std::optional<std::string> documentIdentifier;
   // Longest wait for the first update pass when opening, in seconds (it goes on afterwards).
   double openTimeout = 600;
   // Key-derivation rounds of a new encrypted package (tests use small numbers). 0: the default.

@@ -116,6 +116,16 @@ inline constexpr const char* kLoadingIssueEmptyFile = "Empty File";
 inline constexpr const char* kLoadingIssueUndecryptableFile = "Undecryptable File";
 inline constexpr const char* kLoadingIssueLoadingPerformance = "Loading Performance";
 
+// A change file the update passes cannot apply yet because object or data files it names are
+// missing: a sync client often delivers a change file seconds before the files it names.
+struct ChangeWaitingForFiles {
+  std::string name;                       // the change file's name
+  std::string machineName;                // the device that wrote it ("" when the change does not say)
+  std::string fullUserName;               // who wrote it ("" when the change does not say)
+  std::vector<std::string> missingFiles;  // relative to the package, oldest object first
+  std::vector<std::string> objects;       // "Entity/UID" of every object it inserts or updates
+};
+
 class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServices {
  public:
   // The rest of opening (creating the package, checking the password, binding the cache, the
@@ -349,6 +359,11 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   Value changesHistoryForObjectID(const ObjectID& objectID, ManagedObjectContext* context = nullptr);
 
   // ---- Update pass ---------------------------------------------------------------------------
+  // The change files the cache has not applied whose object or data files are missing, empty or
+  // only online, oldest first; changes that are missing, unreadable or damaged themselves are
+  // not listed (the log reports those). It reads the files itself, so it says what is missing
+  // now rather than what the last pass saw. Main thread.
+  std::vector<ChangeWaitingForFiles> changesWaitingForFiles();
   // One guarded pass; a pass while one runs is deferred by the retry delay. Main thread.
   void updateChanges() override;
   // The pass itself: lists and matches on the calling thread, reads on the read queue, and
