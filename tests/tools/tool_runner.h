@@ -3,10 +3,12 @@
 #pragma once
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -70,6 +72,38 @@ inline ToolRun runTool(const std::vector<std::string>& arguments, const std::vec
       waitForExit(startTool(arguments, environment, capture.path(), capture / "out", capture / "err", input));
   result.out = readTextFile(capture / "out");
   result.err = readTextFile(capture / "err");
+  return result;
+}
+
+// Runs the tool with a new pseudo-terminal as its controlling terminal and standard error, types
+// `typed` once the terminal shows `waitFor`, and returns what the terminal showed in
+// *terminalText (standard output goes to a file, as in runTool()).
+inline ToolRun runToolOnTerminal(const std::vector<std::string>& arguments, const std::vector<std::string>& environment,
+                                 const std::string& home, const std::string& typed, const std::string& waitFor,
+                                 std::string* terminalText) {
+  TempDir capture;
+  ToolRun result;
+  int master = posix_openpt(O_RDWR | O_NOCTTY);
+  if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) return result;
+  pid_t pid = startTool(arguments, environment, home, capture / "out", "", "/dev/null", ptsname(master));
+  auto readSome = [&](int timeoutMs) {
+    pollfd p{master, POLLIN, 0};
+    if (poll(&p, 1, timeoutMs) <= 0) return false;
+    char buffer[512];
+    ssize_t n = read(master, buffer, sizeof buffer);
+    if (n <= 0) return false;
+    terminalText->append(buffer, static_cast<size_t>(n));
+    return true;
+  };
+  if (!typed.empty()) {
+    for (int i = 0; i < 100 && terminalText->find(waitFor) == std::string::npos; ++i) readSome(100);
+    [[maybe_unused]] ssize_t written = write(master, typed.data(), typed.size());
+  }
+  while (readSome(3000)) {
+  }
+  result.status = waitForExit(pid);
+  close(master);
+  result.out = readTextFile(capture / "out");
   return result;
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <iostream>
 
 #include "corvane/foundation/application_info.h"
@@ -192,7 +193,12 @@ std::unique_ptr<StoreSession> StoreSession::openDocument(const StoreOptions& opt
   // The keychain is not asked yet: DocumentOptions::keychain stays empty until the tool has one.
 
   Error openError;
-  session->document_ = CorvaneDocument::open(options.package, documentOptions, &openError);
+  // The document keeps the package's path for its whole life: a path relative to the folder the
+  // tool was started in is made absolute once, here.
+  std::error_code ignored;
+  std::string path = std::filesystem::absolute(options.package, ignored).lexically_normal().string();
+  while (path.size() > 1 && path.ends_with('/')) path.pop_back();
+  session->document_ = CorvaneDocument::open(path.empty() ? options.package : path, documentOptions, &openError);
   if (!session->document_) {
     session->closed_ = true;
     RunLoop::main().discardPendingWork();
@@ -296,6 +302,9 @@ void StoreSession::close() {
   // saved itself, and one that failed half way keeps nothing.
   document_->context().rollback();
   document_->close();
+  // The store notes the package among the recent files on a queue of its own, with the
+  // document's Env: that must be over before the document (and its Env) goes away.
+  CorvaneStore::waitForRecentFilesRegistration();
   document_.reset();
   // The retries a pass scheduled are for a live document; this one is gone.
   RunLoop::main().discardPendingWork();

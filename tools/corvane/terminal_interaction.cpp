@@ -63,9 +63,9 @@ AlertAnswer TerminalInteraction::answerAlert(const Alert& alert) {
   printAlert(alert);
   AlertAnswer answer;
   if (alert.buttons.size() > 1) {
-    std::string question = " ";
+    std::string question;
     for (size_t i = 0; i < alert.buttons.size(); ++i) {
-      question += " " + std::to_string(i + 1) + ") " + alert.buttons[i];
+      question += "  " + std::to_string(i + 1) + ") " + alert.buttons[i];
     }
     std::optional<std::string> chosen = askOnTerminal(question + "  [1]: ");
     if (!chosen) return answer;  // no terminal: the default button, nothing suppressed

@@ -1,0 +1,165 @@
+// The tool opens documents as an application does, through CorvaneDocument: the document's
+// opening checks, its alerts and progress on the terminal, `rebuild-cache`, and what a one-shot
+// command says about a change whose files a sync client has not delivered yet.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "corvane/foundation/env.h"
+#include "corvane/foundation/json.h"
+#include "support/temp_dir.h"
+#include "support/test_models.h"
+#include "tools/tool_runner.h"
+
+namespace corvane {
+namespace {
+
+using testing::readTextFile;
+using testing::TempDir;
+using testing::writeTextFile;
+
+using RunResult = testing::ToolRun;
+
+class DocumentCommandsTest : public ::testing::Test {
+ protected:
+  DocumentCommandsTest() { writeTextFile(model, testing::kPeopleModelJSON); }
+
+  RunResult run(const std::vector<std::string>& arguments) {
+    RunResult result;
+    result.status = testing::waitForExit(
+        testing::startTool(arguments, {"CORVANE_MACHINE_NAME=Workstation"}, home, dir / "out", dir / "err"));
+    result.out = readTextFile(dir / "out");
+    result.err = readTextFile(dir / "err");
+    return result;
+  }
+  std::string firstLine(const RunResult& r) { return r.out.substr(0, r.out.find('\n')); }
+  Value dump() {
+    RunResult r = run({"dump", package, "--model", model});
+    EXPECT_EQ(r.status, 0) << r.err;
+    auto parsed = jsonToValue(r.out);
+    return parsed ? *parsed : Value();
+  }
+
+  TempDir dir;
+  std::string home = dir / "home";
+  std::string package = dir / "Doc.corvane";
+  std::string model = dir / "model.json";
+};
+
+TEST_F(DocumentCommandsTest, ABackupCopyIsRefusedWithTheNameOfTheOriginal) {
+  ASSERT_EQ(run({"create", package, "--model", model}).status, 0);
+  const std::string backup = dir / "Doc.corvane.2024-01-01_10-00-00.backup";
+  ASSERT_TRUE(Env::defaultEnv()->copyItem(package, backup, nullptr));
+  for (const char* command : {"dump", "insert"}) {
+    std::vector<std::string> args = {command, backup, "--model", model};
+    if (std::string(command) == "insert") args.push_back("Person");
+    RunResult r = run(args);
+    EXPECT_EQ(r.status, 1) << command;
+    EXPECT_NE(r.err.find("corvane: This is a backup created while optimizing the file. Open the original file "
+                         "instead. The original file is named “Doc” and is located in the same folder."),
+              std::string::npos)
+        << r.err;
+  }
+  std::vector<std::string> changes;
+  Env::defaultEnv()->listDirectory(backup + "/Changes", true, &changes, nullptr);
+  EXPECT_TRUE(changes.empty()) << "nothing was written into the backup";
+}
+
+TEST_F(DocumentCommandsTest, RebuildCacheDrawsItsProgressOnlyOnATerminal) {
+  RunResult help = run({"rebuild-cache", "--help"});
+  EXPECT_EQ(help.status, 0);
+  EXPECT_NE(help.out.find("--model"), std::string::npos) << help.out;
+  EXPECT_EQ(run({"rebuild-cache", package}).status, 2);  // --model is required
+
+  ASSERT_EQ(run({"create", package, "--model", model}).status, 0);
+  ASSERT_EQ(run({"insert", package, "--model", model, "Person", "name=Ann"}).status, 0);
+  ASSERT_EQ(run({"insert", package, "--model", model, "Company", "name=Acme"}).status, 0);
+  const Value before = dump();
+  ASSERT_EQ(before.count(), 2u);
+
+  RunResult quiet = run({"rebuild-cache", package, "--model", model});
+  EXPECT_EQ(quiet.status, 0) << quiet.err;
+  EXPECT_EQ(firstLine(quiet), "rebuilt the cache of " + package);
+  EXPECT_EQ(quiet.err.find("Rebuilding"), std::string::npos) << "no terminal, no progress bar: " << quiet.err;
+
+  std::string terminal;
+  RunResult drawn =
+      testing::runToolOnTerminal({"rebuild-cache", package, "--model", model}, {}, home, "", "", &terminal);
+  EXPECT_EQ(drawn.status, 0) << terminal;
+  EXPECT_NE(terminal.find("Rebuilding cache for: Company"), std::string::npos) << terminal;
+  EXPECT_NE(terminal.find("Rebuilding cache for: Person"), std::string::npos) << terminal;
+  EXPECT_NE(terminal.find("] 50% "), std::string::npos) << terminal;
+  EXPECT_EQ(dump(), before);
+}
+
+TEST_F(DocumentCommandsTest, TheICloudDriveWarningAsksOnTheTerminalAndCanBeSilenced) {
+  const std::string cloud = home + "/Library/Mobile Documents/com~apple~CloudDocs";
+  ASSERT_TRUE(Env::defaultEnv()->createDirectory(cloud, true, nullptr));
+  package = cloud + "/Doc.corvane";
+  RunResult created = run({"create", package, "--model", model});
+  ASSERT_EQ(created.status, 0) << created.err;
+  // Without a terminal: the warning, answered with its default.
+  EXPECT_NE(created.err.find("corvane: This file is saved on iCloud Drive"), std::string::npos) << created.err;
+
+  std::string terminal;
+  RunResult asked = testing::runToolOnTerminal({"dump", package, "--model", model}, {}, home, "1\ny\n", "[1]: ",
+                                               &terminal);
+  EXPECT_EQ(asked.status, 0) << terminal;
+  EXPECT_NE(terminal.find("1) I have a Backup  2) Show in Finder"), std::string::npos) << terminal;
+  EXPECT_NE(terminal.find("Do not show this message again? [y/N]"), std::string::npos) << terminal;
+
+  RunResult silenced = run({"dump", package, "--model", model});
+  EXPECT_EQ(silenced.status, 0) << silenced.err;
+  EXPECT_EQ(silenced.err.find("iCloud Drive"), std::string::npos) << silenced.err;
+}
+
+// A sync client delivered the change file of another device, but not yet the object file it
+// names.
+TEST_F(DocumentCommandsTest, AChangeWaitingForItsFilesIsNamedOnceInPlainWords) {
+  ASSERT_EQ(run({"create", package, "--model", model}).status, 0);
+  ASSERT_EQ(run({"insert", package, "--model", model, "Person", "name=Ann"}).status, 0);
+  const std::string uid = "B0B0B0B0-0000-4000-8000-000000000001";
+  const std::string name = "2999-01-01-00-00-00.000.7AB1E700-0000-4000-8000-000000000002.json";
+  writeTextFile(package + "/Changes/" + name,
+                "{\"name\":\"" + name + "\",\"date\":\"2999-01-01T00:00:00.000+0000\",\"changes\":{\"insert\":{"
+                "\"Person\":{\"" + uid + "\":{}}}},\"session\":{\"userName\":\"ada\",\"fullUserName\":\"Ada "
+                "Lovelace\",\"machineName\":\"Tablet\",\"id\":\"S1\",\"version\":\"1\"}}");
+  const std::string objectFile = "Entities/Person/" + uid + "/" + name;
+  const std::string notice = "corvane: the change " + name + " from Tablet (Ada Lovelace) is still waiting for its "
+                             "file " + objectFile;
+
+  RunResult dumped = run({"dump", package, "--model", model});
+  EXPECT_EQ(dumped.status, 0) << dumped.err;
+  EXPECT_EQ(jsonToValue(dumped.out).value_or(Value()).count(), 1u) << dumped.out;
+  EXPECT_NE(dumped.err.find(notice), std::string::npos) << dumped.err;
+  EXPECT_NE(dumped.err.find("a later run will apply it"), std::string::npos) << dumped.err;
+  EXPECT_EQ(dumped.err.find(notice, dumped.err.find(notice) + 1), std::string::npos) << "said once\n" << dumped.err;
+  EXPECT_EQ(dumped.err.find("Missing files: Abort"), std::string::npos) << dumped.err;
+  EXPECT_EQ(std::count(dumped.err.begin(), dumped.err.end(), '\n'), 1) << "nothing but the notice\n" << dumped.err;
+
+  // The object is not there yet: the command says where it will come from.
+  RunResult updated = run({"update", package, "--model", model, "Person", uid, "name=Bob"});
+  EXPECT_EQ(updated.status, 1);
+  EXPECT_NE(updated.err.find("corvane: no Person with UID " + uid + " in " + package + "; it is in the change " +
+                             name + " from Tablet (Ada Lovelace), which is still waiting for its files"),
+            std::string::npos)
+      << updated.err;
+  RunResult deleted = run({"delete", package, "--model", model, "Person", "NOPE"});
+  EXPECT_EQ(deleted.status, 1);
+  EXPECT_NE(deleted.err.find("1 change is still waiting for their files: a later run may find it"), std::string::npos)
+      << deleted.err;
+
+  // The file arrives: the next run applies the change and has nothing to say.
+  writeTextFile(package + "/" + objectFile,
+                "{\"version\":\"1\",\"type\":\"insert\",\"payload\":{\"name\":{\"value\":\"Bob\"}}}");
+  RunResult later = run({"dump", package, "--model", model, "--where", "name == 'Bob'"});
+  EXPECT_EQ(later.status, 0) << later.err;
+  EXPECT_EQ(jsonToValue(later.out).value_or(Value()).count(), 1u) << later.out;
+  EXPECT_EQ(later.err.find("waiting"), std::string::npos) << later.err;
+  EXPECT_EQ(run({"update", package, "--model", model, "Person", uid, "name=Bobby"}).status, 0);
+}
+
+}  // namespace
+}  // namespace corvane
