@@ -16,6 +16,7 @@
 #include "corvane/graph/fetch_request.h"
 #include "corvane/graph/managed_object_context.h"
 #include "corvane/graph/object_model.h"
+#include "corvane/security/document_password.h"
 #include "corvane/security/package_encryption.h"
 #include "corvane/store/corvane_managed_object_context.h"
 #include "corvane/store/corvane_persistent_store_coordinator.h"
@@ -61,8 +62,6 @@ bool startsWithPath(const std::string& path, const std::string& prefix) {
 }
 
 }  // namespace
-
-DocumentPasswordKeychain::~DocumentPasswordKeychain() = default;
 
 // The options' Env, answering the document's own machine name.
 class CorvaneDocument::DocumentEnv final : public EnvWrapper {
@@ -117,6 +116,9 @@ CorvaneDocument::CorvaneDocument(DocumentOptions options)
 
 CorvaneDocument::~CorvaneDocument() {
   close();
+  // The store notes the package among the recent files on a queue of its own, with this
+  // document's Env: it must be done before the Env goes.
+  CorvaneStore::waitForRecentFilesRegistration();
   alive_.reset();
 }
 
@@ -225,18 +227,24 @@ bool CorvaneDocument::configurePersistentStoreCoordinator(const std::string& url
   return added;
 }
 
+KeychainBackend* CorvaneDocument::keychain() const {
+  if (!options_.useKeychain) return nullptr;
+  return options_.keychain ? options_.keychain.get() : defaultKeychain();
+}
+
 bool CorvaneDocument::obtainPassword(const std::string& path, bool* cancelled) {
   Env* env = env_.get();
   const std::string identifier = CorvaneStore::documentIdentifierForURL(path, env);
-  const std::string service = environment_->applicationOrCurrent().identifier;
-  if (options_.keychain && defaults_->boolForKey(fmt::format(kDontAskPasswordKey, identifier))) {
-    std::optional<std::string> kept = options_.keychain->findPassword(service, identifier);
+  const DocumentPasswordItem item{environment_->applicationOrCurrent().identifier, identifier};
+  KeychainBackend* keys = keychain();
+  if (keys != nullptr && defaults_->boolForKey(fmt::format(kDontAskPasswordKey, identifier))) {
+    std::optional<std::string> kept = findDocumentPassword(item, nullptr, keys);
     if (kept && CorvaneStore::canOpenURL(path, *kept, env)) {
       password_ = std::move(kept);
       return true;
     }
   }
-  PasswordPrompt prompt{"Password for " + pathLastComponent(path), path, identifier, options_.keychain != nullptr};
+  PasswordPrompt prompt{"Password for " + pathLastComponent(path), path, identifier, keys != nullptr};
   preparePasswordPrompt(prompt);
   documentIdentifier_ = identifier;
   // Asked again until the password opens the package or the person cancels.
@@ -251,12 +259,12 @@ bool CorvaneDocument::obtainPassword(const std::string& path, bool* cancelled) {
       continue;
     }
     password_ = answer->password;
-    if (answer->saveInKeychain && options_.keychain) {
+    if (answer->saveInKeychain && keys != nullptr) {
       Error error;
-      if (options_.keychain->savePassword(service, identifier, pathLastComponent(path), answer->password, &error)) {
+      if (saveDocumentPassword(item, pathLastComponent(path), answer->password, &error, keys)) {
         (void)defaults_->setObject(Value(true), fmt::format(kDontAskPasswordKey, identifier));
       } else {
-        interaction()->runAlert(Alert{"The password could not be saved to the keychain.", error.localizedDescription, {}});
+        interaction()->runAlert(Alert{kKeychainPasswordNotSavedMessage, error.localizedDescription, {}});
       }
     }
     return true;

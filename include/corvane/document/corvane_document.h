@@ -47,7 +47,7 @@
 namespace corvane {
 
 class CorvaneStore;
-class DocumentPasswordKeychain;
+class KeychainBackend;
 class ManagedObjectContext;
 class ObjectModel;
 class RunLoop;
@@ -65,8 +65,12 @@ struct DocumentOptions {
   std::optional<std::string> cacheRoot;
   // The password of an encrypted package, tried before the keychain and the prompt.
   std::optional<std::string> password;
-  // The keychain that keeps documents' passwords. Default: none (no keychain is asked).
-  std::shared_ptr<DocumentPasswordKeychain> keychain;
+  // The keychain that keeps documents' passwords (asked only for a document whose "do not ask
+  // again" setting is on, and offered in the password prompt). Default: defaultKeychain(), the
+  // Secret Service or the user's keychain file.
+  std::shared_ptr<KeychainBackend> keychain;
+  // Leave the keychain out altogether (a tool run in scripts, tests).
+  bool useKeychain = true;
   // Alerts, password prompts, progress. Default: defaultInteraction() (headless: logs, answers
   // with the default button, cancels password prompts).
   std::shared_ptr<Interaction> interaction;
@@ -96,17 +100,6 @@ struct DocumentOptions {
 // What another device changed, as the document's context now shows it.
 struct ExternalChanges {
   std::vector<Retained<ManagedObject>> inserted, updated, deleted;
-};
-
-// The keychain a document keeps its password in (implemented over the system's keychain).
-class DocumentPasswordKeychain {
- public:
-  virtual ~DocumentPasswordKeychain();
-  // The password kept for (service = the host's identifier, account = the document identifier).
-  virtual std::optional<std::string> findPassword(const std::string& service, const std::string& account) = 0;
-  // Keeps it, labelled with the file name. False with the reason on failure.
-  virtual bool savePassword(const std::string& service, const std::string& account, const std::string& label,
-                            const std::string& password, Error* error) = 0;
 };
 
 class CorvaneDocument : public PersistentDocument {
@@ -237,6 +230,7 @@ class CorvaneDocument : public PersistentDocument {
   void deliverExternalChanges(const Value& userInfo);
   RunLoop& mainLoop() const;
   std::shared_ptr<Interaction> interaction() const;
+  KeychainBackend* keychain() const;
 
   DocumentOptions options_;
   std::unique_ptr<Env> env_;  // options' Env with the document's machine name
