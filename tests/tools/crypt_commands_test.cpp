@@ -1,8 +1,4 @@
 // `corvane decrypt` and `corvane encrypt`, run as the real binary.
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/ioctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -26,36 +22,12 @@ using testing::writeTextFile;
 
 using RunResult = testing::ToolRun;
 using testing::runTool;
-using testing::startTool;
-using testing::waitForExit;
 
-// Runs the tool with a pseudo-terminal as its controlling terminal, answers the first prompt
-// with `typed` and returns what the terminal showed in *terminalText.
+// Runs the tool on a pseudo-terminal and answers its first prompt with `typed`.
 RunResult runToolOnTerminal(const std::vector<std::string>& arguments, const std::string& typed,
                             std::string* terminalText) {
-  TempDir capture;
-  int master = posix_openpt(O_RDWR | O_NOCTTY);
-  if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) return {};
-  pid_t pid = startTool(arguments, {}, capture.path(), capture / "out", "", "/dev/null", ptsname(master));
-  // Read until the prompt appears (or give up after a few seconds), type, then read the rest.
-  auto readSome = [&](int timeoutMs) {
-    pollfd p{master, POLLIN, 0};
-    if (poll(&p, 1, timeoutMs) <= 0) return false;
-    char buffer[512];
-    ssize_t n = read(master, buffer, sizeof buffer);
-    if (n <= 0) return false;
-    terminalText->append(buffer, static_cast<size_t>(n));
-    return true;
-  };
-  for (int i = 0; i < 50 && terminalText->find(": ") == std::string::npos; ++i) readSome(100);
-  [[maybe_unused]] ssize_t written = write(master, typed.data(), typed.size());
-  while (readSome(2000)) {
-  }
-  RunResult result;
-  result.status = waitForExit(pid);
-  close(master);
-  result.out = readTextFile(capture / "out");
-  return result;
+  TempDir home;
+  return testing::runToolOnTerminal(arguments, {}, home.path(), typed, ": ", terminalText);
 }
 
 std::string infoPlist(const std::string& encryption) {
