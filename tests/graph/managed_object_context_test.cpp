@@ -142,6 +142,21 @@ TEST(ManagedObjectContext, InverseRelationshipsStayInStep) {
   EXPECT_THROW(a->toMany("folder"), Exception);
 }
 
+// Ann and Bob with a badge each, and note "a" in the inbox, saved: partners to re-point.
+struct Partners {
+  Retained<ManagedObject> ann, bob, badge, spare, inbox, archive, a;
+};
+Partners savedPartners(ManagedObjectContext& c) {
+  Partners p{c.insertNewObject("Person"), c.insertNewObject("Person"), c.insertNewObject("Badge"),
+             c.insertNewObject("Badge"),  c.insertNewObject("Folder"), c.insertNewObject("Folder"), note(c, "a")};
+  p.ann->setToOne("badge", p.badge.get());
+  p.bob->setToOne("badge", p.spare.get());
+  p.a->setToOne("folder", p.inbox.get());
+  Error error;
+  EXPECT_TRUE(c.save(&error)) << error.localizedDescription;
+  return p;
+}
+
 // The old partner of a re-pointed relationship is changed too, and that change reaches the
 // store like any other, even when the old partner was only a fault: otherwise another context
 // reads both partners claiming the same object.
@@ -149,14 +164,7 @@ TEST(ManagedObjectContext, ReplacedPartnersAreClearedThroughTheStore) {
   Stack s;
   auto& c = *s.context;
   Error error;
-  auto ann = c.insertNewObject("Person"), bob = c.insertNewObject("Person");
-  auto badge = c.insertNewObject("Badge"), spare = c.insertNewObject("Badge");
-  auto inbox = c.insertNewObject("Folder"), archive = c.insertNewObject("Folder");
-  auto a = note(c, "a");
-  ann->setToOne("badge", badge.get());
-  bob->setToOne("badge", spare.get());
-  a->setToOne("folder", inbox.get());
-  ASSERT_TRUE(c.save(&error)) << error.localizedDescription;
+  auto [ann, bob, badge, spare, inbox, archive, a] = savedPartners(c);
   std::vector<std::shared_ptr<ManagedObjectContext>> readers;  // an object answers nil once its context is gone
   auto reread = [&](const Retained<ManagedObject>& o) {
     readers.push_back(s.newContext());
@@ -210,14 +218,7 @@ TEST(ManagedObjectContext, UndoRestoresReplacedPartners) {
   Stack s;
   auto& c = *s.context;
   Error error;
-  auto ann = c.insertNewObject("Person"), bob = c.insertNewObject("Person");
-  auto badge = c.insertNewObject("Badge"), spare = c.insertNewObject("Badge");
-  auto inbox = c.insertNewObject("Folder"), archive = c.insertNewObject("Folder");
-  auto a = note(c, "a");
-  ann->setToOne("badge", badge.get());
-  bob->setToOne("badge", spare.get());
-  a->setToOne("folder", inbox.get());
-  ASSERT_TRUE(c.save(&error)) << error.localizedDescription;
+  auto [ann, bob, badge, spare, inbox, archive, a] = savedPartners(c);
   c.undoManager()->removeAllActions();
 
   auto undoable = [&](const std::function<void()>& change) {
