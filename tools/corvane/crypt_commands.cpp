@@ -96,7 +96,8 @@ void setupCryptCommand(CLI::App& app, int* status, bool encrypt) {
       ->type_name("FILE");
   addPasswordOptions(command, &options->password);
   command->footer(
-      "The password is read from --password-file, else from $CORVANE_PASSWORD, else asked for on the terminal. "
+      "The password is read from --password-file, else from $CORVANE_PASSWORD, else the keychain (corvane password "
+      "save), else asked for on the terminal. "
       "It is checked against the package before any file is processed. Several inputs without -o are written "
       "to standard output one after the other.");
   command->callback([options, status] { *status = runCrypt(*options); });

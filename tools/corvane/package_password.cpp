@@ -8,7 +8,10 @@
 #include <cstring>
 
 #include "corvane/foundation/plist.h"
+#include "corvane/security/document_password.h"
 #include "corvane/security/package_encryption.h"
+#include "corvane/store/corvane_store.h"
+#include "store_session.h"
 
 namespace corvane::cli {
 namespace {
@@ -50,7 +53,19 @@ std::optional<std::string> passwordFromFile(const std::string& path, std::string
   return line;
 }
 
+// The password kept for the package when the tool's setting says to use it; nullopt otherwise,
+// also when the keychain fails (the person is asked then, as the document does).
+std::optional<std::string> keptPassword(Env* env, const std::string& package) {
+  const std::string identifier = CorvaneStore::documentIdentifierForURL(package, env);
+  if (identifier.empty() || !toolDefaults()->boolForKey(dontAskPasswordKey(identifier))) return std::nullopt;
+  return findDocumentPassword({toolApplication().identifier, identifier}, nullptr, defaultKeychain());
+}
+
 }  // namespace
+
+std::string dontAskPasswordKey(const std::string& documentIdentifier) {
+  return "Corvane.DontShowPasswordPromptAgain." + documentIdentifier;
+}
 
 std::optional<std::string> passwordFromTerminal(const std::string& prompt) {
   int fd = ::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY);
@@ -74,7 +89,8 @@ std::optional<std::string> passwordFromTerminal(const std::string& prompt) {
 
 void addPasswordOptions(CLI::App* command, PasswordOptions* options) {
   command->add_option("--password-file", options->passwordFile,
-                      "Read the password from the first line of FILE (else $CORVANE_PASSWORD, else a prompt)")
+                      "Read the password from the first line of FILE (else $CORVANE_PASSWORD, else one kept by "
+                      "`corvane password save`, else a prompt)")
       ->type_name("FILE");
 }
 
@@ -122,6 +138,15 @@ std::optional<OpenedPackage> openPackage(Env* env, const std::string& package, E
   if (!parameters->salt || !parameters->verifier) {
     *error = infoPath + " has a damaged \"Encryption\" entry (its \"Salt\" or \"Info\" is missing)";
     return std::nullopt;
+  }
+  // A kept password is tried only when none is given: a given one that is wrong is reported.
+  if (options.passwordFile.empty() && !env->environmentVariable(kPasswordEnvironmentVariable)) {
+    SeaCrypto keptCipher(env);
+    if (std::optional<std::string> kept = keptPassword(env, package);
+        kept && canOpenWithPassword(opened.info, *kept, env, &keptCipher)) {
+      opened.cipher = std::move(keptCipher);
+      return opened;
+    }
   }
   std::optional<std::string> password = obtainPassword(env, options, "Password for " + package + ": ", error);
   if (!password) return std::nullopt;

@@ -4,7 +4,9 @@
 //
 // The password never comes from a plain command-line argument (other users can read those in
 // the process table). In order: --password-file FILE (its first line), the environment
-// variable CORVANE_PASSWORD, a prompt on the controlling terminal without echo.
+// variable CORVANE_PASSWORD, the keychain (when `corvane password save` kept it there, as the
+// document does for the commands that open one), a prompt on the controlling terminal without
+// echo.
 //
 // Threads: main thread only (the prompt owns the terminal).
 #pragma once
@@ -25,6 +27,10 @@ inline constexpr const char* kPasswordEnvironmentVariable = "CORVANE_PASSWORD";
 struct PasswordOptions {
   std::string passwordFile;  // empty: not given
 };
+
+// The tool's user default that makes a document take its password from the keychain: the key a
+// CorvaneDocument reads, "Corvane.DontShowPasswordPromptAgain.<document identifier>".
+std::string dontAskPasswordKey(const std::string& documentIdentifier);
 
 // Asks on the controlling terminal with echo off; nullopt when there is no terminal.
 std::optional<std::string> passwordFromTerminal(const std::string& prompt);

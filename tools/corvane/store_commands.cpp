@@ -490,7 +490,8 @@ const char* kValuesFooter =
     "2024-05-17T09:41:07.250+0000 (or with Z), binary data as @FILE. A to-one relationship is Entity/UID (empty "
     "clears it); a to-many one a comma-separated list of Entity/UID that replaces the members, or REL+=Entity/UID "
     "and REL-=Entity/UID to add or remove one. --null KEY clears a value. The password of an encrypted document is "
-    "read from --password-file, else $CORVANE_PASSWORD, else asked for on the terminal.";
+    "read from --password-file, else $CORVANE_PASSWORD, else the keychain (corvane password save), else asked for "
+    "on the terminal.";
 
 void setupCreate(CLI::App& app, int* status) {
   auto options = std::make_shared<StoreOptions>();

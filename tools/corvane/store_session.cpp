@@ -118,6 +118,11 @@ const ApplicationInfo& toolApplication() {
   return tool;
 }
 
+std::shared_ptr<UserDefaults> toolDefaults() {
+  static const std::shared_ptr<UserDefaults> defaults = UserDefaults::forApplication(toolApplication().identifier);
+  return defaults;
+}
+
 std::shared_ptr<ObjectModel> loadModel(const std::string& path, std::string* error) {
   Env* env = Env::defaultEnv();
   if (!env->fileExists(path)) {
@@ -143,14 +148,17 @@ std::unique_ptr<StoreSession> StoreSession::open(const StoreOptions& options, st
     *error = options.package + " is not a Corvane package (it needs Info.plist, Changes and Entities)";
     return nullptr;
   }
-  // A password given on the command line is the one tried first; without one the document asks
-  // (the keychain, then the person at the terminal).
+  // A password given on the command line (--password-file, else $CORVANE_PASSWORD) is the only
+  // one tried: when it is wrong the command says so rather than quietly opening with a password
+  // kept in the keychain. Without one the document asks the keychain (when `corvane password
+  // save` or the prompt kept one there), then the person at the terminal.
   DocumentOptions documentOptions;
   if (isEncryptedPackageInfo(CorvaneStore::infoDictionaryForURL(options.package, env))) {
     if (!options.password.passwordFile.empty() || env->environmentVariable(kPasswordEnvironmentVariable)) {
       std::optional<std::string> password = obtainPassword(env, options.password, "", error);
       if (!password) return nullptr;
       documentOptions.password = std::move(password);
+      documentOptions.useKeychain = false;
     }
   }
   return openDocument(options, std::move(documentOptions), error);
@@ -190,7 +198,10 @@ std::unique_ptr<StoreSession> StoreSession::openDocument(const StoreOptions& opt
     documentOptions.cacheRoot = pathJoin(pathJoin(data, toolApplication().identifier), "LocalDatabaseCache");
   }
   documentOptions.recover = options.recover;
-  // The keychain is not asked yet: DocumentOptions::keychain stays empty until the tool has one.
+  // The keychain is the system's (DocumentOptions::keychain's default): the Secret Service, or
+  // the keychain file in the data folder where no session bus offers one. The "do not ask
+  // again" settings that make the document use it are the tool's own.
+  documentOptions.defaults = toolDefaults();
 
   Error openError;
   // The document keeps the package's path for its whole life: a path relative to the folder the

@@ -19,6 +19,7 @@
 #include "corvane/graph/managed_object_context.h"
 #include "corvane/foundation/date_format.h"
 #include "corvane/foundation/env.h"
+#include "corvane/foundation/user_defaults.h"
 #include "corvane/graph/object_model.h"
 #include "corvane/store/corvane_store.h"
 #include "package_password.h"
@@ -49,6 +50,11 @@ std::string referenceOf(const ManagedObject& object);
 // (dates and decimals as text, binary data as its length and SHA-256) and each relationship as
 // references.
 Value dumpObject(const ManagedObject& object);
+
+// The tool's user defaults (<config>/<tool identifier>.plist), one object for the process: the
+// documents the tool opens read their "do not ask again" settings from it, and the password
+// commands write them there.
+std::shared_ptr<UserDefaults> toolDefaults();
 
 // Reads a JSON model file; nullptr and a one-line message naming the file otherwise.
 std::shared_ptr<ObjectModel> loadModel(const std::string& path, std::string* error);
