@@ -30,7 +30,6 @@ namespace {
 constexpr int64_t kBusyItemsThreshold = 200;
 constexpr uint64_t kLowDiskSpaceBytes = 100'000'000;
 constexpr const char* kICloudWarningKey = "kCorvaneICloudWarningHasBeenShown";
-constexpr const char* kDontAskPasswordKey = "Corvane.DontShowPasswordPromptAgain.{}";
 constexpr const char* kSuccess = "CorvaneLogTypeSuccess";
 // The store's cache count of objects still to load is read this often while a document is open.
 constexpr double kItemsPollSeconds = 0.5;
@@ -78,6 +77,10 @@ struct CorvaneDocument::Subscribers {
   uint64_t next = 0;
   std::vector<std::pair<uint64_t, std::function<void(const ExternalChanges&)>>> callbacks;
 };
+
+std::string dontShowPasswordPromptAgainKey(const std::string& documentIdentifier) {
+  return "Corvane.DontShowPasswordPromptAgain." + documentIdentifier;
+}
 
 // ---- Creation ----------------------------------------------------------------------------------
 
@@ -237,7 +240,7 @@ bool CorvaneDocument::obtainPassword(const std::string& path, bool* cancelled) {
   const std::string identifier = CorvaneStore::documentIdentifierForURL(path, env);
   const DocumentPasswordItem item{environment_->applicationOrCurrent().identifier, identifier};
   KeychainBackend* keys = keychain();
-  if (keys != nullptr && defaults_->boolForKey(fmt::format(kDontAskPasswordKey, identifier))) {
+  if (keys != nullptr && defaults_->boolForKey(dontShowPasswordPromptAgainKey(identifier))) {
     std::optional<std::string> kept = findDocumentPassword(item, nullptr, keys);
     if (kept && CorvaneStore::canOpenURL(path, *kept, env)) {
       password_ = std::move(kept);
@@ -262,7 +265,7 @@ bool CorvaneDocument::obtainPassword(const std::string& path, bool* cancelled) {
     if (answer->saveInKeychain && keys != nullptr) {
       Error error;
       if (saveDocumentPassword(item, pathLastComponent(path), answer->password, &error, keys)) {
-        (void)defaults_->setObject(Value(true), fmt::format(kDontAskPasswordKey, identifier));
+        (void)defaults_->setObject(Value(true), dontShowPasswordPromptAgainKey(identifier));
       } else {
         interaction()->runAlert(Alert{kKeychainPasswordNotSavedMessage, error.localizedDescription, {}});
       }

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "corvane/document/corvane_document.h"
 #include "corvane/foundation/plist.h"
 #include "corvane/security/document_password.h"
 #include "corvane/security/package_encryption.h"
@@ -57,15 +58,12 @@ std::optional<std::string> passwordFromFile(const std::string& path, std::string
 // also when the keychain fails (the person is asked then, as the document does).
 std::optional<std::string> keptPassword(Env* env, const std::string& package) {
   const std::string identifier = CorvaneStore::documentIdentifierForURL(package, env);
-  if (identifier.empty() || !toolDefaults()->boolForKey(dontAskPasswordKey(identifier))) return std::nullopt;
+  if (identifier.empty() || !toolDefaults()->boolForKey(dontShowPasswordPromptAgainKey(identifier))) return std::nullopt;
   return findDocumentPassword({toolApplication().identifier, identifier}, nullptr, defaultKeychain());
 }
 
 }  // namespace
 
-std::string dontAskPasswordKey(const std::string& documentIdentifier) {
-  return "Corvane.DontShowPasswordPromptAgain." + documentIdentifier;
-}
 
 std::optional<std::string> passwordFromTerminal(const std::string& prompt) {
   int fd = ::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY);

@@ -28,10 +28,6 @@ struct PasswordOptions {
   std::string passwordFile;  // empty: not given
 };
 
-// The tool's user default that makes a document take its password from the keychain: the key a
-// CorvaneDocument reads, "Corvane.DontShowPasswordPromptAgain.<document identifier>".
-std::string dontAskPasswordKey(const std::string& documentIdentifier);
-
 // Asks on the controlling terminal with echo off; nullopt when there is no terminal.
 std::optional<std::string> passwordFromTerminal(const std::string& prompt);
 

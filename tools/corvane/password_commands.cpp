@@ -10,6 +10,7 @@
 #include <string>
 
 #include "command.h"
+#include "corvane/document/corvane_document.h"
 #include "corvane/foundation/env.h"
 #include "corvane/security/document_password.h"
 #include "corvane/security/package_encryption.h"
@@ -86,7 +87,7 @@ int runSave(const PasswordCommandOptions& options) {
   }
   // Without the setting the document never looks in the keychain: the item alone is not enough.
   std::shared_ptr<UserDefaults> defaults = toolDefaults();
-  if (!defaults->setObject(Value(true), dontAskPasswordKey(identity->item.documentIdentifier))) {
+  if (!defaults->setObject(Value(true), dontShowPasswordPromptAgainKey(identity->item.documentIdentifier))) {
     return fail("the password is in " + keychainName(keychain) + ", but the tool's settings file " + defaults->path() +
                 " could not be written, so the tool will still ask for it");
   }
@@ -107,7 +108,7 @@ int runForget(const PasswordCommandOptions& options) {
   if (!removeDocumentPassword(identity->item, &keychainError, keychain)) return fail(keychainMessage(keychainError));
   // The setting goes too: with it on and no item the document would look in vain on every open.
   std::shared_ptr<UserDefaults> defaults = toolDefaults();
-  if (!defaults->removeObjectForKey(dontAskPasswordKey(identity->item.documentIdentifier))) {
+  if (!defaults->removeObjectForKey(dontShowPasswordPromptAgainKey(identity->item.documentIdentifier))) {
     return fail("the tool's settings file " + defaults->path() + " could not be written");
   }
   std::printf(wasKept ? "the password of %s is no longer kept in %s; commands ask for it again\n"
@@ -131,7 +132,7 @@ int runStatus(const PasswordCommandOptions& options) {
   Error keychainError;
   std::optional<std::string> kept = findDocumentPassword(identity->item, &keychainError, keychain);
   if (!kept && keychainError.code != kKeychainErrorItemNotFound) return fail(keychainMessage(keychainError));
-  const bool used = toolDefaults()->boolForKey(dontAskPasswordKey(identity->item.documentIdentifier));
+  const bool used = toolDefaults()->boolForKey(dontShowPasswordPromptAgainKey(identity->item.documentIdentifier));
   if (!kept) {
     std::printf("no password of %s is kept in %s; commands ask for it\n", package, where.c_str());
   } else if (!CorvaneStore::canOpenURL(options.package, *kept, env)) {

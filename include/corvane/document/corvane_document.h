@@ -54,6 +54,10 @@ class RunLoop;
 class StoreEnvironment;
 class UserDefaults;
 
+// The user-defaults key that, when true, makes a document take its password from the keychain
+// instead of asking: "Corvane.DontShowPasswordPromptAgain.<document identifier>".
+std::string dontShowPasswordPromptAgainKey(const std::string& documentIdentifier);
+
 // Everything a host sets, with its default.
 struct DocumentOptions {
   // The entities of the document. Required.
