@@ -278,7 +278,7 @@ void makeSeed(Seed& seed, bool encrypted) {
 }
 
 void copyTree(Env* env, const std::string& from, const std::string& to) {
-  env->removeItem(to, nullptr);
+  if (env->fileExists(to) && !env->removeItem(to, nullptr)) fail("cannot remove " + to);
   if (!env->copyItem(from, to, nullptr)) fail("cannot copy " + from);
 }
 
@@ -291,7 +291,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   char folder[] = "/dev/shm/update-pass-fuzz-XXXXXX";
   if (mkdtemp(folder) == nullptr) fail("cannot make a temporary folder");
   fixture->root = folder;
-  std::atexit([] { Env::defaultEnv()->removeItem(fixture->root, nullptr); });
+  std::atexit([] { (void)Env::defaultEnv()->removeItem(fixture->root, nullptr); });  // best effort at exit
   // Trash, caches and settings stay inside the temporary folder.
   for (const char* variable : {"XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_CONFIG_HOME"}) {
     setenv(variable, (fixture->root + "/" + variable).c_str(), 1);
@@ -334,7 +334,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
 
   Env* env = fixture->env;
-  env->removeItem(fixture->cacheRoot, nullptr);
+  if (env->fileExists(fixture->cacheRoot) && !env->removeItem(fixture->cacheRoot, nullptr)) {
+    fail("cannot remove " + fixture->cacheRoot);
+  }
   copyTree(env, seed.folder, fixture->work);
   // The chosen file, or a change file that sorts after the last one.
   const std::string relative = choice < seed.files.size() ? seed.files[choice].relative

@@ -434,7 +434,10 @@ int runChanges(const ChangesOptions& options) {
       openPackage(env, options.package, EncryptionNeed::Optional, options.password, &error);
   if (!opened) return fail(error);
   std::vector<std::string> names;
-  env->listDirectory(pathJoin(options.package, "Changes"), true, &names, nullptr);
+  Error listError;
+  if (!env->listDirectory(pathJoin(options.package, "Changes"), true, &names, &listError)) {
+    return fail(pathJoin(options.package, "Changes") + ": " + listError.localizedDescription);
+  }
   std::vector<Value> history;
   for (const std::string& name : names) {
     if (!name.ends_with(".json")) continue;
