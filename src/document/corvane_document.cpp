@@ -604,6 +604,21 @@ void CorvaneDocument::checkAllFiles() {
   if (store_ != nullptr) store_->cache()->checkAllFiles();
 }
 
+// ---- Consolidation offer ---------------------------------------------------------------------------
+
+bool CorvaneDocument::shouldOfferOptimizeFile() const {
+  if (store_ == nullptr || store_->errorLevel() == "CorvaneLogTypeError") return false;
+  return store_->cache()->changes().count() > 5000;
+}
+
+std::string CorvaneDocument::optimizeFileConfirmationText() const {
+  const std::string text = "Optimizing consolidates all changes in this file.";
+  if (store_ == nullptr || !serviceType() || !store_->hasRecentChangesFromOtherDevices()) return text;
+  return fmt::format("{}\n\n{}", text,
+                     "This file is also used on other devices. Only optimize while no one else is working on it. "
+                     "Syncing the optimized file to all devices will take a while.");
+}
+
 // ---- Hooks -------------------------------------------------------------------------------------
 
 void CorvaneDocument::didMergeExternalChanges(const ExternalChanges&) {}

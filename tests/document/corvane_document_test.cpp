@@ -189,6 +189,9 @@ TEST_F(DocumentTest, ProgressBusyStateAndTheEditedMark) {
   doc->updateChangeCount(PersistentDocument::ChangeKind::Done);
   EXPECT_FALSE(doc->isDocumentEdited());
   EXPECT_NE(dynamic_cast<CorvaneUndoManager*>(doc->undoManager()), nullptr);
+  // A short history is not worth optimizing; outside a sync service nobody else is warned of.
+  EXPECT_FALSE(doc->shouldOfferOptimizeFile());
+  EXPECT_EQ(doc->optimizeFileConfirmationText(), "Optimizing consolidates all changes in this file.");
 }
 
 TEST_F(DocumentTest, LowDiskSpaceWarnsBelowOneHundredMillionBytesAndQuitAsksToTerminate) {

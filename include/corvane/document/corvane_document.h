@@ -187,6 +187,14 @@ class CorvaneDocument : public PersistentDocument {
   void resetCache();
   void checkAllFiles();
 
+  // What an information window offers before consolidating: "Optimize File" only while the cache
+  // holds more than 5000 changes and the error level is not an error.
+  bool shouldOfferOptimizeFile() const;
+  // The confirmation's text: the plain sentence, or, when the package is on a sync service and
+  // other devices changed it lately, that sentence and the warning to optimize only while no
+  // one else works on it.
+  std::string optimizeFileConfirmationText() const;
+
   // The package moved (renamed, or moved by the host): the store follows it.
   void setFileURL(const std::string& url) override;
   // The first extension the host's document types declare for `className` (their
