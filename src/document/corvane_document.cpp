@@ -8,6 +8,7 @@
 
 #include "corvane/cache/cache.h"
 #include "corvane/document/volume.h"
+#include "corvane/foundation/date_format.h"
 #include "corvane/foundation/log.h"
 #include "corvane/foundation/notification_center.h"
 #include "corvane/foundation/serial_queue.h"
@@ -602,6 +603,100 @@ void CorvaneDocument::resetCache() {
 
 void CorvaneDocument::checkAllFiles() {
   if (store_ != nullptr) store_->cache()->checkAllFiles();
+}
+
+// ---- Consolidation ---------------------------------------------------------------------------------
+
+std::string CorvaneDocument::backupPathForConsolidation(double secondsSince2001) const {
+  const DateFormatter local("yyyy-MM-dd_HH-mm-ss", DateTimeZone::local(env_.get()));
+  return fileURL() + "." + local.format(secondsSince2001) + ".backup";
+}
+
+void CorvaneDocument::consolidate(std::function<void(bool)> done) {
+  auto finish = [done](bool swapped) {
+    if (done) done(swapped);
+  };
+  if (store_ == nullptr) return finish(false);
+  Env* env = env_.get();
+  std::shared_ptr<Interaction> ui = interaction();
+  consolidating_ = true;
+  ui->beginProgress("Optimizing File");
+  ui->updateProgress(0, "Optimizing File");
+  const std::string url = fileURL();
+  const uint64_t total = CorvaneTotalSize(env, url);
+  const uint64_t free = CorvaneTotaFreeDiskSpace(env, url);
+  if (total > free) {
+    ui->endProgress();
+    ui->runAlert(Alert{"Not enough storage space", fmt::format("{} of free space required", byteCountText(total)), {}});
+    return finish(false);  // `consolidating` stays set, as a later consolidation sets it again
+  }
+  managedObjectContext().processPendingChanges();
+  const std::string temporary = url + ".temporary";
+  CorvaneStore::prepareNewStoreAtURL(temporary, env, defaults_);
+
+  // The new package gets the document's identity, options and password. It is written by a
+  // store of its own coordinator, so that the document's context never sees two stores.
+  Value options = Value::mutableDictionary();
+  options.set(Value(kCorvaneStoreEnvironmentOption), environmentValue_);
+  if (options_.cacheRoot) options.set(Value(kCorvaneCacheRootURLOption), Value(*options_.cacheRoot));
+  if (password_) options.set(Value(kCorvanePasswordOption), Value(*password_));
+  options.set(Value(kCorvaneDocumentIdentifierOption), Value(store_->documentIdentifier()));
+  if (const Value& documentOptions = store_->metadata()["DocumentOptions"]; documentOptions.isDictionary()) {
+    options.set(Value(kCorvaneDocumentOptionsOption), documentOptions);
+  }
+  auto coordinator = std::make_shared<CorvanePersistentStoreCoordinator>(options_.model);
+  Error error;
+  auto* target = dynamic_cast<CorvaneStore*>(
+      coordinator->addPersistentStore(kCorvaneStoreType, "", temporary, options.copy(), &error));
+  if (target == nullptr) {
+    logLine("Failed to create " + temporary + ": " + error.localizedDescription, LogLevel::Error);
+    ui->endProgress();
+    consolidating_ = false;
+    return finish(false);
+  }
+  std::weak_ptr<bool> alive = alive_;
+  target->writeAllObjectsInContext(
+      sharedContext(), store_, Value(),
+      [ui](double fraction) { ui->updateProgress(fraction, "Optimizing File"); },
+      [this, alive, ui, coordinator, target, temporary, url, finish] {
+        if (alive.expired()) return;
+        didSaveStore(store_, target);
+        Env* files = env_.get();
+        // The writing store's cache was for the temporary package only.
+        const std::string targetCache = target->cache()->URL();
+        target->close();
+        if (!targetCache.empty() && files->fileExists(targetCache)) (void)files->removeItem(targetCache, nullptr);
+        const std::string backup = backupPathForConsolidation(files->now());
+        // The old package keeps its place until the new one is complete; then the two swap
+        // names, the old one becoming the backup.
+        Error failure;
+        bool swapped = files->moveItem(url, backup, &failure);
+        if (swapped && !files->moveItem(temporary, url, &failure)) {
+          Error undo;
+          if (!files->moveItem(backup, url, &undo)) logLine("Failed to restore " + url + ": " + undo.description());
+          swapped = false;
+        }
+        if (!swapped) {
+          logLine("Failed to replace content: " + failure.description(), LogLevel::Error);
+        } else {
+          Error removal;
+          if (files->fileExists(temporary) && !files->removeItem(temporary, &removal)) {
+            logLine("Failed to delete aURL: " + removal.description(), LogLevel::Warning);
+          }
+          // The store now finds one change in its folder instead of its history: it starts its
+          // cache afresh and applies it. Objects keep their UIDs, so the context's objects stay.
+          store_->unobserveDirectory();
+          store_->reloadPackageInfo();
+          store_->cache()->reset();
+          store_->observeDirectory();
+          const size_t before = store_->finishedPasses();
+          store_->updateChanges();
+          mainLoop().runUntil([this, before] { return store_->finishedPasses() > before; }, options_.openTimeout);
+        }
+        ui->endProgress();
+        consolidating_ = false;
+        finish(swapped);
+      });
 }
 
 // ---- Consolidation offer ---------------------------------------------------------------------------

@@ -123,8 +123,8 @@ bool CorvaneStore::loadMetadata(Error* error) {
     if (!canOpenWithPassword(info, *password_, env_, &cipher)) {
       return setError(error, storeError("The password does not open " + path));
     }
-    if (!crypto_) crypto_ = std::move(cipher);
-    std::call_once(cryptoOnce_, [] {});
+    std::lock_guard<std::mutex> lock(cryptoMutex_);
+    if (!crypto_) crypto_ = std::make_shared<const SeaCrypto>(std::move(cipher));
   } else if (password_) {
     return setError(error, storeError(path + " is not encrypted: open it without a password"));
   }
@@ -323,25 +323,36 @@ const EntityDescription* CorvaneStore::entityForName(std::string_view name) {
 
 // ---- Cipher --------------------------------------------------------------------------------
 
-bool CorvaneStore::setupCrypto() {
-  std::call_once(cryptoOnce_, [this] {
-    if (crypto_) return;
+std::shared_ptr<const SeaCrypto> CorvaneStore::cipher() {
+  std::lock_guard<std::mutex> lock(cryptoMutex_);
+  if (!crypto_ && password_) {
     const Value info = infoDictionaryForURL(url(), env_);
-    crypto_ = seaCryptoForPackageInfo(info, *password_, env_);
-  });
-  return crypto_.has_value();
+    crypto_ = std::make_shared<const SeaCrypto>(seaCryptoForPackageInfo(info, *password_, env_));
+  }
+  return crypto_;
+}
+
+void CorvaneStore::reloadPackageInfo() {
+  {
+    std::lock_guard<std::mutex> lock(cryptoMutex_);
+    crypto_.reset();
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  info_ = Value();
 }
 
 std::optional<Bytes> CorvaneStore::encrypt(ByteView bytes) {
   if (!password_) return Bytes(bytes.begin(), bytes.end());
-  if (!setupCrypto()) return std::nullopt;
-  return crypto_->encryptData(bytes);
+  std::shared_ptr<const SeaCrypto> crypto = cipher();
+  if (!crypto) return std::nullopt;
+  return crypto->encryptData(bytes);
 }
 
 std::optional<Bytes> CorvaneStore::decrypt(ByteView bytes) {
   if (!password_) return Bytes(bytes.begin(), bytes.end());
-  if (!setupCrypto()) return std::nullopt;
-  return crypto_->decryptData(bytes);
+  std::shared_ptr<const SeaCrypto> crypto = cipher();
+  if (!crypto) return std::nullopt;
+  return crypto->decryptData(bytes);
 }
 
 bool CorvaneStore::resetCache(Error* error) {

@@ -209,5 +209,80 @@ TEST_F(DocumentTest, LowDiskSpaceWarnsBelowOneHundredMillionBytesAndQuitAsksToTe
   EXPECT_FALSE(doc->isShowingDiskSpaceWarning());
 }
 
+TEST_F(DocumentTest, ConsolidationKeepsIdentityOptionsAndPasswordAndLeavesADatedBackup) {
+  for (const bool encrypted : {false, true}) {
+    SCOPED_TRACE(encrypted ? "encrypted" : "plain");
+    package = dir / (encrypted ? "Secret.corvane" : "Doc.corvane");
+    DocumentOptions o = options(encrypted ? "cacheE" : "cacheP");
+    o.documentOptions = dict({{"flavour", "plain"}});
+    if (encrypted) o.password = "secret";
+    Error error;
+    auto doc = CorvaneDocument::open(package, o, &error);
+    ASSERT_TRUE(doc) << error.localizedDescription;
+    for (const char* name : {"Ann", "Bob", "Cid"}) {
+      env.advance(1);
+      doc->context().insertNewObject("Person")->setValue("name", name);
+      ASSERT_TRUE(doc->save(&error)) << error.localizedDescription;
+    }
+    const std::string identifier = doc->documentIdentifier();
+    const std::string backup = doc->backupPathForConsolidation(env.now());
+    std::optional<bool> swapped;
+    doc->consolidate([&swapped](bool done) { swapped = done; });
+    ASSERT_TRUE(RunLoop::main().runUntil([&] { return swapped.has_value(); }, 30));
+    ASSERT_TRUE(*swapped);
+    EXPECT_FALSE(doc->isConsolidating());
+
+    std::vector<std::string> changes;
+    ASSERT_TRUE(env.listDirectory(package + "/Changes", true, &changes, nullptr));
+    EXPECT_EQ(changes.size(), 1u);
+    std::vector<std::string> old;
+    ASSERT_TRUE(env.listDirectory(backup + "/Changes", true, &old, nullptr));
+    EXPECT_EQ(old.size(), 3u);
+    EXPECT_FALSE(env.fileExists(package + ".temporary"));
+    EXPECT_EQ(CorvaneStore::documentIdentifierForURL(package, &env), identifier);
+    EXPECT_EQ(CorvaneStore::infoDictionaryForURL(package, &env)["DocumentOptions"], o.documentOptions);
+    EXPECT_EQ(CorvaneStore::canOpenURL(package, encrypted ? std::optional<std::string>("secret") : std::nullopt, &env),
+              true);
+    FetchRequest people("Person");
+    EXPECT_EQ(doc->context().count(people), std::optional<size_t>(3));
+    // The document goes on in its new package, and a new device finds everything there.
+    doc->context().insertNewObject("Person")->setValue("name", "Dan");
+    ASSERT_TRUE(doc->save(&error)) << error.localizedDescription;
+    doc->close();
+    auto other = CorvaneDocument::open(package, options(encrypted ? "otherE" : "otherP"), &error);
+    if (encrypted) {
+      EXPECT_FALSE(other);  // asks, and the scripted person cancels
+      DocumentOptions withPassword = options("otherE");
+      withPassword.password = "secret";
+      other = CorvaneDocument::open(package, withPassword, &error);
+    }
+    ASSERT_TRUE(other) << error.localizedDescription;
+    EXPECT_EQ(other->context().count(people), std::optional<size_t>(4));
+    // The backup is refused, naming the original.
+    EXPECT_FALSE(CorvaneDocument::open(backup, options("backup"), &error));
+    EXPECT_EQ(error.recoverySuggestion,
+              "The original file is named “" + pathDeletingExtension(pathLastComponent(package)) +
+                  "” and is located in the same folder.");
+  }
+}
+
+TEST_F(DocumentTest, ConsolidationWithoutRoomTouchesNothing) {
+  Error error;
+  auto doc = CorvaneDocument::open(package, options(), &error);
+  ASSERT_TRUE(doc);
+  doc->context().insertNewObject("Person")->setValue("name", "Ann");
+  ASSERT_TRUE(doc->save(&error));
+  env.free = 1;
+  std::optional<bool> swapped;
+  doc->consolidate([&swapped](bool done) { swapped = done; });
+  EXPECT_EQ(swapped, std::optional<bool>(false));
+  EXPECT_EQ(ui->alerts, std::vector<std::string>{"Not enough storage space"});
+  EXPECT_TRUE(doc->isConsolidating());  // stays set, as documented
+  EXPECT_FALSE(env.fileExists(package + ".temporary"));
+  std::vector<std::string> changes;
+  ASSERT_TRUE(env.listDirectory(package + "/Changes", true, &changes, nullptr));
+  EXPECT_EQ(changes.size(), 1u);
+}
+
 }  // namespace
 }  // namespace corvane::testing

@@ -187,6 +187,17 @@ class CorvaneDocument : public PersistentDocument {
   void resetCache();
   void checkAllFiles();
 
+  // Consolidation ("Optimize File"): rewrites the document as a new package holding every object
+  // once, in one change, with the same identifier, "DocumentOptions" and password, and swaps it
+  // in, keeping the old package beside it as "<file>.<yyyy-MM-dd_HH-mm-ss>.backup" (local time).
+  // Returns at once; the copy runs on the store's queue with progress through the Interaction,
+  // and `done` is called on the main run loop with whether the swap happened. When the package
+  // is larger than the free space nothing is touched, an alert says so, and `consolidating`
+  // stays set (the next consolidation sets it again).
+  void consolidate(std::function<void(bool swapped)> done = {});
+  // The backup name of the package at `path` made at `secondsSince2001` (local time).
+  std::string backupPathForConsolidation(double secondsSince2001) const;
+
   // What an information window offers before consolidating: "Optimize File" only while the cache
   // holds more than 5000 changes and the error level is not an error.
   bool shouldOfferOptimizeFile() const;

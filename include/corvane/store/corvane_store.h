@@ -230,6 +230,9 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   // The folder name of an entity in a package with or without a password.
   static std::string entityFolderName(const std::string& entityName, bool encrypted);
 
+  // Forgets the info dictionary and the cipher, so that the next use reads the package's
+  // Info.plist again: the package was replaced by another with its own salt (consolidation).
+  void reloadPackageInfo();
   std::optional<Bytes> encrypt(ByteView bytes) override;
   std::optional<Bytes> decrypt(ByteView bytes) override;
   // Deletes <pkg>/Cache.
@@ -438,7 +441,8 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   void setupEntityKeys();
   // Makes the package of a new document (folders and Info.plist); nothing when it exists.
   bool writeInfo(const Value& options, Error* error);
-  bool setupCrypto();
+  // The package's cipher (nullptr when it cannot be made); any thread.
+  std::shared_ptr<const SeaCrypto> cipher();
   // Work for the main run loop that is dropped once the store is gone.
   std::function<void()> guarded(std::function<void()> work) const;
   void onMain(std::function<void()> work) const;
@@ -496,9 +500,8 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   std::unordered_map<std::string, std::string> entityKeys_, reverseEntityKeys_;
   std::vector<const EntityDescription*> entityList_;
 
-  std::once_flag cryptoOnce_;
-  std::optional<SeaCrypto> crypto_;
-  bool cryptoReady_ = false;
+  mutable std::mutex cryptoMutex_;
+  std::shared_ptr<const SeaCrypto> crypto_;  // made from Info.plist on first use
 
   mutable std::mutex contextsMutex_;
   std::vector<std::weak_ptr<ManagedObjectContext>> contexts_;
