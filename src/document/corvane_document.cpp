@@ -154,6 +154,7 @@ bool CorvaneDocument::openAt(const std::string& path, Error* error) {
   password_ = options_.password;
   if (!configurePersistentStoreCoordinator(path, kCorvaneStoreType, storeOptions.copy(), error)) return false;
   setFileURL(path);
+  knownBackups_ = backupsBeside();
   // Ready once the first update pass is over; a pass that takes longer goes on in the
   // background and the document shows what it has applied so far.
   mainLoop().runUntil([this] { return store_->finishedPasses() > 0; }, options_.openTimeout);
@@ -352,6 +353,7 @@ void CorvaneDocument::bindToStore() {
       setItemsToLoad(cache->itemsToLoad());
     }
     setReady(store_->cache() != nullptr && store_->cache()->changeLog() != nullptr);
+    if (checkConsolidatedElsewhere()) return;
     if (auto again = weakHolder.lock()) itemsTimer_ = mainLoop().postAfter(kItemsPollSeconds, *again);
   };
   itemsPoll_ = pollHolder;
@@ -679,6 +681,7 @@ void CorvaneDocument::consolidate(std::function<void(bool)> done) {
         if (!swapped) {
           logLine("Failed to replace content: " + failure.description(), LogLevel::Error);
         } else {
+          knownBackups_.push_back(pathLastComponent(backup));  // this device's own
           Error removal;
           if (files->fileExists(temporary) && !files->removeItem(temporary, &removal)) {
             logLine("Failed to delete aURL: " + removal.description(), LogLevel::Warning);
@@ -697,6 +700,35 @@ void CorvaneDocument::consolidate(std::function<void(bool)> done) {
         consolidating_ = false;
         finish(swapped);
       });
+}
+
+std::vector<std::string> CorvaneDocument::backupsBeside() const {
+  std::vector<std::string> names, backups;
+  if (fileURL().empty() || !env_->listDirectory(pathDeletingLastComponent(fileURL()), true, &names, nullptr)) {
+    return backups;
+  }
+  const std::string prefix = pathLastComponent(fileURL()) + ".";
+  for (const std::string& name : names) {
+    if (name.starts_with(prefix) && pathExtension(name) == "backup") backups.push_back(name);
+  }
+  return backups;
+}
+
+bool CorvaneDocument::checkConsolidatedElsewhere() {
+  if (consolidating_ || closed_ || store_ == nullptr) return false;
+  const std::string folder = pathDeletingLastComponent(fileURL());
+  for (const std::string& name : backupsBeside()) {
+    if (std::find(knownBackups_.begin(), knownBackups_.end(), name) != knownBackups_.end()) continue;
+    if (CorvaneStore::documentIdentifierForURL(pathJoin(folder, name), env_.get()) != documentIdentifier_) continue;
+    close();
+    Alert alert{"Optimize File",
+                "This file was optimized on another device and has been closed. Reopen it once syncing has finished.",
+                {}};
+    alert.style = AlertStyle::Critical;
+    interaction()->runAlert(alert);
+    return true;
+  }
+  return false;
 }
 
 // ---- Consolidation offer ---------------------------------------------------------------------------

@@ -266,6 +266,25 @@ TEST_F(DocumentTest, ConsolidationKeepsIdentityOptionsAndPasswordAndLeavesADated
   }
 }
 
+TEST_F(DocumentTest, ADeviceThatDidNotConsolidateClosesAndSaysSo) {
+  Error error;
+  auto laptop = CorvaneDocument::open(package, options(), &error);
+  ASSERT_TRUE(laptop);
+  laptop->context().insertNewObject("Person")->setValue("name", "Ann");
+  ASSERT_TRUE(laptop->save(&error));
+  auto desktop = CorvaneDocument::open(package, options("cacheB"), &error);
+  ASSERT_TRUE(desktop);
+  std::optional<bool> swapped;
+  laptop->consolidate([&swapped](bool done) { swapped = done; });
+  ASSERT_TRUE(RunLoop::main().runUntil([&] { return swapped.has_value(); }, 30));
+  // The device that consolidated goes on; the other one closes at its next look and says why.
+  env.advance(1);
+  ASSERT_TRUE(RunLoop::main().runUntil([&] { return desktop->isClosed(); }, 30));
+  EXPECT_FALSE(laptop->isClosed());
+  EXPECT_FALSE(laptop->checkConsolidatedElsewhere());
+  EXPECT_EQ(ui->alerts, std::vector<std::string>{"Optimize File"});
+}
+
 TEST_F(DocumentTest, ConsolidationWithoutRoomTouchesNothing) {
   Error error;
   auto doc = CorvaneDocument::open(package, options(), &error);

@@ -195,6 +195,12 @@ class CorvaneDocument : public PersistentDocument {
   // is larger than the free space nothing is touched, an alert says so, and `consolidating`
   // stays set (the next consolidation sets it again).
   void consolidate(std::function<void(bool swapped)> done = {});
+  // Whether another device consolidated this document: a "<file>.<date>.backup" beside the
+  // package with the document's identifier, that was not there when the document opened (a
+  // sync client carries a consolidation as a renamed folder, or as vanished files and a new
+  // folder; either way the backup appears). Then the document closes and says so. Checked
+  // while the document is open; a host may call it too. Main run loop.
+  bool checkConsolidatedElsewhere();
   // The backup name of the package at `path` made at `secondsSince2001` (local time).
   std::string backupPathForConsolidation(double secondsSince2001) const;
 
@@ -251,6 +257,7 @@ class CorvaneDocument : public PersistentDocument {
   void showICloudWarningIfNeeded(const std::string& path);
   void bindToStore();
   void deliverExternalChanges(const Value& userInfo);
+  std::vector<std::string> backupsBeside() const;
   RunLoop& mainLoop() const;
   std::shared_ptr<Interaction> interaction() const;
   KeychainBackend* keychain() const;
@@ -274,6 +281,7 @@ class CorvaneDocument : public PersistentDocument {
   Subscription errorLevelSubscription_;
   RunLoop::Token itemsTimer_;
   std::shared_ptr<std::function<void()>> itemsPoll_;
+  std::vector<std::string> knownBackups_;  // backups beside the package not from elsewhere
   std::shared_ptr<bool> alive_;
 };
 
