@@ -212,6 +212,17 @@ class CorvaneDocument : public PersistentDocument {
   // one else works on it.
   std::string optimizeFileConfirmationText() const;
 
+  // ---- Recent deletes (recent_deletes.h) -----------------------------------------------------
+  // Who deleted the last objects of `entityName` and its sub-entities, when and on which device,
+  // labelled by formatDeletedObjectInfo(); or the message saying why there is no report.
+  std::string recentDeletesReportForEntityName(const std::string& entityName);
+  // Writes that report into the desktop folder (saveRecentDeletesReport()); its path, or nullopt
+  // with the reason in `error`.
+  std::optional<std::string> saveRecentDeletesReportForEntityName(const std::string& entityName, Error* error);
+  // Logs the report, saves it, logs where (or why not) and opens the file through the
+  // Interaction. The file's path, or nullopt when it could not be written.
+  std::optional<std::string> logRecentDeletesForEntityName(const std::string& entityName);
+
   // The package moved (renamed, or moved by the host): the store follows it.
   void setFileURL(const std::string& url) override;
   // The first extension the host's document types declare for `className` (their
@@ -238,7 +249,9 @@ class CorvaneDocument : public PersistentDocument {
   // Lets the subclass adjust the password prompt before it is shown.
   virtual void preparePasswordPrompt(PasswordPrompt& prompt);
   virtual std::optional<std::string> proposedFileName();
-  // Text for one deleted object in the recent-deletes report; nullopt for the default.
+  // The label of one deleted object in the recent-deletes report, instead of its UID; nullopt
+  // shows the UID. `info` is the deletion's {"entityName", "date", "user"}, `changeEvents` the
+  // object's history (see fieldValueInChangeEvents() in recent_deletes.h to read values from it).
   virtual std::optional<std::string> formatDeletedObjectInfo(const Value& info, const std::string& objectUID,
                                                              const Value& changeEvents);
   // The document's context; a subclass may return a context of its own class (main queue).
