@@ -142,7 +142,7 @@ std::string recentDeletesReport(CorvaneStore* store, const ObjectModel& model, c
       if (label) objectText = label(deletion.info, deletion.uid, history);
       report += fmt::format("{} {} {} was deleted by {}\n", date == kUnknown ? date : cutAtFirstDot(date), name,
                             objectText ? *objectText : deletion.uid, text(deletion.info["user"]));
-      if (createdOn && createdBy) report += fmt::format("   \xE2\x86\xB3 Created on {} by {}\n", *createdOn, *createdBy);
+      if (createdOn && createdBy) report += fmt::format("   ↳ Created on {} by {}\n", *createdOn, *createdBy);
     }
   }
   report += fmt::format("\nTotal: {} deleted {} objects (last {} per entity type)\n", total, entityText,

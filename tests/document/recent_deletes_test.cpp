@@ -71,6 +71,9 @@ Value deletions(std::vector<std::tuple<std::string, const char*, int, int>> list
   return record.copy();
 }
 
+const char* const kTotalOfThings =
+    "\nTotal: 100 deleted Thing (including subentities) objects (last 50 per entity type)\n";
+
 size_t occurrences(const std::string& text, const std::string& part) {
   size_t n = 0;
   for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
@@ -152,7 +155,7 @@ TEST_F(RecentDeletesTest, FiftyPerEntityFromTheStartOfTheLogSubEntitiesApart) {
             std::string::npos);
   EXPECT_NE(report.find("Unknown Gadget " + uidNumber("CCCCCCCC", 46) + " was deleted by Bob\n"), std::string::npos);
   EXPECT_EQ(report.find(uidNumber("CCCCCCCC", 47)), std::string::npos);
-  EXPECT_TRUE(report.ends_with("\nTotal: 100 deleted Thing (including subentities) objects (last 50 per entity type)\n"));
+  EXPECT_TRUE(report.ends_with(kTotalOfThings));
 
   const std::string gadgets = doc->recentDeletesReportForEntityName("Gadget");
   EXPECT_EQ(gadgets.rfind("=== Deleted Gadget Objects ===\n\n\n--- Gadget (50 objects) ---\n", 0), 0u) << gadgets;
@@ -169,7 +172,7 @@ TEST_F(RecentDeletesTest, AHostsLabelReplacesTheUIDInLinesButNotInTheTotal) {
   EXPECT_NE(report.find("2024-05-17T09:41:07 Thing “Title AAAA” was deleted by Ann (Laptop)\n"), std::string::npos);
   EXPECT_EQ(report.find(uidNumber("AAAAAAAA", 0)), std::string::npos);
   EXPECT_NE(report.find("Unknown Gadget " + uidNumber("CCCCCCCC", 0)), std::string::npos);
-  EXPECT_TRUE(report.ends_with("\nTotal: 100 deleted Thing (including subentities) objects (last 50 per entity type)\n"));
+  EXPECT_TRUE(report.ends_with(kTotalOfThings));
   doc->close();
 }
 
@@ -197,8 +200,8 @@ TEST_F(RecentDeletesTest, ARealDeletionShowsWhoCreatedTheObjectAndTheReportIsSav
 
   const std::string report = doc->recentDeletesReportForEntityName("Person");
   EXPECT_NE(report.find(" Person " + uid + " was deleted by "), std::string::npos) << report;
-  EXPECT_NE(report.find("\n   ↳ Created on " + DateFormatter(kSecondsDatePattern, DateTimeZone::gmt()).format(createdAt) +
-                        " by "),
+  const std::string createdOn = DateFormatter(kSecondsDatePattern, DateTimeZone::gmt()).format(createdAt);
+  EXPECT_NE(report.find("\n   ↳ Created on " + createdOn + " by "),
             std::string::npos)
       << report;
 

@@ -28,8 +28,8 @@ inline constexpr int64_t kRecentDeletesPerEntity = 50;
 // A readable label for one deleted object, or nullopt to show its UID. `info` is
 // {"entityName", "date", "user"} of the deletion, `changeEvents` the object's history as
 // CorvaneStore::changesHistoryForObjectID() gives it.
-using DeletedObjectLabel =
-    std::function<std::optional<std::string>(const Value& info, const std::string& objectUID, const Value& changeEvents)>;
+using DeletedObjectLabel = std::function<std::optional<std::string>(const Value& info, const std::string& objectUID,
+                                                                     const Value& changeEvents)>;
 
 // The plain-text report of the deletions of `entityName` and its sub-entities, or one of the
 // messages "No change log available", "Change log content is empty", "Entity <E> not found",
