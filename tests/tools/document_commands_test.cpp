@@ -67,6 +67,29 @@ TEST_F(DocumentCommandsTest, ABackupCopyIsRefusedWithTheNameOfTheOriginal) {
   EXPECT_TRUE(changes.empty()) << "nothing was written into the backup";
 }
 
+TEST_F(DocumentCommandsTest, OptimizeAsksThenConsolidatesAndKeepsTheOldPackageAsABackup) {
+  ASSERT_EQ(run({"create", package, "--model", model}).status, 0);
+  for (const char* name : {"name=Ann", "name=Bob"}) {
+    ASSERT_EQ(run({"insert", package, "--model", model, "Person", name}).status, 0);
+  }
+  const Value before = dump();
+  RunResult unconfirmed = run({"optimize", package, "--model", model});  // no terminal to confirm on
+  EXPECT_EQ(unconfirmed.status, 1);
+  EXPECT_NE(unconfirmed.err.find("give --yes"), std::string::npos) << unconfirmed.err;
+  RunResult r = run({"optimize", package, "--model", model, "--yes"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::string marker = "the previous package is kept as ";
+  const size_t at = r.out.find(marker);
+  ASSERT_NE(at, std::string::npos) << r.out;
+  const std::string backup = r.out.substr(at + marker.size(), r.out.find('\n', at) - at - marker.size());
+  std::vector<std::string> changes, old;
+  ASSERT_TRUE(Env::defaultEnv()->listDirectory(package + "/Changes", true, &changes, nullptr));
+  ASSERT_TRUE(Env::defaultEnv()->listDirectory(backup + "/Changes", true, &old, nullptr));
+  EXPECT_EQ(changes.size(), 1u);
+  EXPECT_EQ(old.size(), 2u);
+  EXPECT_EQ(dump(), before);
+}
+
 TEST_F(DocumentCommandsTest, RebuildCacheDrawsItsProgressOnlyOnATerminal) {
   RunResult help = run({"rebuild-cache", "--help"});
   EXPECT_EQ(help.status, 0);

@@ -19,8 +19,12 @@ void printAlert(const Alert& alert) {
                alert.informativeText.c_str());
 }
 
-// Asks one question on the controlling terminal and reads the answer line; nullopt when there is
-// no terminal or it gives no line.
+bool yes(const std::optional<std::string>& answer) {
+  return answer && !answer->empty() && ((*answer)[0] == 'y' || (*answer)[0] == 'Y');
+}
+
+}  // namespace
+
 std::optional<std::string> askOnTerminal(const std::string& question) {
   int fd = ::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY);
   if (fd < 0) return std::nullopt;
@@ -38,11 +42,6 @@ std::optional<std::string> askOnTerminal(const std::string& question) {
   return answer;
 }
 
-bool yes(const std::optional<std::string>& answer) {
-  return answer && !answer->empty() && ((*answer)[0] == 'y' || (*answer)[0] == 'Y');
-}
-
-}  // namespace
 
 size_t TerminalInteraction::runAlert(const Alert& alert) {
   printAlert(alert);

@@ -13,6 +13,10 @@
 
 namespace corvane::cli {
 
+// Asks one question on the controlling terminal and reads the answer line; nullopt when there is
+// no terminal or it gives no line.
+std::optional<std::string> askOnTerminal(const std::string& question);
+
 class TerminalInteraction final : public Interaction {
  public:
   // `givenPassword`: a password came from --password-file or $CORVANE_PASSWORD. When the
