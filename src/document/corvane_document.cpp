@@ -120,8 +120,10 @@ CorvaneDocument::CorvaneDocument(DocumentOptions options)
 
 CorvaneDocument::~CorvaneDocument() {
   close();
-  // The store notes the package among the recent files on a queue of its own, with this
-  // document's Env: it must be done before the Env goes.
+  // The store and its context go before this document's Env and environment do (the base
+  // class's members would otherwise outlive them); the store notes the package among the
+  // recent files on a queue of its own, with this Env, which must be done first too.
+  setManagedObjectContext(nullptr, nullptr);
   CorvaneStore::waitForRecentFilesRegistration();
   alive_.reset();
 }
@@ -469,7 +471,8 @@ void CorvaneDocument::close() {
   saveAll();
   PersistentDocument::close();
   if (store_ != nullptr) store_->close();  // marks it closed, stops watching, saves the cache
-  setManagedObjectContext(nullptr, nullptr);
+  // The context and its (closed) store stay until the document goes, so that a host holding
+  // them after closing reads what they last showed instead of freed memory.
   store_ = nullptr;
 }
 

@@ -1,6 +1,8 @@
 // The tool opens documents as an application does, through CorvaneDocument: the document's
 // opening checks, its alerts and progress on the terminal, `rebuild-cache`, and what a one-shot
 // command says about a change whose files a sync client has not delivered yet.
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -88,6 +90,23 @@ TEST_F(DocumentCommandsTest, OptimizeAsksThenConsolidatesAndKeepsTheOldPackageAs
   EXPECT_EQ(changes.size(), 1u);
   EXPECT_EQ(old.size(), 2u);
   EXPECT_EQ(dump(), before);
+}
+
+TEST_F(DocumentCommandsTest, WatchStopsWhenAnotherDeviceOptimizesTheDocument) {
+  ASSERT_EQ(run({"create", package, "--model", model}).status, 0);
+  ASSERT_EQ(run({"insert", package, "--model", model, "Person", "name=Ann"}).status, 0);
+  const pid_t watch = testing::startTool({"watch", package, "--model", model, "--cache-root", dir / "watcher", "--for", "60"},
+                                         {"CORVANE_MACHINE_NAME=Desktop"}, home, dir / "watch.out", dir / "watch.err");
+  for (int i = 0; i < 300 && readTextFile(dir / "watch.out").find("watching") == std::string::npos; ++i) {
+    usleep(100'000);
+  }
+  ASSERT_EQ(run({"optimize", package, "--model", model, "--yes"}).status, 0);
+  EXPECT_EQ(testing::waitForExit(watch), 0);  // long before its 60 seconds
+  EXPECT_NE(readTextFile(dir / "watch.out").find("stopped: the document was optimized on another device"),
+            std::string::npos);
+  EXPECT_NE(readTextFile(dir / "watch.err").find("This file was optimized on another device and has been closed."),
+            std::string::npos)
+      << readTextFile(dir / "watch.err");
 }
 
 TEST_F(DocumentCommandsTest, RebuildCacheDrawsItsProgressOnlyOnATerminal) {

@@ -148,6 +148,14 @@ int runWatch(const WatchOptions& options) {
       nextPoll = env->monotonicNow() + options.poll;
     }
     RunLoop::main().runFor(0.1);
+    // Another device optimized the document: the document has closed (its store with it) and
+    // said so through the terminal; there is nothing more to watch.
+    if (session->document().isClosed()) {
+      std::signal(SIGINT, SIG_DFL);
+      std::signal(SIGTERM, SIG_DFL);
+      std::printf("stopped: the document was optimized on another device\n");
+      return kExitSuccess;
+    }
     printNewEntries();
   }
   std::signal(SIGINT, SIG_DFL);

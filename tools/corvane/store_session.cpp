@@ -311,8 +311,10 @@ void StoreSession::close() {
   if (!document_) return;
   // The document saves what its context holds when it closes; a command keeps only what it
   // saved itself, and one that failed half way keeps nothing.
-  document_->context().rollback();
-  document_->close();
+  if (!document_->isClosed()) {  // a document another device optimized has closed itself
+    document_->context().rollback();
+    document_->close();
+  }
   // The store notes the package among the recent files on a queue of its own, with the
   // document's Env: that must be over before the document (and its Env) goes away.
   CorvaneStore::waitForRecentFilesRegistration();

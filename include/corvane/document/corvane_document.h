@@ -131,6 +131,7 @@ class CorvaneDocument : public PersistentDocument {
   // the returned subscription goes away.
   [[nodiscard]] Subscription onExternalChanges(std::function<void(const ExternalChanges&)> callback);
   // Saves everything, marks the document and its store closed and stops watching the package.
+  // The context stays usable for reading what it holds; store() answers nullptr from then on.
   void close() override;
 
   // ---- Properties ----------------------------------------------------------------------------
