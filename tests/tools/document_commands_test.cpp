@@ -203,5 +203,35 @@ TEST_F(DocumentCommandsTest, AChangeWaitingForItsFilesIsNamedOnceInPlainWords) {
   EXPECT_EQ(run({"update", package, "--model", model, "Person", uid, "name=Bobby"}).status, 0);
 }
 
+// `corvane deletes`: the report of objects deleted by earlier runs and the file --save leaves.
+TEST_F(DocumentCommandsTest, ReportsDeletionsAndSavesTheReportOnTheDesktop) {
+  ASSERT_EQ(run({"create", package, "--model", model}).status, 0);
+  const std::string ann = firstLine(run({"insert", package, "--model", model, "Person", "name=Ann"}));
+  ASSERT_EQ(ann.size(), 36u);
+  RunResult none = run({"deletes", package, "Person", "--model", model});
+  EXPECT_EQ(none.status, 0) << none.err;
+  EXPECT_EQ(none.out, "No deleted Person objects found in recent changes\n");
+
+  ASSERT_EQ(run({"delete", package, "--model", model, "Person", ann}).status, 0);
+  RunResult report = run({"deletes", package, "Person", "--model", model, "--save"});
+  ASSERT_EQ(report.status, 0) << report.err;
+  EXPECT_EQ(report.out.rfind("=== Deleted Person Objects ===\n\n\n--- Person (1 objects) ---\n", 0), 0u) << report.out;
+  EXPECT_NE(report.out.find(" Person " + ann + " was deleted by "), std::string::npos);
+  EXPECT_NE(report.out.find("   ↳ Created on "), std::string::npos);
+  const std::string trailer = "\nTotal: 1 deleted Person objects (last 50 per entity type)\n";
+  const size_t end = report.out.find(trailer);
+  ASSERT_NE(end, std::string::npos);
+  const std::string path = report.out.substr(end + trailer.size());
+  ASSERT_TRUE(path.starts_with(home + "/Desktop/Deleted_Person_Objects_")) << path;
+  ASSERT_TRUE(path.ends_with(".txt\n"));
+  EXPECT_EQ(readTextFile(path.substr(0, path.size() - 1)), report.out.substr(0, end + trailer.size()));
+
+  EXPECT_EQ(run({"deletes", package, "Nobody", "--model", model}).status, 1);
+  EXPECT_EQ(run({"deletes", package, "--model", model}).status, 2);
+  RunResult help = run({"deletes", "--help"});
+  EXPECT_EQ(help.status, 0);
+  EXPECT_NE(help.out.find("--save"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace corvane
