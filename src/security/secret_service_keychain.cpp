@@ -142,22 +142,13 @@ class SecretServiceKeychain final : public KeychainBackend {
   bool update(const KeychainAttributes& match, const KeychainAttributes& changes,
               const std::optional<std::string>& password, Error* error) override {
     std::lock_guard<std::mutex> guard(mutex_);
-    auto found = search(match, true, false, error);
-    if (!found) return false;
-    const std::vector<SecretItem*> items = found->items();
-    if (items.empty()) return notFound(error);
-    for (SecretItem* item : items) {
-      if (secret_item_get_locked(item)) return locked(error);
+    return changeEachItem(match, error, [&](SecretItem* item, GErrorHolder& cause) {
       KeychainAttributes attributes = attributesOf(item);
       for (const auto& [key, value] : changes) attributes[key] = value;
-      GErrorHolder cause;
-      if (!secret_item_set_attributes_sync(item, nullptr, attributeTable(attributes).get(), nullptr, cause.out()) ||
-          !secret_item_set_label_sync(item, displayLabel(attributes).c_str(), nullptr, cause.out()) ||
-          (password && !secret_item_set_secret_sync(item, secretOf(*password).get(), nullptr, cause.out()))) {
-        return failWithGError(error, cause);
-      }
-    }
-    return true;
+      return secret_item_set_attributes_sync(item, nullptr, attributeTable(attributes).get(), nullptr, cause.out()) &&
+             secret_item_set_label_sync(item, displayLabel(attributes).c_str(), nullptr, cause.out()) &&
+             (!password || secret_item_set_secret_sync(item, secretOf(*password).get(), nullptr, cause.out()));
+    });
   }
 
   std::optional<std::vector<KeychainRecord>> find(const KeychainAttributes& match, bool all, bool withPasswords,
@@ -185,6 +176,15 @@ class SecretServiceKeychain final : public KeychainBackend {
 
   bool remove(const KeychainAttributes& match, Error* error) override {
     std::lock_guard<std::mutex> guard(mutex_);
+    return changeEachItem(match, error, [](SecretItem* item, GErrorHolder& cause) {
+      return static_cast<bool>(secret_item_delete_sync(item, nullptr, cause.out()));
+    });
+  }
+
+  // Runs `change` on every item that matches; fails when none does, one is locked, or a change
+  // fails (with the service's reason). The caller holds mutex_.
+  template <class Change>
+  bool changeEachItem(const KeychainAttributes& match, Error* error, Change change) {
     auto found = search(match, true, false, error);
     if (!found) return false;
     const std::vector<SecretItem*> items = found->items();
@@ -192,7 +192,7 @@ class SecretServiceKeychain final : public KeychainBackend {
     for (SecretItem* item : items) {
       if (secret_item_get_locked(item)) return locked(error);
       GErrorHolder cause;
-      if (!secret_item_delete_sync(item, nullptr, cause.out())) return failWithGError(error, cause);
+      if (!change(item, cause)) return failWithGError(error, cause);
     }
     return true;
   }
