@@ -23,8 +23,12 @@
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
 #include "corvane/store/store_environment.h"
+#include "document/document_internal.h"
 
 namespace corvane {
+
+using document_internal::byteCountText;
+using document_internal::documentError;
 
 namespace {
 
@@ -35,26 +39,10 @@ constexpr const char* kSuccess = "CorvaneLogTypeSuccess";
 // The store's cache count of objects still to load is read this often while a document is open.
 constexpr double kItemsPollSeconds = 0.5;
 
-Error documentError(std::string description, std::string suggestion = {}) {
-  return Error(kFrameworkBundleIdentifier, -1, std::move(description), std::move(suggestion));
-}
-
 // "Notes.corvane.2024-01-01_10-00-00.backup" -> "Notes": the backup's own extension, then the
 // date and the document's extension.
 std::string originalNameOfBackup(const std::string& path) {
   return pathDeletingExtension(pathDeletingExtension(pathDeletingExtension(pathLastComponent(path))));
-}
-
-// A byte count as people read it ("95.4 MB"), in decimal units as file managers show them.
-std::string byteCountText(uint64_t bytes) {
-  static const char* units[] = {"bytes", "KB", "MB", "GB", "TB"};
-  double value = static_cast<double>(bytes);
-  size_t unit = 0;
-  while (value >= 1000.0 && unit + 1 < std::size(units)) {
-    value /= 1000.0;
-    ++unit;
-  }
-  return unit == 0 ? fmt::format("{} bytes", bytes) : fmt::format("{:.1f} {}", value, units[unit]);
 }
 
 bool startsWithPath(const std::string& path, const std::string& prefix) {
@@ -120,6 +108,7 @@ CorvaneDocument::CorvaneDocument(DocumentOptions options)
 
 CorvaneDocument::~CorvaneDocument() {
   close();
+  copies_.clear();  // their stores use this document's Env
   // The store and its context go before this document's Env and environment do (the base
   // class's members would otherwise outlive them); the store notes the package among the
   // recent files on a queue of its own, with this Env, which must be done first too.
@@ -138,7 +127,8 @@ std::shared_ptr<ManagedObjectContext> CorvaneDocument::makeContext() {
 
 // ---- Opening -----------------------------------------------------------------------------------
 
-bool CorvaneDocument::openAt(const std::string& path, Error* error) {
+bool CorvaneDocument::openAt(const std::string& given, Error* error) {
+  const std::string path = absolutePath(given);  // the document keeps it for its whole life
   if (!options_.model) return setError(error, documentError("DocumentOptions::model is required to open " + path));
   CorvaneStore::registerStoreType();
   std::shared_ptr<ManagedObjectContext> context = makeContext();
@@ -266,15 +256,21 @@ bool CorvaneDocument::obtainPassword(const std::string& path, bool* cancelled) {
       continue;
     }
     password_ = answer->password;
-    if (answer->saveInKeychain && keys != nullptr) {
-      Error error;
-      if (saveDocumentPassword(item, pathLastComponent(path), answer->password, &error, keys)) {
-        (void)defaults_->setObject(Value(true), dontShowPasswordPromptAgainKey(identifier));
-      } else {
-        interaction()->runAlert(Alert{kKeychainPasswordNotSavedMessage, error.localizedDescription, {}});
-      }
-    }
+    if (answer->saveInKeychain) keepPasswordInKeychain(identifier, path, answer->password);
     return true;
+  }
+}
+
+void CorvaneDocument::keepPasswordInKeychain(const std::string& identifier, const std::string& path,
+                                             const std::string& password) {
+  KeychainBackend* keys = keychain();
+  if (keys == nullptr) return;
+  const DocumentPasswordItem item{environment_->applicationOrCurrent().identifier, identifier};
+  Error error;
+  if (saveDocumentPassword(item, pathLastComponent(path), password, &error, keys)) {
+    (void)defaults_->setObject(Value(true), dontShowPasswordPromptAgainKey(identifier));
+  } else {
+    interaction()->runAlert(Alert{kKeychainPasswordNotSavedMessage, error.localizedDescription, {}});
   }
 }
 
@@ -465,6 +461,8 @@ bool CorvaneDocument::canClose() {
 
 void CorvaneDocument::close() {
   if (closed_) return;
+  // Copies on their way finish first: their stores read this document's package and Env.
+  mainLoop().runUntil([this] { return copies_.empty(); }, options_.openTimeout);
   itemsTimer_.cancel();
   itemsPoll_.reset();
   errorLevelSubscription_.unsubscribe();
@@ -608,145 +606,6 @@ void CorvaneDocument::resetCache() {
 
 void CorvaneDocument::checkAllFiles() {
   if (store_ != nullptr) store_->cache()->checkAllFiles();
-}
-
-// ---- Consolidation ---------------------------------------------------------------------------------
-
-std::string CorvaneDocument::backupPathForConsolidation(double secondsSince2001) const {
-  const DateFormatter local("yyyy-MM-dd_HH-mm-ss", DateTimeZone::local(env_.get()));
-  return fileURL() + "." + local.format(secondsSince2001) + ".backup";
-}
-
-void CorvaneDocument::consolidate(std::function<void(bool)> done) {
-  auto finish = [done](bool swapped) {
-    if (done) done(swapped);
-  };
-  if (store_ == nullptr) return finish(false);
-  Env* env = env_.get();
-  std::shared_ptr<Interaction> ui = interaction();
-  consolidating_ = true;
-  ui->beginProgress("Optimizing File");
-  ui->updateProgress(0, "Optimizing File");
-  const std::string url = fileURL();
-  const uint64_t total = CorvaneTotalSize(env, url);
-  const uint64_t free = CorvaneTotaFreeDiskSpace(env, url);
-  if (total > free) {
-    ui->endProgress();
-    ui->runAlert(Alert{"Not enough storage space", fmt::format("{} of free space required", byteCountText(total)), {}});
-    return finish(false);  // `consolidating` stays set, as a later consolidation sets it again
-  }
-  managedObjectContext().processPendingChanges();
-  const std::string temporary = url + ".temporary";
-  CorvaneStore::prepareNewStoreAtURL(temporary, env, defaults_);
-
-  // The new package gets the document's identity, options and password. It is written by a
-  // store of its own coordinator, so that the document's context never sees two stores.
-  Value options = Value::mutableDictionary();
-  options.set(Value(kCorvaneStoreEnvironmentOption), environmentValue_);
-  if (options_.cacheRoot) options.set(Value(kCorvaneCacheRootURLOption), Value(*options_.cacheRoot));
-  if (password_) options.set(Value(kCorvanePasswordOption), Value(*password_));
-  options.set(Value(kCorvaneDocumentIdentifierOption), Value(store_->documentIdentifier()));
-  if (const Value& documentOptions = store_->metadata()["DocumentOptions"]; documentOptions.isDictionary()) {
-    options.set(Value(kCorvaneDocumentOptionsOption), documentOptions);
-  }
-  auto coordinator = std::make_shared<CorvanePersistentStoreCoordinator>(options_.model);
-  Error error;
-  auto* target = dynamic_cast<CorvaneStore*>(
-      coordinator->addPersistentStore(kCorvaneStoreType, "", temporary, options.copy(), &error));
-  if (target == nullptr) {
-    logLine("Failed to create " + temporary + ": " + error.localizedDescription, LogLevel::Error);
-    ui->endProgress();
-    consolidating_ = false;
-    return finish(false);
-  }
-  std::weak_ptr<bool> alive = alive_;
-  target->writeAllObjectsInContext(
-      sharedContext(), store_, Value(),
-      [ui](double fraction) { ui->updateProgress(fraction, "Optimizing File"); },
-      [this, alive, ui, coordinator, target, temporary, url, finish] {
-        if (alive.expired()) return;
-        didSaveStore(store_, target);
-        Env* files = env_.get();
-        // The writing store's cache was for the temporary package only.
-        const std::string targetCache = target->cache()->URL();
-        target->close();
-        if (!targetCache.empty() && files->fileExists(targetCache)) (void)files->removeItem(targetCache, nullptr);
-        const std::string backup = backupPathForConsolidation(files->now());
-        // The old package keeps its place until the new one is complete; then the two swap
-        // names, the old one becoming the backup.
-        Error failure;
-        bool swapped = files->moveItem(url, backup, &failure);
-        if (swapped && !files->moveItem(temporary, url, &failure)) {
-          Error undo;
-          if (!files->moveItem(backup, url, &undo)) logLine("Failed to restore " + url + ": " + undo.description());
-          swapped = false;
-        }
-        if (!swapped) {
-          logLine("Failed to replace content: " + failure.description(), LogLevel::Error);
-        } else {
-          knownBackups_.push_back(pathLastComponent(backup));  // this device's own
-          Error removal;
-          if (files->fileExists(temporary) && !files->removeItem(temporary, &removal)) {
-            logLine("Failed to delete aURL: " + removal.description(), LogLevel::Warning);
-          }
-          // The store now finds one change in its folder instead of its history: it starts its
-          // cache afresh and applies it. Objects keep their UIDs, so the context's objects stay.
-          store_->unobserveDirectory();
-          store_->reloadPackageInfo();
-          store_->cache()->reset();
-          store_->observeDirectory();
-          const size_t before = store_->finishedPasses();
-          store_->updateChanges();
-          mainLoop().runUntil([this, before] { return store_->finishedPasses() > before; }, options_.openTimeout);
-        }
-        ui->endProgress();
-        consolidating_ = false;
-        finish(swapped);
-      });
-}
-
-std::vector<std::string> CorvaneDocument::backupsBeside() const {
-  std::vector<std::string> names, backups;
-  if (fileURL().empty() || !env_->listDirectory(pathDeletingLastComponent(fileURL()), true, &names, nullptr)) {
-    return backups;
-  }
-  const std::string prefix = pathLastComponent(fileURL()) + ".";
-  for (const std::string& name : names) {
-    if (name.starts_with(prefix) && pathExtension(name) == "backup") backups.push_back(name);
-  }
-  return backups;
-}
-
-bool CorvaneDocument::checkConsolidatedElsewhere() {
-  if (consolidating_ || closed_ || store_ == nullptr) return false;
-  const std::string folder = pathDeletingLastComponent(fileURL());
-  for (const std::string& name : backupsBeside()) {
-    if (std::find(knownBackups_.begin(), knownBackups_.end(), name) != knownBackups_.end()) continue;
-    if (CorvaneStore::documentIdentifierForURL(pathJoin(folder, name), env_.get()) != documentIdentifier_) continue;
-    close();
-    Alert alert{"Optimize File",
-                "This file was optimized on another device and has been closed. Reopen it once syncing has finished.",
-                {}};
-    alert.style = AlertStyle::Critical;
-    interaction()->runAlert(alert);
-    return true;
-  }
-  return false;
-}
-
-// ---- Consolidation offer ---------------------------------------------------------------------------
-
-bool CorvaneDocument::shouldOfferOptimizeFile() const {
-  if (store_ == nullptr || store_->errorLevel() == "CorvaneLogTypeError") return false;
-  return store_->cache()->changes().count() > 5000;
-}
-
-std::string CorvaneDocument::optimizeFileConfirmationText() const {
-  const std::string text = "Optimizing consolidates all changes in this file.";
-  if (store_ == nullptr || !serviceType() || !store_->hasRecentChangesFromOtherDevices()) return text;
-  return fmt::format("{}\n\n{}", text,
-                     "This file is also used on other devices. Only optimize while no one else is working on it. "
-                     "Syncing the optimized file to all devices will take a while.");
 }
 
 // ---- Hooks -------------------------------------------------------------------------------------

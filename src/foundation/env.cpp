@@ -3,6 +3,7 @@
 #include "corvane/foundation/env.h"
 
 #include <cstdio>
+#include <filesystem>
 #include <random>
 
 namespace corvane {
@@ -142,6 +143,13 @@ bool EnvWrapper::launchDetached(const std::string& executable, const std::vector
 // ---- Path helpers -----------------------------------------------------------------------------
 // They follow the platform's path-string operations: trailing slashes are ignored, the root
 // stays "/", and a name that starts with a dot (".bashrc") has no extension.
+
+std::string absolutePath(const std::string& path) {
+  std::error_code ignored;
+  std::string absolute = std::filesystem::absolute(path, ignored).lexically_normal().string();
+  while (absolute.size() > 1 && absolute.ends_with('/')) absolute.pop_back();
+  return absolute.empty() ? path : absolute;
+}
 
 std::string pathJoin(const std::string& a, const std::string& b) {
   if (a.empty()) return b;

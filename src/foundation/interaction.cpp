@@ -16,6 +16,8 @@ std::optional<PasswordAnswer> Interaction::promptPassword(const PasswordPrompt& 
   return PasswordAnswer{std::move(*password), false};
 }
 
+std::optional<SavePanelAnswer> Interaction::runSavePanel(const SavePanel&) { return std::nullopt; }
+
 void Interaction::beginProgress(const std::string&) {}
 void Interaction::updateProgress(double, const std::string&) {}
 void Interaction::endProgress() {}

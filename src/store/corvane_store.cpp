@@ -214,8 +214,9 @@ void CorvaneStore::refreshURLs() {
     cacheURL_ = pathJoin(path, "Cache");
     errorsURL_ = pathJoin(path, "Errors");
   }
-  // Error records are written into it later; without it they are only logged.
-  (void)env_->createDirectory(errorsURL(), true, nullptr);
+  // Error records are written into it later; without it they are only logged. A view up to a
+  // change writes nothing into the package.
+  if (upToChange().empty()) (void)env_->createDirectory(errorsURL(), true, nullptr);
   cache_->setStoreURL(path);
   registerURL(path, infoDictionary().copy(), Value(), env_, environment_->defaults, volumes_);
 }

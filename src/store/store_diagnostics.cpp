@@ -21,7 +21,7 @@ constexpr double kRecentActivitySeconds = 1209600;   // 14 days
 
 void CorvaneStore::writeErrorRecord(const Value& record) {
   const std::string folder = errorsURL();
-  if (folder.empty()) return;
+  if (folder.empty() || !upToChange().empty()) return;  // a view up to a change only logs
   // The GMT date first, so that names sorted descending are newest first on every device; the
   // UUID keeps records of the same millisecond (or of two devices) apart.
   const std::string name = fmt::format("{}.{}.plist", dateFormatter_.format(record["date"].dateValue()),

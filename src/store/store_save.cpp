@@ -187,6 +187,10 @@ void saveFromStore(ManagedObject& object, CorvaneStore* fromStore, CorvaneStore&
 
 std::optional<Value> CorvaneStore::executeSaveRequest(const SaveChangesRequest& request, ManagedObjectContext* context,
                                                       Error* error) {
+  if (!upToChange().empty()) {
+    setError(error, Error(kCorvaneErrorDomain, -1, "A document shown as it stood after a change cannot be saved"));
+    return std::nullopt;
+  }
   Error folderError;
   if (!env_->createDirectory(url(), true, &folderError)) {
     setError(error, std::move(folderError));
@@ -265,7 +269,8 @@ void CorvaneStore::setProgressInfo(const Value& mutableDictionary) {
 
 void CorvaneStore::writeAllObjectsInContext(const std::shared_ptr<ManagedObjectContext>& context,
                                             CorvaneStore* fromStore, const Value& options,
-                                            std::function<void(double)> progress, std::function<void()> completion) {
+                                            std::function<void(double)> progress,
+                                            std::function<void(bool written)> completion) {
   auto child = ManagedObjectContext::create(ConcurrencyType::PrivateQueue);
   child->setParentContext(context);
   cache_->queue().async([this, child, fromStore, options, progress = std::move(progress),
@@ -275,30 +280,37 @@ void CorvaneStore::writeAllObjectsInContext(const std::shared_ptr<ManagedObjectC
     if (!env_->createDirectory(url(), true, &error)) change.fail(error);
     child->performAndWait([&] {
       const std::vector<const EntityDescription*> all = child->model()->entities();
-      size_t done = 0;
-      for (const EntityDescription* entity : all) {
-        FetchRequest request(entity->name());
+      const auto entities = static_cast<double>(all.size());
+      // Each entity is an equal share of the bar; within one, every object moves it on, though
+      // no more often than once a percent.
+      double reported = 0;
+      auto report = [&](double fraction, bool always) {
+        if (!progress || (!always && fraction - reported < 0.01)) return;
+        reported = fraction;
+        onMain([progress, fraction] { progress(fraction); });
+      };
+      for (size_t index = 0; index < all.size(); ++index) {
+        FetchRequest request(all[index]->name());
         request.setIncludesSubentities(false);
         if (auto objects = child->fetch(request)) {
-          for (const auto& object : *objects) {
+          const auto count = static_cast<double>(objects->size());
+          for (size_t i = 0; i < objects->size(); ++i) {
             try {
-              saveFromStore(*object, fromStore, *this, change, options, kChangeTypeInsert);
+              saveFromStore(*(*objects)[i], fromStore, *this, change, options, kChangeTypeInsert);
             } catch (const Exception& e) {
               log(e.name() + ": " + e.reason(), kCorvaneLogTypeError);
             }
+            report((static_cast<double>(index) + static_cast<double>(i + 1) / count) / entities, false);
           }
         }
-        ++done;
-        if (progress) {
-          const double fraction = static_cast<double>(done) / static_cast<double>(all.size());
-          onMain([progress, fraction] { progress(fraction); });
-        }
+        report(static_cast<double>(index + 1) / entities, true);
       }
     });
     // A copy that could not write every file announces none of them; the log says why.
-    if (!change.saveToStore(*this, &error)) logError(error, "CorvaneSaveOperation");
+    const bool written = change.saveToStore(*this, &error);
+    if (!written) logError(error, "CorvaneSaveOperation");
     waitForSaves();
-    if (completion) onMain(completion);
+    if (completion) onMain([completion, written] { completion(written); });
   });
 }
 

@@ -2,8 +2,12 @@
 // durable saves and other devices' changes through a subscription.
 #include <gtest/gtest.h>
 
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <cstdlib>
 
+#include "corvane/cache/cache.h"
 #include "corvane/document/corvane_document.h"
 #include "corvane/foundation/manual_clock_env.h"
 #include "corvane/graph/corvane_undo_manager.h"
@@ -37,7 +41,11 @@ class ScriptedInteraction final : public Interaction {
     return AlertAnswer{button, suppress};
   }
   void revealInFileViewer(const std::string& path) override { reveals.push_back(path); }
-  void openFile(const std::string&) override {}
+  void openFile(const std::string& path) override { opened.push_back(path); }
+  std::optional<SavePanelAnswer> runSavePanel(const SavePanel& panel) override {
+    panels.push_back(panel);
+    return savePanelAnswer;
+  }
   std::optional<std::string> askPassword(const std::string& message) override {
     prompts.push_back(message);
     return password;
@@ -46,7 +54,9 @@ class ScriptedInteraction final : public Interaction {
   size_t button = 0;
   bool suppress = false;
   std::optional<std::string> password;
-  std::vector<std::string> alerts, reveals, prompts;
+  std::vector<std::string> alerts, reveals, prompts, opened;
+  std::optional<SavePanelAnswer> savePanelAnswer;
+  std::vector<SavePanel> panels;
   int terminations = 0;
 };
 
@@ -301,6 +311,151 @@ TEST_F(DocumentTest, ConsolidationWithoutRoomTouchesNothing) {
   std::vector<std::string> changes;
   ASSERT_TRUE(env.listDirectory(package + "/Changes", true, &changes, nullptr));
   EXPECT_EQ(changes.size(), 1u);
+}
+
+// What a document shows: every person's name, age, employer and friends, sorted.
+std::vector<std::string> contents(ManagedObjectContext& context) {
+  std::vector<std::string> out;
+  FetchRequest people("Person");
+  for (const auto& person : context.fetch(people).value_or(std::vector<Retained<ManagedObject>>{})) {
+    std::string line = person->stringValue("name") + " " + person->value("age").description();
+    if (Retained<ManagedObject> employer = person->toOne("employer")) line += " at " + employer->stringValue("name");
+    std::vector<std::string> friends;
+    for (const auto& other : person->toMany("friends")) friends.push_back(other->stringValue("name"));
+    std::sort(friends.begin(), friends.end());
+    for (const std::string& name : friends) line += " +" + name;
+    out.push_back(line);
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+TEST_F(DocumentTest, ACopyUpToAChangeHoldsTheStateRightAfterItAndLeavesTheDocumentAlone) {
+  for (const bool encrypted : {false, true}) {
+    SCOPED_TRACE(encrypted ? "encrypted original" : "plain original");
+    package = dir / (encrypted ? "Secret.corvane" : "Doc.corvane");
+    DocumentOptions o = options(encrypted ? "cacheE" : "cacheP");
+    o.documentOptions = dict({{"flavour", "plain"}});
+    if (encrypted) o.password = "secret";
+    Error error;
+    auto doc = CorvaneDocument::open(package, o, &error);
+    ASSERT_TRUE(doc) << error.localizedDescription;
+    ManagedObjectContext& context = doc->context();
+    // A history of inserts, updates, relationships and a delete; the state after each save is
+    // what a copy up to that change must hold.
+    std::vector<std::pair<std::string, std::vector<std::string>>> history;
+    auto save = [&] {
+      env.advance(1);
+      ASSERT_TRUE(doc->save(&error)) << error.localizedDescription;
+      history.emplace_back(doc->store()->lastCachedChange()["name"].str(), contents(context));
+    };
+    auto ann = context.insertNewObject("Person");
+    ann->setValue("name", "Ann");
+    save();
+    auto bob = context.insertNewObject("Person");
+    bob->setValue("name", "Bob");
+    ann->setValue("age", Value(41));
+    auto acme = context.insertNewObject("Company");
+    acme->setValue("name", "Acme");
+    save();
+    bob->setToOne("employer", acme.get());
+    bob->addToMany("friends", ann.get());
+    save();
+    context.deleteObject(ann.get());
+    bob->setValue("name", "Robert");
+    save();
+    const std::vector<std::string> now = contents(context);
+    std::vector<std::string> changes;
+    ASSERT_TRUE(env.listDirectory(package + "/Changes", true, &changes, nullptr));
+    std::vector<std::string> cache;
+    ASSERT_TRUE(env.listDirectory(doc->store()->cache()->URL(), true, &cache, nullptr));
+
+    for (size_t i = 0; i < history.size(); ++i) {
+      SCOPED_TRACE(history[i].first);
+      CopyRequest request;
+      request.path = dir / fmt::format("Copy{}{}.corvane", encrypted, i);
+      request.upToChange = history[i].first;
+      if (i % 2 == 1) request.password = "copy";
+      std::optional<CopyResult> result;
+      doc->writeCopy(request, [&result](const CopyResult& r) { result = r; });
+      ASSERT_TRUE(RunLoop::main().runUntil([&] { return result.has_value(); }, 30));
+      ASSERT_TRUE(result->written) << result->error.description();
+      EXPECT_EQ(CorvaneStore::canOpenURL(request.path, std::nullopt, &env), !request.password.has_value());
+      const Value info = CorvaneStore::infoDictionaryForURL(request.path, &env);
+      EXPECT_NE(info["DocumentIdentifier"].str(), doc->documentIdentifier());
+      EXPECT_EQ(info["DocumentOptions"], o.documentOptions);
+      DocumentOptions reading = options(fmt::format("copy{}{}", encrypted, i));
+      reading.password = request.password;
+      auto copy = CorvaneDocument::open(request.path, reading, &error);
+      ASSERT_TRUE(copy) << error.localizedDescription;
+      EXPECT_EQ(contents(copy->context()), history[i].second);
+    }
+    // The document, its package and its cache are as they were.
+    EXPECT_EQ(contents(context), now);
+    std::vector<std::string> after;
+    ASSERT_TRUE(env.listDirectory(package + "/Changes", true, &after, nullptr));
+    EXPECT_EQ(after, changes);
+    ASSERT_TRUE(env.listDirectory(doc->store()->cache()->URL(), true, &after, nullptr));
+    EXPECT_EQ(after, cache);
+
+    // Bad requests are refused before anything is written.
+    CopyRequest request;
+    request.path = dir / fmt::format("Copy{}0.corvane", encrypted);  // made above
+    std::optional<CopyResult> result;
+    doc->writeCopy(request, [&result](const CopyResult& r) { result = r; });
+    ASSERT_TRUE(result && !result->written);
+    EXPECT_EQ(result->error.localizedDescription, request.path + " already exists");
+    request.path = dir / fmt::format("Nowhere{}.corvane", encrypted);
+    request.upToChange = "nothing.json";
+    doc->writeCopy(request, [&result](const CopyResult& r) { result = r; });
+    ASSERT_TRUE(result && !result->written);
+    EXPECT_FALSE(env.fileExists(request.path));
+  }
+}
+
+TEST_F(DocumentTest, SaveAsProposesADatedNameAndOpensOnlyACopyUpToAChange) {
+  env.setTimeZoneOffset(0);
+  env.setNow(731160000.0);  // 3 March 2024, noon
+  Error error;
+  DocumentOptions o = options();
+  o.password = "secret";
+  auto doc = CorvaneDocument::open(dir / "Accounts.corvane", o, &error);
+  ASSERT_TRUE(doc) << error.localizedDescription;
+  EXPECT_EQ(doc->proposedSaveAsName(), "Accounts 2024-03-03");
+  doc->context().insertNewObject("Person")->setValue("name", "Ann");
+  ASSERT_TRUE(doc->save(&error));
+  const std::string first = doc->store()->lastCachedChange()["name"].str();
+
+  // Cancelled: nothing happens.
+  std::optional<CopyResult> result;
+  doc->saveDocumentAs([&result](const CopyResult& r) { result = r; });
+  ASSERT_TRUE(result && !result->written && result->path.empty());
+  ASSERT_EQ(ui->panels.size(), 1u);
+  EXPECT_EQ(ui->panels[0].directory, dir.path());
+  EXPECT_EQ(ui->panels[0].proposedName, "Accounts 2024-03-03");
+
+  // As it stands now: written without a password, even from an encrypted document, and not opened.
+  ui->savePanelAnswer = SavePanelAnswer{dir / "Now.corvane", std::nullopt, false};
+  result.reset();
+  doc->saveDocumentAs([&result](const CopyResult& r) { result = r; });
+  ASSERT_TRUE(RunLoop::main().runUntil([&] { return result.has_value(); }, 30));
+  ASSERT_TRUE(result->written);
+  EXPECT_TRUE(CorvaneStore::canOpenURL(dir / "Now.corvane", std::nullopt, &env));
+  EXPECT_TRUE(env.fileExists(dir / "Now.corvane/Cache"));  // the copy carries its cache
+  EXPECT_TRUE(ui->opened.empty());
+
+  // Up to a change: opened.
+  ui->savePanelAnswer = SavePanelAnswer{dir / "Then.corvane", std::string("other"), false};
+  result.reset();
+  doc->saveDocumentUpToChange(first, [&result](const CopyResult& r) { result = r; });
+  ASSERT_TRUE(RunLoop::main().runUntil([&] { return result.has_value(); }, 30));
+  ASSERT_TRUE(result->written);
+  EXPECT_TRUE(CorvaneStore::canOpenURL(dir / "Then.corvane", std::string("other"), &env));
+  EXPECT_EQ(ui->opened, std::vector<std::string>{dir / "Then.corvane"});
+
+  doc->close();
+  auto untitled = std::make_unique<CorvaneDocument>(options());
+  EXPECT_EQ(untitled->proposedSaveAsName(), "Untitled");
 }
 
 }  // namespace

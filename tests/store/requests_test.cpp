@@ -244,7 +244,7 @@ TEST_F(RequestsTest, AWholeGraphIsCopiedAsOneChangeWithAnonymising) {
   std::vector<double> progress;
   bool done = false;
   target.store->writeAllObjectsInContext(source.context, source.store, anonymize,
-                                         [&](double p) { progress.push_back(p); }, [&] { done = true; });
+                                         [&](double p) { progress.push_back(p); }, [&](bool written) { done = written; });
   waitUntil([&] { return done; });
   const std::vector<std::string> changes = list(copy + "/Changes");
   ASSERT_EQ(changes.size(), 1u);
@@ -257,7 +257,8 @@ TEST_F(RequestsTest, AWholeGraphIsCopiedAsOneChangeWithAnonymising) {
   EXPECT_EQ(annFile["payload"]["age"], dict({{"value", "0"}}));
   EXPECT_EQ(annFile["payload"]["employer"], dict({{"value", arr({Value("Company/" + storeUID(acme->objectID()))})}}));
   EXPECT_EQ(progress.back(), 1.0);
-  EXPECT_EQ(progress.size(), 4u);  // one report per entity of the model
+  EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
+  EXPECT_GE(progress.size(), 4u);  // at least one report per entity of the model
   close(target);
   close(source);
 }

@@ -3,6 +3,7 @@
 // command says about a change whose files a sync client has not delivered yet.
 #include <unistd.h>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -90,6 +91,68 @@ TEST_F(DocumentCommandsTest, OptimizeAsksThenConsolidatesAndKeepsTheOldPackageAs
   EXPECT_EQ(changes.size(), 1u);
   EXPECT_EQ(old.size(), 2u);
   EXPECT_EQ(dump(), before);
+}
+
+TEST_F(DocumentCommandsTest, CopyUpToEachChangeDumpsWhatAReplayOfTheHistoryUpToItShows) {
+  Env* env = Env::defaultEnv();
+  writeTextFile(dir / "source.pw", "secret\n");
+  writeTextFile(dir / "copy.pw", "other\n");
+  for (const bool encrypted : {false, true}) {
+    SCOPED_TRACE(encrypted ? "encrypted original" : "plain original");
+    package = dir / (encrypted ? "Secret.corvane" : "Doc.corvane");
+    std::vector<std::string> password;
+    if (encrypted) password = {"--password-file", dir / "source.pw"};
+    auto with = [&](std::vector<std::string> args, const std::vector<std::string>& more) {
+      args.insert(args.end(), more.begin(), more.end());
+      return args;
+    };
+    ASSERT_EQ(run(with({"create", package, "--model", model}, password)).status, 0);
+    RunResult ann = run(with({"insert", package, "--model", model, "Person", "name=Ann"}, password));
+    ASSERT_EQ(ann.status, 0) << ann.err;
+    RunResult bob = run(with({"insert", package, "--model", model, "Person", "name=Bob"}, password));
+    ASSERT_EQ(bob.status, 0) << bob.err;
+    ASSERT_EQ(run(with({"update", package, "--model", model, "Person", firstLine(ann), "age=41"}, password)).status, 0);
+    ASSERT_EQ(run(with({"delete", package, "--model", model, "Person", firstLine(bob)}, password)).status, 0);
+    std::vector<std::string> changes;
+    ASSERT_TRUE(env->listDirectory(package + "/Changes", true, &changes, nullptr));
+    std::sort(changes.begin(), changes.end());
+    ASSERT_EQ(changes.size(), 4u);
+
+    for (size_t i = 0; i < changes.size(); ++i) {
+      SCOPED_TRACE(changes[i]);
+      // The reference: the package with its later change files taken away, opened afresh.
+      const std::string replay = dir / fmt::format("replay-{}-{}.corvane", encrypted, i);
+      ASSERT_TRUE(env->copyItem(package, replay, nullptr));
+      for (size_t later = i + 1; later < changes.size(); ++later) {
+        ASSERT_TRUE(env->removeItem(replay + "/Changes/" + changes[later], nullptr));
+      }
+      RunResult expected = run(with({"dump", replay, "--model", model}, password));
+      ASSERT_EQ(expected.status, 0) << expected.err;
+
+      const std::string copy = dir / fmt::format("copy-{}-{}.corvane", encrypted, i);
+      std::vector<std::string> copyPassword;
+      if (i % 2 == 1) {
+        copyPassword = {"--password-file", dir / (encrypted ? "source.pw" : "copy.pw")};
+      } else if (encrypted) {
+        copyPassword = {"--no-password", "--source-password-file", dir / "source.pw"};
+      }
+      // The name as `corvane changes` prints it, with or without its extension.
+      const std::string name = i == 0 ? pathDeletingExtension(changes[i]) : changes[i];
+      RunResult copied = run(with({"copy", package, copy, "--model", model, "--up-to", name}, copyPassword));
+      ASSERT_EQ(copied.status, 0) << copied.err;
+      EXPECT_EQ(copied.out.find(i % 2 == 1 ? "(encrypted)" : "(not encrypted)") != std::string::npos, true)
+          << copied.out;
+      std::vector<std::string> reading;
+      if (i % 2 == 1) reading = {"--password-file", dir / (encrypted ? "source.pw" : "copy.pw")};
+      RunResult actual = run(with({"dump", copy, "--model", model}, reading));
+      ASSERT_EQ(actual.status, 0) << actual.err;
+      EXPECT_EQ(actual.out, expected.out);
+    }
+    std::vector<std::string> after;
+    ASSERT_TRUE(env->listDirectory(package + "/Changes", true, &after, nullptr));
+    std::sort(after.begin(), after.end());
+    EXPECT_EQ(after, changes) << "the original is never touched";
+  }
 }
 
 TEST_F(DocumentCommandsTest, WatchStopsWhenAnotherDeviceOptimizesTheDocument) {

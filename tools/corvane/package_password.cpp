@@ -38,6 +38,8 @@ bool readLine(int fd, std::string* line) {
   return true;
 }
 
+}  // namespace
+
 std::optional<std::string> passwordFromFile(const std::string& path, std::string* error) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
@@ -54,6 +56,8 @@ std::optional<std::string> passwordFromFile(const std::string& path, std::string
   return line;
 }
 
+namespace {
+
 // The password kept for the package when the tool's setting says to use it; nullopt otherwise,
 // also when the keychain fails (the person is asked then, as the document does).
 std::optional<std::string> keptPassword(Env* env, const std::string& package) {
@@ -63,7 +67,6 @@ std::optional<std::string> keptPassword(Env* env, const std::string& package) {
 }
 
 }  // namespace
-
 
 std::optional<std::string> passwordFromTerminal(const std::string& prompt) {
   int fd = ::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY);

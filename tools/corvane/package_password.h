@@ -28,6 +28,9 @@ struct PasswordOptions {
   std::string passwordFile;  // empty: not given
 };
 
+// The first line of a password file; nullopt and a message naming the file when it cannot be read.
+std::optional<std::string> passwordFromFile(const std::string& path, std::string* error);
+
 // Asks on the controlling terminal with echo off; nullopt when there is no terminal.
 std::optional<std::string> passwordFromTerminal(const std::string& prompt);
 

@@ -5,7 +5,6 @@
 // package's file name; the tool's "do not ask again" setting for the document says whether it
 // is used.
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -52,10 +51,7 @@ std::optional<PackageIdentity> identify(Env* env, const std::string& package, st
     return std::nullopt;
   }
   // "Notes.corvane/" and "./Notes.corvane" name the same document as the application shows it.
-  std::error_code ignored;
-  std::string path = std::filesystem::absolute(package, ignored).lexically_normal().string();
-  while (path.size() > 1 && path.ends_with('/')) path.pop_back();
-  identity.fileName = pathLastComponent(path.empty() ? package : path);
+  identity.fileName = pathLastComponent(absolutePath(package));
   return identity;
 }
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
 #include <iostream>
 
 #include "corvane/foundation/application_info.h"
@@ -92,7 +91,7 @@ Value dumpObject(const ManagedObject& object) {
   return out;
 }
 
-void addStoreOptions(CLI::App* command, StoreOptions* options, bool withModel) {
+void addStoreOptions(CLI::App* command, StoreOptions* options, bool withModel, bool withPassword) {
   if (withModel) {
     command->add_option("--model", options->model, "The JSON model file of the document's entities")
         ->required()
@@ -103,7 +102,7 @@ void addStoreOptions(CLI::App* command, StoreOptions* options, bool withModel) {
       ->type_name("DIR");
   command->add_flag("--recover", options->recover,
                     "Recovery mode: go on past damaged or missing change files instead of stopping");
-  addPasswordOptions(command, &options->password);
+  if (withPassword) addPasswordOptions(command, &options->password);
 }
 
 const ApplicationInfo& toolApplication() {
@@ -206,10 +205,7 @@ std::unique_ptr<StoreSession> StoreSession::openDocument(const StoreOptions& opt
   Error openError;
   // The document keeps the package's path for its whole life: a path relative to the folder the
   // tool was started in is made absolute once, here.
-  std::error_code ignored;
-  std::string path = std::filesystem::absolute(options.package, ignored).lexically_normal().string();
-  while (path.size() > 1 && path.ends_with('/')) path.pop_back();
-  session->document_ = CorvaneDocument::open(path.empty() ? options.package : path, documentOptions, &openError);
+  session->document_ = CorvaneDocument::open(absolutePath(options.package), documentOptions, &openError);
   if (!session->document_) {
     session->closed_ = true;
     RunLoop::main().discardPendingWork();

@@ -35,8 +35,9 @@ struct StoreOptions {
   PasswordOptions password;
 };
 
-// Adds --model (when `withModel`), --cache-root, --recover and the password options.
-void addStoreOptions(CLI::App* command, StoreOptions* options, bool withModel);
+// Adds --model (when `withModel`), --cache-root, --recover and (when `withPassword`) the
+// password options.
+void addStoreOptions(CLI::App* command, StoreOptions* options, bool withModel, bool withPassword = true);
 
 // The tool as the library sees it: written into new packages and every change's session, and
 // naming its settings and cache folders.

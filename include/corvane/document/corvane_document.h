@@ -50,6 +50,7 @@ class CorvaneStore;
 class KeychainBackend;
 class ManagedObjectContext;
 class ObjectModel;
+class PersistentStoreCoordinator;
 class RunLoop;
 class StoreEnvironment;
 class UserDefaults;
@@ -99,6 +100,26 @@ struct DocumentOptions {
   double openTimeout = 600;
   // Key-derivation rounds of a new encrypted package (tests use small numbers). 0: the default.
   int64_t encryptionRounds = 0;
+};
+
+// A copy of a document in a new package (Save As).
+struct CopyRequest {
+  // The new package; it must not exist yet.
+  std::string path;
+  // The copy's password. nullopt makes an unencrypted copy, whatever the document is.
+  std::optional<std::string> password;
+  // Keep that password in the keychain, and take it from there when the copy is opened.
+  bool savePasswordInKeychain = false;
+  // A change of the document's history, by its file name ("<date>_<session>.json" as the change
+  // log and `corvane changes` show it): the copy holds the objects as they stood right after it.
+  // Empty: as they stand now.
+  std::string upToChange;
+};
+
+struct CopyResult {
+  bool written = false;  // every file of the copy is on disk
+  std::string path;      // the new package ("" when the person cancelled the panel)
+  Error error;           // why not, when not written
 };
 
 // What another device changed, as the document's context now shows it.
@@ -213,6 +234,23 @@ class CorvaneDocument : public PersistentDocument {
   // one else works on it.
   std::string optimizeFileConfirmationText() const;
 
+  // ---- Copies ------------------------------------------------------------------------------------
+  // Writes every object into a new package, as the document stands now or as it stood after
+  // request.upToChange (replayed from the package's own history, without touching the document,
+  // its package or its cache). The copy is a document of its own: a new identifier, this one's
+  // "DocumentOptions", the password of the request. Returns at once; progress goes through the
+  // Interaction and `done` is called on the main run loop. A copy that fails leaves nothing.
+  void writeCopy(const CopyRequest& request, std::function<void(const CopyResult&)> done);
+  // "Save As…": asks for the place and the password through the Interaction's save panel
+  // (proposing proposedSaveAsName() in the document's folder), then writeCopy(). The document
+  // stays open on its own package and the copy is not opened. Cancelling does nothing.
+  void saveDocumentAs(std::function<void(const CopyResult&)> done = {});
+  // The same up to a change of the history; the copy is then opened (openSavedCopy()), so that
+  // the person sees the restored state at once.
+  void saveDocumentUpToChange(const std::string& changeName, std::function<void(const CopyResult&)> done = {});
+  // "<name without extension> <yyyy-MM-dd>" (today, local time), or "Untitled" without a file.
+  std::string proposedSaveAsName() const;
+
   // ---- Recent deletes (recent_deletes.h) -----------------------------------------------------
   // Who deleted the last objects of `entityName` and its sub-entities, when and on which device,
   // labelled by formatDeletedObjectInfo(); or the message saying why there is no report.
@@ -257,6 +295,10 @@ class CorvaneDocument : public PersistentDocument {
                                                              const Value& changeEvents);
   // The document's context; a subclass may return a context of its own class (main queue).
   virtual std::shared_ptr<ManagedObjectContext> makeContext();
+  // The context whose objects Save As and consolidation copy. Default: the document's.
+  virtual std::shared_ptr<ManagedObjectContext> managedObjectContextForSaveDocumentAs();
+  // Opens a copy saved up to a change. Default: the Interaction's openFile(path).
+  virtual void openSavedCopy(const std::string& path);
   // Notes a document opened (the desktop's recent documents). Default: nothing.
   virtual void noteRecentDocument(const std::string& path);
 
@@ -272,6 +314,20 @@ class CorvaneDocument : public PersistentDocument {
   void bindToStore();
   void deliverExternalChanges(const Value& userInfo);
   std::vector<std::string> backupsBeside() const;
+  void keepPasswordInKeychain(const std::string& identifier, const std::string& path, const std::string& password);
+  // A store on a coordinator of its own, for a package other than the document's own or a view
+  // of it; the document's context never sees it.
+  struct SideStore {
+    std::shared_ptr<PersistentStoreCoordinator> coordinator;
+    CorvaneStore* store = nullptr;
+  };
+  Value sideStoreOptions() const;
+  SideStore addSideStore(const std::string& path, const Value& options, Error* error) const;
+  struct CopyJob;
+  void saveDocumentAsUpToChange(const std::string& changeName, std::function<void(const CopyResult&)> done);
+  void writeCopyObjects(const std::shared_ptr<CopyJob>& job, const std::shared_ptr<ManagedObjectContext>& context,
+                        CorvaneStore* from);
+  void finishCopy(const std::shared_ptr<CopyJob>& job, bool written, Error error);
   RunLoop& mainLoop() const;
   std::shared_ptr<Interaction> interaction() const;
   KeychainBackend* keychain() const;
@@ -296,6 +352,7 @@ class CorvaneDocument : public PersistentDocument {
   RunLoop::Token itemsTimer_;
   std::shared_ptr<std::function<void()>> itemsPoll_;
   std::vector<std::string> knownBackups_;  // backups beside the package not from elsewhere
+  std::vector<std::shared_ptr<CopyJob>> copies_;  // copies on their way
   std::shared_ptr<bool> alive_;
 };
 

@@ -193,6 +193,9 @@ std::string pathLastComponent(const std::string& path);
 std::string pathDeletingLastComponent(const std::string& path);
 std::string pathExtension(const std::string& path);
 std::string pathDeletingExtension(const std::string& path);
+// `path` made absolute against the current folder and normalised ("a/./b/" -> "<cwd>/a/b"): what
+// a path typed by a person becomes before the library sees it.
+std::string absolutePath(const std::string& path);
 
 // Names read from files that other devices write (UIDs, change and data-file names) become one
 // component of a path. Only a plain name stays in its folder: an empty name, ".", "..", a name

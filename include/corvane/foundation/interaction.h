@@ -44,6 +44,22 @@ struct PasswordAnswer {
   bool saveInKeychain = false;  // keep it, and do not ask again for this document
 };
 
+// A save panel: where to save a copy of a document, and whether to encrypt it.
+struct SavePanel {
+  std::string title;
+  std::string directory;     // where the panel opens
+  std::string proposedName;  // without the extension
+  std::string fileExtension;  // the document's ("corvane"), without the dot
+  bool offersPassword = true;  // the password choice below the file list
+};
+
+struct SavePanelAnswer {
+  std::string path;  // the chosen package path, extension included
+  // The copy is encrypted only when this is set, whatever the original is.
+  std::optional<std::string> password;
+  bool saveInKeychain = false;  // keep the copy's password, and do not ask for it again
+};
+
 class Interaction {
  public:
   virtual ~Interaction();
@@ -62,6 +78,8 @@ class Interaction {
   virtual AlertAnswer answerAlert(const Alert& alert);
   // A document's password prompt. Default: askPassword(message), nothing kept.
   virtual std::optional<PasswordAnswer> promptPassword(const PasswordPrompt& prompt);
+  // A save panel; nullopt when the person cancels. Default: cancelled.
+  virtual std::optional<SavePanelAnswer> runSavePanel(const SavePanel& panel);
   // A progress sheet over long work: begun once, updated (fraction 0 to 1, or negative when
   // unknown, and a line of text), ended once. Defaults: nothing shown.
   virtual void beginProgress(const std::string& title);

@@ -288,10 +288,12 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   int64_t saveOperationsCount() const { return saveOperationsCount_.load(); }
   int64_t saveOperationsValue() const { return saveOperationsValue_.load(); }
   // Copies every object of `context` into this store as one change, on the cache's queue;
-  // `progress` (entities done / entities) and `completion` are called on the main run loop.
+  // `progress` (0 to 1: each entity an equal share, moved on by its objects) and `completion`
+  // (whether every file of the change is durable; the log says why not) are called on the main
+  // run loop.
   void writeAllObjectsInContext(const std::shared_ptr<ManagedObjectContext>& context, CorvaneStore* fromStore,
                                 const Value& options, std::function<void(double)> progress,
-                                std::function<void()> completion);
+                                std::function<void(bool written)> completion);
   // Blocks until every queued object and change file is written.
   void waitForSaves();
   // The last record of the cache's change log (nil when empty).
