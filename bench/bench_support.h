@@ -109,4 +109,31 @@ inline int runWithRatios(int argc, char** argv, const std::string& title, const 
   return runReporting(argc, argv, reporter);
 }
 
+// Compares the real time per iteration of each measurement with its reference's.
+class TimeRatioReporter final : public KeepingReporter {
+ public:
+  struct Row {
+    std::string label;
+    std::string ours;       // benchmark names as reported ("BM_X/iterations:5")
+    std::string reference;
+    std::string goal;       // "" when there is none
+  };
+  explicit TimeRatioReporter(std::vector<Row> rows) : rows_(std::move(rows)) {}
+
+  void printTable() const override {
+    std::printf("\n%-30s %12s %12s %8s %8s\n", "time ratio", "ours ms", "ref ms", "ratio", "goal");
+    auto seconds = [](const Run& run) { return run.real_accumulated_time / static_cast<double>(run.iterations); };
+    for (const Row& row : rows_) {
+      const Run* ours = find(row.ours);
+      const Run* ref = find(row.reference);
+      if (ours == nullptr || ref == nullptr || seconds(*ref) == 0) continue;
+      std::printf("%-30s %12.3f %12.3f %8.3f %8s\n", row.label.c_str(), seconds(*ours) * 1e3, seconds(*ref) * 1e3,
+                  seconds(*ours) / seconds(*ref), row.goal.c_str());
+    }
+  }
+
+ private:
+  std::vector<Row> rows_;
+};
+
 }  // namespace corvane::bench

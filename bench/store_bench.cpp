@@ -473,46 +473,23 @@ BENCHMARK(BM_Store_OpenWarmCache)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(BM_Store_Fetch1Percent)->Unit(benchmark::kMillisecond)->Iterations(20);
 BENCHMARK(BM_SQLite_Fetch1Percent)->Unit(benchmark::kMillisecond)->Iterations(20);
 
-// The ratios of real time per iteration.
-class TimeRatioReporter final : public corvane::bench::KeepingReporter {
- public:
-  void printTable() const override {
-    struct Row {
-      const char* label;
-      const char* ours;
-      const char* reference;
-      const char* goal;
-    };
-    const Row rows[] = {
-        {"update one / floor", "BM_Store_UpdateOne/iterations:100", "BM_Floor_UpdateOne/iterations:100", "<= 1.5"},
-        {"update one / SQLite", "BM_Store_UpdateOne/iterations:100", "BM_SQLite_UpdateOne/iterations:100", ""},
-        {"100 inserts / floor", "BM_Store_Insert100/iterations:10", "BM_Floor_Insert100/iterations:10", "<= 1.5"},
-        {"100 inserts / SQLite", "BM_Store_Insert100/iterations:10", "BM_SQLite_Insert100/iterations:10", ""},
-        {"10,000 binary / floor", "BM_Store_Insert10000Binary/iterations:1", "BM_Floor_Insert10000Binary/iterations:1",
-         "<= 1.5"},
-        {"10,000 binary / SQLite", "BM_Store_Insert10000Binary/iterations:1",
-         "BM_SQLite_Insert10000Binary/iterations:1", ""},
-        {"open, no cache / floor", "BM_Store_OpenNoCache/iterations:2", "BM_Floor_OpenNoCache/iterations:2", "<= 2"},
-        {"open, warm / no cache", "BM_Store_OpenWarmCache/iterations:5", "BM_Store_OpenNoCache/iterations:2", "< 0.05"},
-        {"fetch 1% / SQLite", "BM_Store_Fetch1Percent/iterations:20", "BM_SQLite_Fetch1Percent/iterations:20", "<= 2"},
-    };
-    std::printf("\n%-26s %12s %12s %8s %8s\n", "time ratio", "ours ms", "ref ms", "ratio", "goal");
-    auto seconds = [](const Run& run) { return run.real_accumulated_time / static_cast<double>(run.iterations); };
-    for (const Row& row : rows) {
-      const Run* ours = find(row.ours);
-      const Run* ref = find(row.reference);
-      if (ours == nullptr || ref == nullptr || seconds(*ref) == 0) continue;
-      std::printf("%-26s %12.3f %12.3f %8.3f %8s\n", row.label, seconds(*ours) * 1e3, seconds(*ref) * 1e3,
-                  seconds(*ours) / seconds(*ref), row.goal);
-    }
-  }
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
   CorvaneStore::registerStoreType();
-  TimeRatioReporter reporter;
+  corvane::bench::TimeRatioReporter reporter({
+      {"update one / floor", "BM_Store_UpdateOne/iterations:100", "BM_Floor_UpdateOne/iterations:100", "<= 1.5"},
+      {"update one / SQLite", "BM_Store_UpdateOne/iterations:100", "BM_SQLite_UpdateOne/iterations:100", ""},
+      {"100 inserts / floor", "BM_Store_Insert100/iterations:10", "BM_Floor_Insert100/iterations:10", "<= 1.5"},
+      {"100 inserts / SQLite", "BM_Store_Insert100/iterations:10", "BM_SQLite_Insert100/iterations:10", ""},
+      {"10,000 binary / floor", "BM_Store_Insert10000Binary/iterations:1", "BM_Floor_Insert10000Binary/iterations:1",
+       "<= 1.5"},
+      {"10,000 binary / SQLite", "BM_Store_Insert10000Binary/iterations:1", "BM_SQLite_Insert10000Binary/iterations:1",
+       ""},
+      {"open, no cache / floor", "BM_Store_OpenNoCache/iterations:2", "BM_Floor_OpenNoCache/iterations:2", "<= 2"},
+      {"open, warm / no cache", "BM_Store_OpenWarmCache/iterations:5", "BM_Store_OpenNoCache/iterations:2", "< 0.05"},
+      {"fetch 1% / SQLite", "BM_Store_Fetch1Percent/iterations:20", "BM_SQLite_Fetch1Percent/iterations:20", "<= 2"},
+  });
   const int status = corvane::bench::runReporting(argc, argv, reporter);
   std::error_code ignored;
   fs::remove_all(root(), ignored);

@@ -1,5 +1,6 @@
 #include "corvane/foundation/operation_queue.h"
 
+#include <array>
 #include <condition_variable>
 #include <exception>
 #include <mutex>
@@ -25,12 +26,12 @@ struct OperationGraph {
     return *cv;
   }
 
-  static bool readyLocked(const Operation& op) {
-    if (op.cancelled_) return true;
-    for (const auto& dependency : op.dependencies_) {
-      if (dependency->state_ != Operation::State::Finished) return false;
-    }
-    return true;
+  static bool readyLocked(const Operation& op) { return op.cancelled_ || op.unfinishedDependencies_ == 0; }
+
+  // Queue priorities as the index of their count (VeryLow ... VeryHigh).
+  static size_t level(QueuePriority priority) {
+    const int index = (static_cast<int>(priority) + 8) / 4;
+    return static_cast<size_t>(index < 0 ? 0 : index > 4 ? 4 : index);
   }
 
   static void startReadyLocked(const std::shared_ptr<OperationQueue::Impl>& queue);
@@ -42,20 +43,29 @@ struct OperationQueue::Impl : std::enable_shared_from_this<OperationQueue::Impl>
   int maxConcurrent = kDefaultMaxConcurrentOperationCount;
   QueuePriority priority = QueuePriority::Normal;
   // Guarded by the graph lock.
-  std::vector<std::shared_ptr<Operation>> operations;  // unfinished, in the order added
+  std::list<std::shared_ptr<Operation>> operations;  // unfinished, in the order added
+  std::array<size_t, 5> pendingAtLevel{};            // not started, by priority level
   int executing = 0;
 };
 
+// Starts ready operations while the queue has room. The first ready one of the highest level
+// that has pending operations wins at once, so that a long queue of equal operations is not
+// walked for every start.
 void OperationGraph::startReadyLocked(const std::shared_ptr<OperationQueue::Impl>& queue) {
   const int limit = queue->maxConcurrent > 0 ? queue->maxConcurrent : static_cast<int>(ThreadPool::shared().width());
   while (queue->executing < limit) {
+    size_t top = queue->pendingAtLevel.size();
+    while (top > 0 && queue->pendingAtLevel[top - 1] == 0) --top;
+    if (top == 0) return;
     std::shared_ptr<Operation> best;
     for (const auto& op : queue->operations) {
       if (op->state_ != Operation::State::Pending || !readyLocked(*op)) continue;
       if (!best || static_cast<int>(op->priority_) > static_cast<int>(best->priority_)) best = op;
+      if (level(best->priority_) == top - 1) break;
     }
     if (!best) return;
     best->state_ = Operation::State::Executing;
+    --queue->pendingAtLevel[level(best->priority_)];
     ++queue->executing;
     ThreadPool::shared().submit(static_cast<int>(queue->priority), [queue, best] { run(queue, best); });
   }
@@ -93,18 +103,13 @@ void OperationGraph::run(const std::shared_ptr<OperationQueue::Impl>& queue, con
     std::lock_guard<std::mutex> lock(mutex());
     op->state_ = Operation::State::Finished;
     op->queue_.reset();
-    auto& ops = queue->operations;
-    for (auto it = ops.begin(); it != ops.end(); ++it) {
-      if (*it == op) {
-        ops.erase(it);
-        break;
-      }
-    }
+    queue->operations.erase(op->position_);
     --queue->executing;
     affected.push_back(queue);
     for (const auto& weak : op->dependants_) {
-      if (auto dependant = weak.lock(); dependant && dependant->queue_) {
-        affected.push_back(std::static_pointer_cast<OperationQueue::Impl>(dependant->queue_));
+      if (auto dependant = weak.lock()) {
+        --dependant->unfinishedDependencies_;
+        if (dependant->queue_) affected.push_back(std::static_pointer_cast<OperationQueue::Impl>(dependant->queue_));
       }
     }
     op->dependants_.clear();
@@ -125,12 +130,24 @@ void Operation::main() {
 void Operation::addDependency(std::shared_ptr<Operation> operation) {
   if (!operation || operation.get() == this) return;
   std::lock_guard<std::mutex> lock(OperationGraph::mutex());
-  for (const auto& d : dependencies_) {
-    if (d == operation) return;
+  constexpr size_t kListed = 16;  // up to this many, a walk over the list finds a repeat
+  if (!dependencySet_ && dependencies_.size() >= kListed) {
+    dependencySet_ = std::make_unique<std::unordered_set<const Operation*>>();
+    for (const auto& d : dependencies_) dependencySet_->insert(d.get());
+  }
+  if (dependencySet_) {
+    if (!dependencySet_->insert(operation.get()).second) return;
+  } else {
+    for (const auto& d : dependencies_) {
+      if (d == operation) return;
+    }
   }
   dependencies_.push_back(operation);
-  // Already queued: the dependency must tell our queue when it finishes.
-  if (queue_ && operation->state_ != State::Finished) operation->dependants_.push_back(weak_from_this());
+  // An unfinished dependency tells this operation (and its queue) when it finishes.
+  if (operation->state_ != State::Finished) {
+    operation->dependants_.push_back(weak_from_this());
+    ++unfinishedDependencies_;
+  }
 }
 
 std::vector<std::shared_ptr<Operation>> Operation::dependencies() const {
@@ -169,6 +186,11 @@ void Operation::setCompletionBlock(std::function<void()> block) {
 
 void Operation::setQueuePriority(QueuePriority priority) {
   std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  if (queue_ && state_ == State::Pending) {
+    auto& counts = std::static_pointer_cast<OperationQueue::Impl>(queue_)->pendingAtLevel;
+    --counts[OperationGraph::level(priority_)];
+    ++counts[OperationGraph::level(priority)];
+  }
   priority_ = priority;
 }
 
@@ -229,10 +251,8 @@ void OperationQueue::addOperation(std::shared_ptr<Operation> operation) {
     throw Exception("NSInvalidArgumentException", "operation is already enqueued on a queue or finished");
   }
   operation->queue_ = impl_;
-  for (const auto& dependency : operation->dependencies_) {
-    if (dependency->state_ != Operation::State::Finished) dependency->dependants_.push_back(operation);
-  }
-  impl_->operations.push_back(operation);
+  operation->position_ = impl_->operations.insert(impl_->operations.end(), operation);
+  ++impl_->pendingAtLevel[OperationGraph::level(operation->priority_)];
   OperationGraph::startReadyLocked(impl_);
 }
 
@@ -261,7 +281,7 @@ size_t OperationQueue::operationCount() const {
 
 std::vector<std::shared_ptr<Operation>> OperationQueue::operations() const {
   std::lock_guard<std::mutex> lock(OperationGraph::mutex());
-  return impl_->operations;
+  return {impl_->operations.begin(), impl_->operations.end()};
 }
 
 }  // namespace corvane

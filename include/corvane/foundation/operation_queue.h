@@ -21,8 +21,10 @@
 
 #include <atomic>
 #include <functional>
+#include <list>
 #include <memory>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 namespace corvane {
@@ -43,7 +45,7 @@ class Operation : public std::enable_shared_from_this<Operation> {
   virtual void main();
 
   // Dependencies are normally added before the operation is added to a queue. The operation
-  // keeps its dependencies alive.
+  // keeps its dependencies alive. Both must already be owned by shared pointers.
   void addDependency(std::shared_ptr<Operation> operation);
   std::vector<std::shared_ptr<Operation>> dependencies() const;
 
@@ -72,8 +74,13 @@ class Operation : public std::enable_shared_from_this<Operation> {
   // The rest is guarded by the graph lock shared by all queues (OperationGraph).
   State state_ = State::Pending;
   std::vector<std::shared_ptr<Operation>> dependencies_;
+  // For a long list of dependencies (a change file waits for thousands of object files), the
+  // same ones as a set, so that adding one stays cheap.
+  std::unique_ptr<std::unordered_set<const Operation*>> dependencySet_;
+  size_t unfinishedDependencies_ = 0;
   std::vector<std::weak_ptr<Operation>> dependants_;
   std::shared_ptr<void> queue_;  // the queue it was added to, while unfinished
+  std::list<std::shared_ptr<Operation>>::iterator position_;  // its place in that queue
   std::function<void()> completion_;
   QueuePriority priority_ = QueuePriority::Normal;
   std::string name_;
