@@ -33,13 +33,10 @@ std::vector<std::string> contents(ManagedObjectContext& context) {
 TEST_F(DocumentTest, ConsolidationKeepsIdentityOptionsAndPasswordAndLeavesADatedBackup) {
   for (const bool encrypted : {false, true}) {
     SCOPED_TRACE(encrypted ? "encrypted" : "plain");
-    package = dir / (encrypted ? "Secret.corvane" : "Doc.corvane");
-    DocumentOptions o = options(encrypted ? "cacheE" : "cacheP");
-    o.documentOptions = dict({{"flavour", "plain"}});
-    if (encrypted) o.password = "secret";
+    DocumentOptions o;
+    auto doc = openWithOptions(encrypted, &o);
+    ASSERT_TRUE(doc);
     Error error;
-    auto doc = CorvaneDocument::open(package, o, &error);
-    ASSERT_TRUE(doc) << error.localizedDescription;
     for (const char* name : {"Ann", "Bob", "Cid"}) {
       env.advance(1);
       doc->context().insertNewObject("Person")->setValue("name", name);
@@ -170,13 +167,10 @@ TEST_F(DocumentTest, ConsolidationWithoutRoomTouchesNothing) {
 TEST_F(DocumentTest, ACopyUpToAChangeHoldsTheStateRightAfterItAndLeavesTheDocumentAlone) {
   for (const bool encrypted : {false, true}) {
     SCOPED_TRACE(encrypted ? "encrypted original" : "plain original");
-    package = dir / (encrypted ? "Secret.corvane" : "Doc.corvane");
-    DocumentOptions o = options(encrypted ? "cacheE" : "cacheP");
-    o.documentOptions = dict({{"flavour", "plain"}});
-    if (encrypted) o.password = "secret";
+    DocumentOptions o;
+    auto doc = openWithOptions(encrypted, &o);
+    ASSERT_TRUE(doc);
     Error error;
-    auto doc = CorvaneDocument::open(package, o, &error);
-    ASSERT_TRUE(doc) << error.localizedDescription;
     ManagedObjectContext& context = doc->context();
     // A history of inserts, updates, relationships and a delete; the state after each save is
     // what a copy up to that change must hold.

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -75,6 +76,19 @@ class DocumentTest : public ::testing::Test {
     o.defaults = defaults;
     o.encryptionRounds = 1000;
     return o;
+  }
+
+  // A document whose package has "DocumentOptions" of its own and, when `encrypted`, a password;
+  // `package` names it, `used` gets its options.
+  std::unique_ptr<CorvaneDocument> openWithOptions(bool encrypted, DocumentOptions* used) {
+    package = dir / (encrypted ? "Secret.corvane" : "Doc.corvane");
+    *used = options(encrypted ? "cacheE" : "cacheP");
+    used->documentOptions = Value::dictionary({{Value("flavour"), Value("plain")}});
+    if (encrypted) used->password = "secret";
+    Error error;
+    auto doc = CorvaneDocument::open(package, *used, &error);
+    EXPECT_TRUE(doc) << error.localizedDescription;
+    return doc;
   }
 
   TempDir dir;
