@@ -434,6 +434,8 @@ bool CorvaneRecovery::rebuildPackageToURL(const std::string& url, const Value& /
         std::optional<Value> item = cacheItemForEntity(entityName, uid, nullptr);
         if (!item) continue;
         Retained<ManagedObject> object = context->insertNewObject(entityName);
+        // The objects keep their UIDs, so that what refers to them from outside still does.
+        store->setUIDForInsertedObject(object.get(), uid);
         setAttributes(*object, *entity, *item, {});
         objects[entityName + "_" + uid] = object;
         if (++created % 10 == 0) report(created, total, fmt::format("Creating {}...", entityName));

@@ -440,6 +440,10 @@ void CorvaneStore::setClosed(bool closed) {
 
 void CorvaneStore::close() {
   setClosed(true);
+  {
+    std::lock_guard<std::mutex> lock(objectIDsMutex_);
+    chosenUIDs_.clear();  // for objects never saved
+  }
   waitForSaves();
   cache_->saveQueue().waitUntilAllOperationsAreFinished();
   cache_->save();

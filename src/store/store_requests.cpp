@@ -294,10 +294,25 @@ std::optional<std::vector<ObjectID>> CorvaneStore::obtainPermanentIDsForObjects(
   std::vector<ObjectID> ids;
   ids.reserve(objects.size());
   for (const ManagedObject* object : objects) {
-    // UIDs are born here.
-    ids.push_back(IncrementalStore::newObjectIDForEntity(&object->entity(), Value(env_->newUUIDString())));
+    // UIDs are born here, unless one was chosen for the object.
+    std::string uid;
+    {
+      std::lock_guard<std::mutex> lock(objectIDsMutex_);
+      if (auto chosen = chosenUIDs_.find(object); chosen != chosenUIDs_.end()) {
+        uid = std::move(chosen->second);
+        chosenUIDs_.erase(chosen);
+      }
+    }
+    if (uid.empty()) uid = env_->newUUIDString();
+    ids.push_back(IncrementalStore::newObjectIDForEntity(&object->entity(), Value(uid)));
   }
   return ids;
+}
+
+void CorvaneStore::setUIDForInsertedObject(const ManagedObject* object, std::string uid) {
+  if (object == nullptr || !isPlainFileName(uid)) return;
+  std::lock_guard<std::mutex> lock(objectIDsMutex_);
+  chosenUIDs_[object] = std::move(uid);
 }
 
 std::string CorvaneStore::uidForObjectID(const ObjectID& objectID, ManagedObjectContext* context) {

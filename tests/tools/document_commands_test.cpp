@@ -155,6 +155,43 @@ TEST_F(DocumentCommandsTest, CopyUpToEachChangeDumpsWhatAReplayOfTheHistoryUpToI
   }
 }
 
+TEST_F(DocumentCommandsTest, RecoverRebuildsALostDocumentFromThisDevicesCache) {
+  ASSERT_EQ(run({"create", package, "--model", model}).status, 0);
+  RunResult acme = run({"insert", package, "--model", model, "Company", "name=Acme"});
+  ASSERT_EQ(acme.status, 0) << acme.err;
+  RunResult ann = run({"insert", package, "--model", model, "Person", "name=Ann", "balance=12.50",
+                       "employer=Company/" + firstLine(acme)});
+  ASSERT_EQ(ann.status, 0) << ann.err;
+  ASSERT_EQ(run({"insert", package, "--model", model, "Person", "name=Bob", "parent=Person/" + firstLine(ann)}).status, 0);
+  const Value lost = dump();
+  ASSERT_TRUE(Env::defaultEnv()->removeItem(package, nullptr));
+
+  RunResult listed = run({"recover", "list", "--json"});
+  ASSERT_EQ(listed.status, 0) << listed.err;
+  std::optional<Value> caches = jsonToValue(listed.out);
+  ASSERT_TRUE(caches && caches->count() == 1) << listed.out;
+  EXPECT_EQ((*caches).at(0)["original"], Value(package));
+  EXPECT_EQ((*caches).at(0)["originalExists"], Value(false));
+  EXPECT_EQ((*caches).at(0)["entities"]["Person"].longLongValue(), 2);
+
+  RunResult all = run({"recover", "all", "--model", model});
+  ASSERT_EQ(all.status, 0) << all.err;
+  EXPECT_NE(all.out.find("✅ Recovered: Doc.corvane"), std::string::npos) << all.out;
+  const std::string folder = home + "/Desktop/Recovered";
+  EXPECT_TRUE(all.out.ends_with(folder + "\n")) << all.out;
+  package = folder + "/Doc.corvane";
+  EXPECT_EQ(dump(), lost);  // the same objects under the same UIDs
+
+  // One cache, named by the lost document's path, into a place of one's choosing.
+  RunResult one = run({"recover", dir / "Doc.corvane", dir / "Again.corvane", "--model", model});
+  ASSERT_EQ(one.status, 0) << one.err;
+  package = dir / "Again.corvane";
+  EXPECT_EQ(dump(), lost);
+  RunResult again = run({"recover", dir / "Doc.corvane", dir / "Again.corvane", "--model", model});
+  EXPECT_EQ(again.status, 1);
+  EXPECT_NE(again.err.find("already exists"), std::string::npos) << again.err;
+}
+
 TEST_F(DocumentCommandsTest, WatchStopsWhenAnotherDeviceOptimizesTheDocument) {
   ASSERT_EQ(run({"create", package, "--model", model}).status, 0);
   ASSERT_EQ(run({"insert", package, "--model", model, "Person", "name=Ann"}).status, 0);

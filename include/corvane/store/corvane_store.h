@@ -176,6 +176,10 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
                                                ManagedObjectContext* context, Error* error) override;
   std::optional<std::vector<ObjectID>> obtainPermanentIDsForObjects(const std::vector<ManagedObject*>& objects,
                                                                     Error* error) override;
+  // The UID `object` (inserted, not saved yet) gets when it becomes permanent, instead of a new
+  // one: a package rebuilt from a cache keeps the UIDs the cache knew. A UID that is not a plain
+  // file name is ignored. Any thread, before the save.
+  void setUIDForInsertedObject(const ManagedObject* object, std::string uid);
   // Null when the entity is null, or the store is closed or has no coordinator.
   ObjectID newObjectIDForEntity(const EntityDescription* entity, const Value& referenceObject) override;
   void managedObjectContextDidUnregisterObjectsWithIDs(const std::vector<ObjectID>& objectIDs) override;
@@ -509,6 +513,7 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   std::vector<std::weak_ptr<ManagedObjectContext>> contexts_;
 
   std::mutex objectIDsMutex_;
+  std::unordered_map<const ManagedObject*, std::string> chosenUIDs_;  // guarded by objectIDsMutex_
   std::unordered_map<std::string, ObjectID> objectIDs_;
 
   std::atomic<bool> closed_{false};
