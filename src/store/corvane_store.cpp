@@ -114,7 +114,22 @@ bool CorvaneStore::loadMetadata(Error* error) {
   if (env_->fileExists(path, &isDirectory) && (!isDirectory || !isCorrectFormat(path, env_, environment_))) {
     return setError(error, storeError(path + " is not a Corvane document"));
   }
+  const bool existed = env_->fileExists(path);
   if (!writeInfo(storeOptions_, error)) return false;
+  // A package made here is a new document: what a cache holds for this path belongs to one that
+  // was here before, and its log would make this one's first change follow a change it lacks.
+  if (!existed) {
+    if (std::optional<std::string> root = cacheRootURL()) {
+      const std::string stale = pathJoin(*root, CorvaneCache::cacheFolderName(path));
+      Error failure;
+      if (env_->fileExists(stale) && !env_->removeItem(stale, &failure)) {
+        return setError(error, storeError("The cache of an earlier document at " + path + " cannot be removed: " +
+                                          failure.localizedDescription));
+      }
+    } else {
+      CorvaneCache::resetCacheForURL(path, env_);
+    }
+  }
   const Value info = infoDictionaryForURL(path, env_);
   if (!info.isDictionary()) return setError(error, storeError(infoURL() + " could not be read"));
   if (isEncryptedPackageInfo(info)) {

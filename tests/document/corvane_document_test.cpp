@@ -53,6 +53,24 @@ TEST_F(DocumentTest, OpensSavesDurablyAndHearsOtherDevicesThroughASubscription) 
   laptop->close();
 }
 
+TEST_F(DocumentTest, ANewDocumentWhereALostOneWasStartsItsOwnHistory) {
+  Error error;
+  for (const char* name : {"Ann", "Bob"}) {
+    auto doc = CorvaneDocument::open(package, options(), &error);
+    ASSERT_TRUE(doc) << error.localizedDescription;
+    doc->context().insertNewObject("Person")->setValue("name", name);
+    ASSERT_TRUE(doc->save(&error));
+    doc->close();
+    doc.reset();
+    if (std::string(name) == "Ann") {
+      ASSERT_TRUE(env.removeItem(package, nullptr));  // lost; its cache stays
+    }
+  }
+  auto fresh = CorvaneDocument::open(package, options("elsewhere"), &error);
+  ASSERT_TRUE(fresh);
+  EXPECT_EQ(fresh->context().count(FetchRequest("Person")), std::optional<size_t>(1));
+}
+
 TEST_F(DocumentTest, ABackupIsRefusedNamingTheOriginal) {
   Error error;
   EXPECT_FALSE(CorvaneDocument::open(dir / "Doc.ext.2024-01-01_10-00-00.backup", options(), &error));
