@@ -4,12 +4,34 @@
 
 #include <benchmark/benchmark.h>
 
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
 
 namespace corvane::bench {
+
+// A size a person may change for one run through an environment variable (a positive number).
+inline int sizeFromEnvironment(const char* variable, int fallback) {
+  const char* text = std::getenv(variable);
+  const int value = text != nullptr ? std::atoi(text) : 0;
+  return value > 0 ? value : fallback;
+}
+
+// The process's scratch folder in the system's temporary folder ($TMPDIR), made on first use and
+// named by the first call's `name` (one per process).
+inline const std::string& scratchFolder(const char* name) {
+  static const std::string path = [name] {
+    std::string p = (std::filesystem::temp_directory_path() / (std::string(name) + "-" + std::to_string(::getpid()))).string();
+    std::filesystem::create_directories(p);
+    return p;
+  }();
+  return path;
+}
 
 // One line of the ratio table: the benchmark measuring our code and the one measuring the
 // reference doing the same work.

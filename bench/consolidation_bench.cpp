@@ -13,8 +13,6 @@
 // before. Documents are made in the system's temporary folder ($TMPDIR).
 #include <benchmark/benchmark.h>
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -38,20 +36,9 @@ namespace {
 
 constexpr int kObjectsPerChange = 10;
 
-int changeCount() {
-  const char* text = std::getenv("CORVANE_BENCH_CHANGES");
-  const int count = text != nullptr ? std::atoi(text) : 0;
-  return count > 0 ? count : 10000;
-}
+int changeCount() { return corvane::bench::sizeFromEnvironment("CORVANE_BENCH_CHANGES", 10000); }
 
-std::string root() {
-  static const std::string path = [] {
-    std::string p = (fs::temp_directory_path() / ("corvane-consolidation-bench-" + std::to_string(::getpid()))).string();
-    fs::create_directories(p);
-    return p;
-  }();
-  return path;
-}
+const std::string& root() { return corvane::bench::scratchFolder("corvane-consolidation-bench"); }
 
 DocumentOptions options(const std::string& cache) {
   static const auto model = ObjectModel::fromJSON(

@@ -10,8 +10,6 @@
 // Goal: the rebuild within 1.5 times the consolidation. Documents are made in $TMPDIR.
 #include <benchmark/benchmark.h>
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -32,20 +30,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-int objectCount() {
-  const char* text = std::getenv("CORVANE_BENCH_OBJECTS");
-  const int count = text != nullptr ? std::atoi(text) : 0;
-  return count > 0 ? count : 100000;
-}
+int objectCount() { return corvane::bench::sizeFromEnvironment("CORVANE_BENCH_OBJECTS", 100000); }
 
-std::string root() {
-  static const std::string path = [] {
-    std::string p = (fs::temp_directory_path() / ("corvane-recovery-bench-" + std::to_string(::getpid()))).string();
-    fs::create_directories(p);
-    return p;
-  }();
-  return path;
-}
+const std::string& root() { return corvane::bench::scratchFolder("corvane-recovery-bench"); }
 
 std::shared_ptr<ObjectModel> model() {
   static const auto m = ObjectModel::fromJSON(

@@ -17,8 +17,6 @@
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -56,14 +54,7 @@ std::shared_ptr<ObjectModel> model() {
   return m;
 }
 
-std::string root() {
-  static const std::string path = [] {
-    std::string p = (fs::temp_directory_path() / ("corvane-store-bench-" + std::to_string(::getpid()))).string();
-    fs::create_directories(p);
-    return p;
-  }();
-  return path;
-}
+const std::string& root() { return corvane::bench::scratchFolder("corvane-store-bench"); }
 
 int readyCount = 0;
 

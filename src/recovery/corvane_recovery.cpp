@@ -78,6 +78,22 @@ std::string freeFolderName(Env* env, const std::string& parent, const std::strin
   return candidate;
 }
 
+// The parts of a cached item recovery uses: "attributes", "relations" and "dictionary", each
+// only when the item has it.
+Value recoveredItem(const Value& stored) {
+  Value item = Value::mutableDictionary();
+  auto keep = [&item](const char* key, const Value& value) {
+    if (!value.isNil()) item.set(Value(key), value);
+  };
+  if (CorvaneCacheItemPtr cached = CorvaneCacheItemPtr::fromValue(stored)) {
+    keep("attributes", cached->attributes());
+    keep("relations", cached->relations());
+  } else if (stored.isDictionary()) {  // an item written as a plain dictionary
+    for (const char* key : {"attributes", "relations", "dictionary"}) keep(key, stored[key]);
+  }
+  return item.copy();
+}
+
 }  // namespace
 
 CorvaneRecovery::CorvaneRecovery(std::string cacheURL, std::shared_ptr<ObjectModel> model, RecoverySetup setup)
@@ -293,17 +309,7 @@ std::optional<Value> CorvaneRecovery::cacheItemForEntity(const std::string& enti
     setError(error, recoveryError(1009, fmt::format("UID {} not found in cache", uid)));
     return std::nullopt;
   }
-  Value item = Value::mutableDictionary();
-  auto keep = [&item](const char* key, const Value& value) {
-    if (!value.isNil()) item.set(Value(key), value);
-  };
-  if (CorvaneCacheItemPtr cached = CorvaneCacheItemPtr::fromValue(stored)) {
-    keep("attributes", cached->attributes());
-    keep("relations", cached->relations());
-  } else if (stored.isDictionary()) {  // an item written as a plain dictionary
-    for (const char* key : {"attributes", "relations", "dictionary"}) keep(key, stored[key]);
-  }
-  return item.copy();
+  return recoveredItem(stored);
 }
 
 bool CorvaneRecovery::isEncrypted() const {
@@ -419,6 +425,33 @@ bool CorvaneRecovery::rebuildPackageToURL(const std::string& url, const Value& /
     total += static_cast<int64_t>(uids.size());
     uidsOf[entity] = std::move(uids);
   }
+  // Each table file is read and decoded once, not once for every item it holds; what cannot be
+  // read is left out, as a single read would leave it.
+  std::unordered_map<std::string, Value> items;  // "<entity>_<UID>"
+  for (const std::string& entity : entities) {
+    std::unordered_map<char, Value> tables;
+    for (const std::string& uid : uidsOf[entity]) {
+      if (uid.empty()) continue;
+      auto [table, added] = tables.try_emplace(uid.front());
+      if (added) {
+        Bytes bytes;
+        const std::string file = fmt::format("{}_{}.fast", entity, uid.front());
+        if (isPlainFileName(file) && env()->readFile(pathJoin(cacheURL_, file), &bytes, nullptr)) {
+          try {
+            table->second = FastCoder::objectWithData(bytes);
+          } catch (const Exception&) {
+            // a damaged table: its items stay out
+          }
+        }
+      }
+      if (!table->second.isDictionary()) continue;
+      if (const Value& stored = table->second[uid]; !stored.isNil()) items[entity + "_" + uid] = recoveredItem(stored);
+    }
+  }
+  auto itemOf = [&items](const std::string& entity, const std::string& uid) -> const Value* {
+    auto it = items.find(entity + "_" + uid);
+    return it != items.end() ? &it->second : nullptr;
+  };
   logLine(fmt::format("[Recovery] Total objects to recover: {}", total));
   report(0, total, fmt::format("Found {} objects to recover", total));
 
@@ -431,8 +464,8 @@ bool CorvaneRecovery::rebuildPackageToURL(const std::string& url, const Value& /
       const EntityDescription* entity = model_->entity(entityName);
       if (entity == nullptr) continue;
       for (const std::string& uid : uidsOf[entityName]) {
-        std::optional<Value> item = cacheItemForEntity(entityName, uid, nullptr);
-        if (!item) continue;
+        const Value* item = itemOf(entityName, uid);
+        if (item == nullptr) continue;
         Retained<ManagedObject> object = context->insertNewObject(entityName);
         // The objects keep their UIDs, so that what refers to them from outside still does.
         store->setUIDForInsertedObject(object.get(), uid);
@@ -457,8 +490,8 @@ bool CorvaneRecovery::rebuildPackageToURL(const std::string& url, const Value& /
       for (const std::string& uid : uidsOf[entityName]) {
         auto it = objects.find(entityName + "_" + uid);
         if (it == objects.end()) continue;
-        std::optional<Value> item = cacheItemForEntity(entityName, uid, nullptr);
-        if (!item || !(*item)["relations"].isDictionary()) continue;
+        const Value* item = itemOf(entityName, uid);
+        if (item == nullptr || !(*item)["relations"].isDictionary()) continue;
         const Value& relations = (*item)["relations"];
         for (const Value& key : relations.keys()) {
           const RelationshipDescription* relationship = entity->relationship(key.str());
