@@ -1,12 +1,14 @@
 // The tool opens documents as an application does, through CorvaneDocument: the document's
 // opening checks, its alerts and progress on the terminal, `rebuild-cache`, and what a one-shot
 // command says about a change whose files a sync client has not delivered yet.
+#include <signal.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -190,6 +192,52 @@ TEST_F(DocumentCommandsTest, RecoverRebuildsALostDocumentFromThisDevicesCache) {
   RunResult again = run({"recover", dir / "Doc.corvane", dir / "Again.corvane", "--model", model});
   EXPECT_EQ(again.status, 1);
   EXPECT_NE(again.err.find("already exists"), std::string::npos) << again.err;
+}
+
+// Two devices (two copies of the package, two caches, two identifiers) check through a real
+// sync server over HTTPS, whose certificate the test makes.
+TEST_F(DocumentCommandsTest, SyncCheckTellsWhetherTwoDevicesSeeTheSameContent) {
+  const std::string cert = dir / "cert.pem", key = dir / "key.pem";
+  ASSERT_EQ(std::system(("openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext "
+                         "subjectAltName=IP:127.0.0.1 -keyout " + key + " -out " + cert + " >/dev/null 2>&1")
+                            .c_str()),
+            0);
+  const std::string port = std::to_string(20000 + ::getpid() % 20000 + 1);
+  const pid_t server = testing::startTool({"sync-server", "--listen", "127.0.0.1:" + port, "--cert", cert, "--key", key},
+                                          {}, home, dir / "server.out", dir / "server.err");
+  for (int i = 0; i < 100 && readTextFile(dir / "server.out").find("listening") == std::string::npos; ++i) {
+    usleep(50000);
+  }
+  const std::string laptop = dir / "laptop/Doc.corvane", desktop = dir / "desktop/Doc.corvane";
+  ASSERT_EQ(run({"create", laptop, "--model", model}).status, 0);
+  ASSERT_EQ(run({"insert", laptop, "--model", model, "Person", "name=Ann"}).status, 0);
+  ASSERT_TRUE(Env::defaultEnv()->createDirectory(dir / "desktop", true, nullptr));
+  ASSERT_TRUE(Env::defaultEnv()->copyItem(laptop, desktop, nullptr));
+  auto check = [&](const std::string& device, const std::string& copy, const std::string& out) {
+    return testing::startTool({"sync-check", copy, "--model", model, "--server", "https://127.0.0.1:" + port,
+                               "--cacert", cert, "--interval", "0.2", "--polls", "15", "--cache-root",
+                               dir / ("cache-" + device)},
+                              {"CORVANE_DEVICE_IDENTIFIER=" + device}, home, out, out + ".err");
+  };
+  // Both at once: in sync.
+  pid_t a = check("laptop", laptop, dir / "a.out"), b = check("desktop", desktop, dir / "b.out");
+  EXPECT_EQ(testing::waitForExit(a), 0) << readTextFile(dir / "a.out") << readTextFile(dir / "a.out.err");
+  EXPECT_EQ(testing::waitForExit(b), 0) << readTextFile(dir / "b.out");
+  EXPECT_NE(readTextFile(dir / "a.out").find("laptop (This device)"), std::string::npos);
+  EXPECT_NE(readTextFile(dir / "a.out").find("All in Sync"), std::string::npos);
+  // The desktop saves a company that has not reached the laptop's copy.
+  ASSERT_EQ(run({"insert", desktop, "--model", model, "Company", "name=Acme", "--cache-root", dir / "cache-desktop"})
+                .status,
+            0);
+  a = check("laptop", laptop, dir / "a.out");
+  b = check("desktop", desktop, dir / "b.out");
+  EXPECT_EQ(testing::waitForExit(a), 1);
+  EXPECT_EQ(testing::waitForExit(b), 1);
+  EXPECT_NE(readTextFile(dir / "a.out").find("Files do not match: Company"), std::string::npos)
+      << readTextFile(dir / "a.out");
+  kill(server, SIGTERM);
+  EXPECT_EQ(testing::waitForExit(server), 0);
+  EXPECT_NE(readTextFile(dir / "server.out").find("POST /Tools/SyncTest/post.php 200"), std::string::npos);
 }
 
 TEST_F(DocumentCommandsTest, WatchStopsWhenAnotherDeviceOptimizesTheDocument) {
