@@ -10,7 +10,7 @@ packages=(
   libssl-dev rapidjson-dev libplist-dev libfmt-dev libspdlog-dev libcli11-dev
   libsecret-1-dev libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev
   libmsgpack-cxx-dev openssl python3 xxd
-  dbus-daemon gnome-keyring syncthing libcpp-httplib-dev
+  dbus-daemon gnome-keyring syncthing libcpp-httplib-dev curl
 )
 
 missing=()

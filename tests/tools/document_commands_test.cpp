@@ -240,6 +240,41 @@ TEST_F(DocumentCommandsTest, SyncCheckTellsWhetherTwoDevicesSeeTheSameContent) {
   EXPECT_NE(readTextFile(dir / "server.out").find("POST /Tools/SyncTest/post.php 200"), std::string::npos);
 }
 
+TEST_F(DocumentCommandsTest, TheSyncServerRefusesBadRequestsAndOutlivesSlowOnes) {
+  const std::string port = std::to_string(20000 + ::getpid() % 20000 + 2);
+  const std::string url = "http://127.0.0.1:" + port + "/Tools/SyncTest/post.php";
+  const pid_t server =
+      testing::startTool({"sync-server", "--listen", "127.0.0.1:" + port}, {}, home, dir / "server.out", dir / "server.err");
+  for (int i = 0; i < 100 && readTextFile(dir / "server.out").find("listening") == std::string::npos; ++i) {
+    usleep(50000);
+  }
+  auto post = [&](const std::string& bodyFile) {
+    const std::string command = "curl -s -o " + dir / "answer" + " -w '%{http_code}' --max-time 10 -H "
+                                "'Content-Type: application/json' --data-binary @" + bodyFile + " " + url + " > " +
+                                dir / "code";
+    (void)std::system(command.c_str());
+    return readTextFile(dir / "code");
+  };
+  // A client that sends half a request and waits holds one connection, not the server.
+  const std::string slow = "bash -c 'exec 3<>/dev/tcp/127.0.0.1/" + port +
+                           "; printf \"POST /Tools/SyncTest/post.php HTTP/1.1\\r\\nHost: x\\r\\n\" >&3; sleep 3' &";
+  ASSERT_EQ(std::system(slow.c_str()), 0);
+  writeTextFile(dir / "bad.json", "{\"deviceIdentifier\": \"A\"}");
+  writeTextFile(dir / "broken.json", "{\"documentIdentifier\": ");
+  writeTextFile(dir / "big.json", "{\"documentIdentifier\": \"" + std::string(100000, 'x') + "\", \"deviceIdentifier\": \"A\"}");
+  writeTextFile(dir / "good.json", "{\"documentIdentifier\": \"D\", \"deviceIdentifier\": \"A\", \"checkSum\": \"X\"}");
+  EXPECT_EQ(post(dir / "bad.json"), "400");
+  EXPECT_EQ(post(dir / "broken.json"), "400");
+  EXPECT_EQ(post(dir / "big.json"), "413");
+  EXPECT_EQ(post(dir / "good.json"), "200");
+  std::optional<Value> answer = jsonToValue(readTextFile(dir / "answer"));
+  ASSERT_TRUE(answer);
+  EXPECT_EQ((*answer)["A"]["checkSum"], Value("X"));  // only the good record was kept
+  EXPECT_EQ(answer->count(), 1u);
+  kill(server, SIGTERM);
+  EXPECT_EQ(testing::waitForExit(server), 0);
+}
+
 TEST_F(DocumentCommandsTest, WatchStopsWhenAnotherDeviceOptimizesTheDocument) {
   ASSERT_EQ(run({"create", package, "--model", model}).status, 0);
   ASSERT_EQ(run({"insert", package, "--model", model, "Person", "name=Ann"}).status, 0);
