@@ -3,6 +3,7 @@
 // every device of the same document.
 #include <httplib.h>
 #include <signal.h>
+#include <sys/socket.h>
 
 #include <chrono>
 #include <iostream>
@@ -21,6 +22,7 @@ namespace corvane::cli {
 namespace {
 
 constexpr size_t kMaxBody = 64 * 1024;  // a record is a few hundred bytes
+constexpr size_t kWorkers = 128;
 
 struct SyncServerOptions {
   std::string listen = "127.0.0.1:8080";
@@ -92,6 +94,11 @@ int runSyncServer(const SyncServerOptions& options) {
   }
   auto records = std::make_shared<Records>(options.ttl);
   server->set_payload_max_length(kMaxBody);
+  // One worker a connection: enough of them for every device of many documents polling at once
+  // over kept-alive connections, and connections that idle give their worker back soon.
+  server->new_task_queue = [] { return new httplib::ThreadPool(kWorkers); };
+  server->set_keep_alive_timeout(2);
+  server->set_read_timeout(10);
   server->Post("/Tools/SyncTest/post.php", [records](const httplib::Request& request, httplib::Response& response) {
     const std::optional<Value> record = jsonToValue(request.body);
     if (std::string why = refusal(record); !why.empty()) {
@@ -118,11 +125,20 @@ int runSyncServer(const SyncServerOptions& options) {
     sigwait(&signals, &received);
     running->stop();
   });
+  // The library listens with a backlog of 5: a burst of devices connecting at once would wait
+  // for their connection to be retried. The listening socket gets the system's limit instead.
+  int listening = -1;
+  server->set_socket_options([&listening](int socket) {
+    int yes = 1;
+    (void)setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    listening = socket;
+  });
   if (!server->bind_to_port(address.c_str(), port)) {
     pthread_kill(stopper.native_handle(), SIGTERM);
     stopper.join();
     return fail("cannot listen on " + options.listen);
   }
+  if (listening >= 0) (void)::listen(listening, SOMAXCONN);
   std::cout << "listening on " << (options.cert.empty() ? "http://" : "https://") << options.listen << std::endl;
   server->listen_after_bind();
   if (stopper.joinable()) stopper.join();
