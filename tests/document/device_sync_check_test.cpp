@@ -128,17 +128,26 @@ TEST_F(DocumentTest, TwoDevicesSeeEachOtherThroughTheSyncServerOverHTTPS) {
   const std::string make = "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext "
                            "subjectAltName=IP:127.0.0.1 -keyout " + key + " -out " + cert + " >/dev/null 2>&1";
   ASSERT_EQ(std::system(make.c_str()), 0);
-  const int port = 20000 + static_cast<int>(::getpid() % 20000);
+  const std::string log = dir / "server.log";
   const pid_t server = fork();
   if (server == 0) {
-    const std::string listen = "127.0.0.1:" + std::to_string(port);
-    const std::string out = dir / "server.log";
-    freopen(out.c_str(), "w", stdout);
-    execl(CORVANE_BINARY_DIR "/bin/corvane", "corvane", "sync-server", "--listen", listen.c_str(), "--cert",
-          cert.c_str(), "--key", key.c_str(), static_cast<char*>(nullptr));
+    if (freopen(log.c_str(), "w", stdout) == nullptr) _exit(126);
+    execl(CORVANE_BINARY_DIR "/bin/corvane", "corvane", "sync-server", "--listen", "127.0.0.1:0", "--cert", cert.c_str(),
+          "--key", key.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
   ASSERT_GT(server, 0);
+  // It prints the port the system gave it.
+  std::string port;
+  for (int i = 0; i < 200 && port.empty(); ++i) {
+    Bytes bytes;
+    if (env.readFile(log, &bytes, nullptr)) {
+      const std::string text(bytes.begin(), bytes.end());
+      if (const size_t end = text.find('\n'); end != std::string::npos) port = text.substr(text.rfind(':', end) + 1, end - text.rfind(':', end) - 1);
+    }
+    if (port.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  ASSERT_FALSE(port.empty());
   Error error;
   auto laptop = CorvaneDocument::open(package, options(), &error);
   ASSERT_TRUE(laptop);
@@ -146,7 +155,7 @@ TEST_F(DocumentTest, TwoDevicesSeeEachOtherThroughTheSyncServerOverHTTPS) {
   ASSERT_TRUE(laptop->save(&error));
   auto desktop = CorvaneDocument::open(package, options("cacheB"), &error);
   ASSERT_TRUE(desktop);
-  const std::string host = "https://127.0.0.1:" + std::to_string(port);
+  const std::string host = "https://127.0.0.1:" + port;
   auto transport = httpSyncTransport({5, cert});
   DeviceSyncCheck a(*laptop, {host, std::string("laptop"), transport, 0.2});
   DeviceSyncCheck b(*desktop, {host, std::string("desktop"), transport, 0.2});

@@ -40,6 +40,22 @@ class DocumentCommandsTest : public ::testing::Test {
     return result;
   }
   std::string firstLine(const RunResult& r) { return r.out.substr(0, r.out.find('\n')); }
+  // Starts `corvane sync-server` on a free loopback port; its process and port ("" if it did not
+  // come up).
+  std::pair<pid_t, std::string> startSyncServer(std::vector<std::string> more) {
+    std::vector<std::string> args = {"sync-server", "--listen", "127.0.0.1:0"};
+    args.insert(args.end(), more.begin(), more.end());
+    const pid_t pid = testing::startTool(args, {}, home, dir / "server.out", dir / "server.err");
+    for (int i = 0; i < 200; ++i) {
+      const std::string out = readTextFile(dir / "server.out");
+      if (const size_t at = out.find("listening on "); at != std::string::npos && out.find('\n', at) != std::string::npos) {
+        const std::string line = out.substr(at, out.find('\n', at) - at);
+        return {pid, line.substr(line.rfind(':') + 1)};
+      }
+      usleep(50000);
+    }
+    return {pid, ""};
+  }
   Value dump() {
     RunResult r = run({"dump", package, "--model", model});
     EXPECT_EQ(r.status, 0) << r.err;
@@ -202,12 +218,9 @@ TEST_F(DocumentCommandsTest, SyncCheckTellsWhetherTwoDevicesSeeTheSameContent) {
                          "subjectAltName=IP:127.0.0.1 -keyout " + key + " -out " + cert + " >/dev/null 2>&1")
                             .c_str()),
             0);
-  const std::string port = std::to_string(20000 + ::getpid() % 20000 + 1);
-  const pid_t server = testing::startTool({"sync-server", "--listen", "127.0.0.1:" + port, "--cert", cert, "--key", key},
-                                          {}, home, dir / "server.out", dir / "server.err");
-  for (int i = 0; i < 100 && readTextFile(dir / "server.out").find("listening") == std::string::npos; ++i) {
-    usleep(50000);
-  }
+  // Records live 2 s, so that the second round sees nothing of the first.
+  const auto [server, port] = startSyncServer({"--cert", cert, "--key", key, "--ttl", "2"});
+  ASSERT_FALSE(port.empty()) << readTextFile(dir / "server.err");
   const std::string laptop = dir / "laptop/Doc.corvane", desktop = dir / "desktop/Doc.corvane";
   ASSERT_EQ(run({"create", laptop, "--model", model}).status, 0);
   ASSERT_EQ(run({"insert", laptop, "--model", model, "Person", "name=Ann"}).status, 0);
@@ -229,6 +242,7 @@ TEST_F(DocumentCommandsTest, SyncCheckTellsWhetherTwoDevicesSeeTheSameContent) {
   ASSERT_EQ(run({"insert", desktop, "--model", model, "Company", "name=Acme", "--cache-root", dir / "cache-desktop"})
                 .status,
             0);
+  usleep(2500000);
   a = check("laptop", laptop, dir / "a.out");
   b = check("desktop", desktop, dir / "b.out");
   EXPECT_EQ(testing::waitForExit(a), 1);
@@ -241,13 +255,9 @@ TEST_F(DocumentCommandsTest, SyncCheckTellsWhetherTwoDevicesSeeTheSameContent) {
 }
 
 TEST_F(DocumentCommandsTest, TheSyncServerRefusesBadRequestsAndOutlivesSlowOnes) {
-  const std::string port = std::to_string(20000 + ::getpid() % 20000 + 2);
+  const auto [server, port] = startSyncServer({});
+  ASSERT_FALSE(port.empty()) << readTextFile(dir / "server.err");
   const std::string url = "http://127.0.0.1:" + port + "/Tools/SyncTest/post.php";
-  const pid_t server =
-      testing::startTool({"sync-server", "--listen", "127.0.0.1:" + port}, {}, home, dir / "server.out", dir / "server.err");
-  for (int i = 0; i < 100 && readTextFile(dir / "server.out").find("listening") == std::string::npos; ++i) {
-    usleep(50000);
-  }
   auto post = [&](const std::string& bodyFile) {
     const std::string command = "curl -s -o " + dir / "answer" + " -w '%{http_code}' --max-time 10 -H "
                                 "'Content-Type: application/json' --data-binary @" + bodyFile + " " + url + " > " +

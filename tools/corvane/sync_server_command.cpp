@@ -81,7 +81,10 @@ int runSyncServer(const SyncServerOptions& options) {
   if (colon == std::string::npos) return fail("--listen wants ADDR:PORT, not " + options.listen);
   const std::string address = options.listen.substr(0, colon);
   const int port = std::atoi(options.listen.c_str() + colon + 1);
-  if (port <= 0 || port > 65535) return fail("--listen: no port in " + options.listen);
+  const std::string portText = options.listen.substr(colon + 1);
+  if (portText.empty() || portText.find_first_not_of("0123456789") != std::string::npos || port > 65535) {
+    return fail("--listen: no port in " + options.listen);
+  }
   if (options.cert.empty() != options.key.empty()) return fail("--cert and --key go together");
 
   std::unique_ptr<httplib::Server> server;
@@ -133,13 +136,15 @@ int runSyncServer(const SyncServerOptions& options) {
     (void)setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     listening = socket;
   });
-  if (!server->bind_to_port(address.c_str(), port)) {
+  // Port 0: one the system chooses, printed below.
+  const int bound = port == 0 ? server->bind_to_any_port(address.c_str()) : (server->bind_to_port(address.c_str(), port) ? port : -1);
+  if (bound <= 0) {
     pthread_kill(stopper.native_handle(), SIGTERM);
     stopper.join();
     return fail("cannot listen on " + options.listen);
   }
   if (listening >= 0) (void)::listen(listening, SOMAXCONN);
-  std::cout << "listening on " << (options.cert.empty() ? "http://" : "https://") << options.listen << std::endl;
+  std::cout << "listening on " << (options.cert.empty() ? "http://" : "https://") << address << ":" << bound << std::endl;
   server->listen_after_bind();
   if (stopper.joinable()) stopper.join();
   std::cout << "stopped" << std::endl;
@@ -149,7 +154,7 @@ int runSyncServer(const SyncServerOptions& options) {
 void setupSyncServer(CLI::App& app, int* status) {
   auto options = std::make_shared<SyncServerOptions>();
   CLI::App* command = app.add_subcommand("sync-server", "Serve the device sync check's endpoint");
-  command->add_option("--listen", options->listen, "Address and port to listen on")
+  command->add_option("--listen", options->listen, "Address and port to listen on (port 0: any free one, printed)")
       ->type_name("ADDR:PORT")
       ->capture_default_str();
   command->add_option("--cert", options->cert, "Serve HTTPS with this certificate (PEM)")->type_name("FILE");
