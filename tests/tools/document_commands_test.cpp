@@ -232,8 +232,15 @@ TEST_F(DocumentCommandsTest, SyncCheckTellsWhetherTwoDevicesSeeTheSameContent) {
                                dir / ("cache-" + device)},
                               {"CORVANE_DEVICE_IDENTIFIER=" + device}, home, out, out + ".err");
   };
+  // Alone, the laptop waits, and gives up after its polls.
+  pid_t a = check("laptop", laptop, dir / "a.out");
+  EXPECT_EQ(testing::waitForExit(a), 3);
+  EXPECT_NE(readTextFile(dir / "a.out").find("Waiting for other devices. Open the same panel on all your machines."),
+            std::string::npos);
+  usleep(2500000);
   // Both at once: in sync.
-  pid_t a = check("laptop", laptop, dir / "a.out"), b = check("desktop", desktop, dir / "b.out");
+  a = check("laptop", laptop, dir / "a.out");
+  pid_t b = check("desktop", desktop, dir / "b.out");
   EXPECT_EQ(testing::waitForExit(a), 0) << readTextFile(dir / "a.out") << readTextFile(dir / "a.out.err");
   EXPECT_EQ(testing::waitForExit(b), 0) << readTextFile(dir / "b.out");
   EXPECT_NE(readTextFile(dir / "a.out").find("laptop (This device)"), std::string::npos);
@@ -249,6 +256,13 @@ TEST_F(DocumentCommandsTest, SyncCheckTellsWhetherTwoDevicesSeeTheSameContent) {
   EXPECT_EQ(testing::waitForExit(b), 1);
   EXPECT_NE(readTextFile(dir / "a.out").find("Files do not match: Company"), std::string::npos)
       << readTextFile(dir / "a.out");
+  // Once the files have travelled, in sync again.
+  ASSERT_EQ(std::system(("cp -an " + dir / "desktop/Doc.corvane/. " + laptop + "/").c_str()), 0);
+  usleep(2500000);
+  a = check("laptop", laptop, dir / "a.out");
+  b = check("desktop", desktop, dir / "b.out");
+  EXPECT_EQ(testing::waitForExit(a), 0) << readTextFile(dir / "a.out");
+  EXPECT_EQ(testing::waitForExit(b), 0);
   kill(server, SIGTERM);
   EXPECT_EQ(testing::waitForExit(server), 0);
   EXPECT_NE(readTextFile(dir / "server.out").find("POST /Tools/SyncTest/post.php 200"), std::string::npos);
