@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "document_bench_support.h"
 #include "corvane/document/corvane_document.h"
 #include "corvane/foundation/env.h"
 #include "corvane/foundation/run_loop.h"
@@ -46,13 +47,7 @@ DocumentOptions options(const std::string& cache) {
         {"name": "title", "type": "string"}, {"name": "body", "type": "string"},
         {"name": "count32", "type": "integer32"}]}]})",
       nullptr);
-  DocumentOptions o;
-  o.model = model;
-  o.application = ApplicationInfo{"org.corvane.bench", "bench", "1", "1.0", Value()};
-  o.cacheRoot = root() + "/" + cache;
-  o.useKeychain = false;
-  o.defaults = std::make_shared<UserDefaults>(Env::defaultEnv(), root() + "/defaults.plist");
-  return o;
+  return corvane::bench::benchDocumentOptions(model, root(), cache);
 }
 
 // The original document, made once: 10 notes per save.

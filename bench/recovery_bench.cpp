@@ -17,6 +17,7 @@
 #include <string>
 
 #include "bench_support.h"
+#include "document_bench_support.h"
 #include "corvane/cache/cache.h"
 #include "corvane/document/corvane_document.h"
 #include "corvane/foundation/run_loop.h"
@@ -45,15 +46,7 @@ std::shared_ptr<ObjectModel> model() {
   return m;
 }
 
-DocumentOptions options(const std::string& cache) {
-  DocumentOptions o;
-  o.model = model();
-  o.application = ApplicationInfo{"org.corvane.bench", "bench", "1", "1.0", Value()};
-  o.cacheRoot = root() + "/" + cache;
-  o.useKeychain = false;
-  o.defaults = std::make_shared<UserDefaults>(Env::defaultEnv(), root() + "/defaults.plist");
-  return o;
-}
+DocumentOptions options(const std::string& cache) { return corvane::bench::benchDocumentOptions(model(), root(), cache); }
 
 const std::string& original() {
   static const std::string path = [] {
