@@ -123,6 +123,7 @@ void CorvaneDocument::consolidate(std::function<void(bool)> done) {
           logLine("Failed to replace content: " + failure.description(), LogLevel::Error);
         } else {
           knownBackups_.push_back(pathLastComponent(backup));  // this device's own
+          lastConsolidationBackup_ = backup;
           Error removal;
           if (files->fileExists(temporary) && !files->removeItem(temporary, &removal)) {
             logLine("Failed to delete aURL: " + removal.description(), LogLevel::Warning);

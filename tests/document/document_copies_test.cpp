@@ -48,6 +48,7 @@ TEST_F(DocumentTest, ConsolidationKeepsIdentityOptionsAndPasswordAndLeavesADated
     doc->consolidate([&swapped](bool done) { swapped = done; });
     ASSERT_TRUE(RunLoop::main().runUntil([&] { return swapped.has_value(); }, 30));
     ASSERT_TRUE(*swapped);
+    EXPECT_EQ(doc->lastConsolidationBackup(), backup);
     EXPECT_FALSE(doc->isConsolidating());
 
     std::vector<std::string> changes;

@@ -34,7 +34,6 @@ int runOptimize(const OptimizeOptions& options) {
       return kExitSuccess;
     }
   }
-  const std::string backup = document.backupPathForConsolidation(Env::defaultEnv()->now());
   std::optional<bool> swapped;
   document.consolidate([&swapped](bool done) { swapped = done; });
   RunLoop::main().runUntil([&swapped] { return swapped.has_value(); }, 24 * 3600);
@@ -42,6 +41,7 @@ int runOptimize(const OptimizeOptions& options) {
     session->close();
     return fail("the document was not optimized (see the messages above)");
   }
+  const std::string backup = document.lastConsolidationBackup();  // named when the swap happened
   session->close();
   std::cout << "optimized; the previous package is kept as " << backup << "\n";
   return kExitSuccess;

@@ -225,6 +225,8 @@ class CorvaneDocument : public PersistentDocument {
   bool checkConsolidatedElsewhere();
   // The backup name of the package at `path` made at `secondsSince2001` (local time).
   std::string backupPathForConsolidation(double secondsSince2001) const;
+  // Where the last consolidation of this document put the old package ("" before one).
+  const std::string& lastConsolidationBackup() const { return lastConsolidationBackup_; }
 
   // What an information window offers before consolidating: "Optimize File" only while the cache
   // holds more than 5000 changes and the error level is not an error.
@@ -352,6 +354,7 @@ class CorvaneDocument : public PersistentDocument {
   RunLoop::Token itemsTimer_;
   std::shared_ptr<std::function<void()>> itemsPoll_;
   std::vector<std::string> knownBackups_;  // backups beside the package not from elsewhere
+  std::string lastConsolidationBackup_;
   std::vector<std::shared_ptr<CopyJob>> copies_;  // copies on their way
   std::shared_ptr<bool> alive_;
 };
