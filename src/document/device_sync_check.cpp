@@ -1,6 +1,8 @@
 #include "corvane/document/device_sync_check.h"
 
 #include <httplib.h>
+#include <pthread.h>
+#include <signal.h>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -31,6 +33,12 @@ class HttpSyncTransport final : public DeviceSyncTransport {
             std::function<void(std::optional<std::string>)> done) override {
     // One short-lived thread a request: a poll every few seconds needs no pool.
     std::thread([options = options_, url, body, done = std::move(done)] {
+      // A server that goes away mid-request must not end the host: the TLS layer writes with
+      // write(), which raises SIGPIPE on this thread; blocked here, the write fails instead.
+      sigset_t pipe;
+      sigemptyset(&pipe);
+      sigaddset(&pipe, SIGPIPE);
+      pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
       const size_t path = url.find('/', url.find("://") == std::string::npos ? 0 : url.find("://") + 3);
       httplib::Client client(url.substr(0, path));
       client.enable_server_certificate_verification(true);

@@ -116,6 +116,9 @@ int runSyncServer(const SyncServerOptions& options) {
               << request.body.size() << std::endl;
   });
 
+  // A client that goes away mid-answer is that client's loss: over TLS the write would raise
+  // SIGPIPE and end the server.
+  ::signal(SIGPIPE, SIG_IGN);
   // SIGINT and SIGTERM stop the server from a thread of its own.
   sigset_t signals;
   sigemptyset(&signals);
