@@ -13,7 +13,6 @@
 #include "corvane/foundation/interaction.h"
 #include "corvane/foundation/log.h"
 #include "corvane/foundation/plist.h"
-#include "corvane/foundation/run_loop.h"
 #include "corvane/foundation/user_defaults.h"
 #include "corvane/graph/managed_object_context.h"
 #include "corvane/graph/object_model.h"
@@ -383,6 +382,8 @@ int64_t CorvaneRecovery::recoverObjectsForEntity(const std::string& entityName, 
 
 bool CorvaneRecovery::rebuildPackageToURL(const std::string& url, const Value& /*options*/, Error* error) {
   if (!model_) return setError(error, recoveryError(1013, "Managed object model is required to rebuild packages"));
+  // A rebuild makes a new package; it never writes into one that is there.
+  if (env()->fileExists(url)) return setError(error, recoveryError(-1, url + " already exists"));
   report(0, 0, "Setting up Core Data stack...");
   CorvaneStore::registerStoreType();
   auto environment = new StoreEnvironment();
@@ -400,9 +401,8 @@ bool CorvaneRecovery::rebuildPackageToURL(const std::string& url, const Value& /
   auto* store = dynamic_cast<CorvaneStore*>(
       coordinator->addPersistentStore(kCorvaneStoreType, "", absolutePath(url), storeOptions.copy(), error));
   if (store == nullptr) return false;
-  // The store's first pass over its empty package ends on the main run loop.
-  RunLoop& loop = RunLoop::main();
-  loop.runUntil([store] { return store->finishedPasses() > 0; }, 60);
+  // The package is new: the store's first pass finds no change files and is over already, so
+  // nothing here waits on a run loop and a rebuild may run on any thread.
   auto context = ManagedObjectContext::create(ConcurrencyType::PrivateQueue);
   context->setPersistentStoreCoordinator(coordinator);
   context->setUndoManager(nullptr);
