@@ -23,16 +23,6 @@ int64_t floorDiv(int64_t a, int64_t b) {
 }
 int64_t floorMod(int64_t a, int64_t b) { return a - floorDiv(a, b) * b; }
 
-// Proleptic Gregorian calendar conversions (days since 1970-01-01), after H. Hinnant.
-int64_t daysFromCivil(int64_t y, int m, int d) {
-  y -= m <= 2;
-  const int64_t era = floorDiv(y, 400);
-  const int64_t yoe = y - era * 400;
-  const int64_t doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-  const int64_t doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  return era * 146097 + doe - 719468;
-}
-
 struct Civil {
   int64_t year;
   int month;
@@ -272,6 +262,16 @@ std::string displayDateString(double date, DateStyle dateStyle, DateStyle timeSt
   if (timeStyle == DateStyle::Short) pattern += "HH:mm";
   if (pattern.empty()) return "";
   return DateFormatter(pattern, DateTimeZone::local(env)).format(date);
+}
+
+// Proleptic Gregorian calendar conversions (days since 1970-01-01), after H. Hinnant.
+int64_t daysFromCivil(int64_t y, int m, int d) {
+  y -= m <= 2;
+  const int64_t era = floorDiv(y, 400);
+  const int64_t yoe = y - era * 400;
+  const int64_t doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+  const int64_t doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  return era * 146097 + doe - 719468;
 }
 
 }  // namespace corvane

@@ -1,3 +1,4 @@
+#include "corvane/foundation/date_format.h"
 #include "corvane/graph/predicate.h"
 
 #include <cctype>
@@ -321,16 +322,6 @@ struct ParseFailure {
   std::string reason;
 };
 
-// Days since 1970-01-01 of a proleptic Gregorian date.
-int64_t daysFromCivil(int64_t y, unsigned m, unsigned d) {
-  y -= m <= 2;
-  const int64_t era = (y >= 0 ? y : y - 399) / 400;
-  const auto yoe = static_cast<unsigned>(y - era * 400);
-  const unsigned doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  return era * 146097 + static_cast<int64_t>(doe) - 719468;
-}
-
 // "2024-01-31", "2024-01-31T12:00:00Z", "2024-01-31T12:00:00.250+02:00" → seconds since 2001.
 std::optional<double> parseISODate(std::string_view s) {
   auto num = [&](size_t pos, size_t len, int* out) {
@@ -384,7 +375,7 @@ std::optional<double> parseISODate(std::string_view s) {
       }
     }
   }
-  double unixSeconds = static_cast<double>(daysFromCivil(y, static_cast<unsigned>(mo), static_cast<unsigned>(d))) * 86400.0 +
+  double unixSeconds = static_cast<double>(daysFromCivil(y, mo, d)) * 86400.0 +
                        h * 3600.0 + mi * 60.0 + sec + fraction - offset;
   return unixSeconds - 978307200.0;
 }

@@ -88,4 +88,7 @@ class DateFormatter {
 enum class DateStyle { None, Short, Medium };
 std::string displayDateString(double secondsSince2001, DateStyle dateStyle, DateStyle timeStyle, Env* env = nullptr);
 
+// Days since 1970-01-01 of a date of the proleptic Gregorian calendar (month 1 to 12).
+int64_t daysFromCivil(int64_t year, int month, int day);
+
 }  // namespace corvane
