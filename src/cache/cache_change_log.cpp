@@ -219,24 +219,7 @@ void CorvaneCache::loadChangeLogIfNeeded() {
 // ---- Announcements -------------------------------------------------------------------------
 
 Subscription CorvaneCache::observeChanges(std::function<void(CacheChangeStage)> callback) {
-  uint64_t id;
-  {
-    std::lock_guard<std::mutex> lock(changesObservers_->mutex);
-    id = changesObservers_->nextId++;
-    changesObservers_->list.emplace_back(id, std::make_shared<ChangesObservers::Callback>(std::move(callback)));
-  }
-  return Subscription([weak = std::weak_ptr<ChangesObservers>(changesObservers_), id] {
-    auto observers = weak.lock();
-    if (!observers) return;
-    std::shared_ptr<ChangesObservers::Callback> removed;  // released outside the lock
-    std::lock_guard<std::mutex> lock(observers->mutex);
-    auto& list = observers->list;
-    auto it = std::find_if(list.begin(), list.end(), [id](const auto& entry) { return entry.first == id; });
-    if (it != list.end()) {
-      removed = std::move(it->second);
-      list.erase(it);
-    }
-  });
+  return ChangesObservers::subscribe(changesObservers_, std::move(callback));
 }
 
 void CorvaneCache::announceChanges(CacheChangeStage stage) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "corvane/cache/cache.h"
+#include "foundation/observer_list.h"
 
 namespace corvane {
 
@@ -22,27 +23,7 @@ struct CorvaneCache::Progress {
 };
 
 // The observers of "changes". Shared with the announcements posted to the main run loop.
-struct CorvaneCache::ChangesObservers {
-  using Callback = std::function<void(CacheChangeStage)>;
-  std::mutex mutex;
-  uint64_t nextId = 1;
-  std::vector<std::pair<uint64_t, std::shared_ptr<Callback>>> list;
-
-  void deliver(CacheChangeStage stage) {
-    std::vector<std::pair<uint64_t, std::shared_ptr<Callback>>> targets;
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      targets = list;
-    }
-    for (const auto& target : targets) {
-      if (isSubscribed(target.first)) (*target.second)(stage);  // an earlier callback may have unsubscribed it
-    }
-  }
-
-  bool isSubscribed(uint64_t id) {
-    std::lock_guard<std::mutex> lock(mutex);
-    return std::any_of(list.begin(), list.end(), [id](const auto& entry) { return entry.first == id; });
-  }
-};
+// Told at each stage of the cache's change log (observeChanges()).
+struct CorvaneCache::ChangesObservers : ObserverList<CacheChangeStage> {};
 
 }  // namespace corvane

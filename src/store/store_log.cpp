@@ -71,24 +71,7 @@ std::vector<StoreLogEntry> CorvaneStore::logEntries() const {
 }
 
 Subscription CorvaneStore::observeLog(std::function<void()> callback) {
-  uint64_t id;
-  {
-    std::lock_guard<std::mutex> lock(logObservers_->mutex);
-    id = logObservers_->nextId++;
-    logObservers_->list.emplace_back(id, std::make_shared<LogObservers::Callback>(std::move(callback)));
-  }
-  return Subscription([weak = std::weak_ptr<LogObservers>(logObservers_), id] {
-    auto observers = weak.lock();
-    if (!observers) return;
-    std::shared_ptr<LogObservers::Callback> removed;  // released outside the lock
-    std::lock_guard<std::mutex> lock(observers->mutex);
-    auto& list = observers->list;
-    auto it = std::find_if(list.begin(), list.end(), [id](const auto& e) { return e.first == id; });
-    if (it != list.end()) {
-      removed = std::move(it->second);
-      list.erase(it);
-    }
-  });
+  return LogObservers::subscribe(logObservers_, std::move(callback));
 }
 
 void CorvaneStore::logError(const Error& error, std::string_view domain) {

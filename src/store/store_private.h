@@ -8,23 +8,11 @@
 #include <vector>
 
 #include "corvane/store/corvane_store.h"
+#include "foundation/observer_list.h"
 
 namespace corvane {
 
-struct CorvaneStore::LogObservers {
-  using Callback = std::function<void()>;
-  std::mutex mutex;
-  uint64_t nextId = 1;
-  std::vector<std::pair<uint64_t, std::shared_ptr<Callback>>> list;
-
-  void deliver() {
-    std::vector<std::shared_ptr<Callback>> targets;
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      for (const auto& entry : list) targets.push_back(entry.second);
-    }
-    for (const auto& callback : targets) (*callback)();
-  }
-};
+// Told when the store's log changes (observeLog()).
+struct CorvaneStore::LogObservers : ObserverList<> {};
 
 }  // namespace corvane
