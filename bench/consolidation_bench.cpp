@@ -94,11 +94,9 @@ void BM_Consolidate(benchmark::State& state) {
     Error error;
     auto doc = CorvaneDocument::open(path, options("consolidating"), &error);
     state.ResumeTiming();
-    std::optional<bool> swapped;
-    doc->consolidate([&swapped](bool done) { swapped = done; });
-    RunLoop::main().runUntil([&swapped] { return swapped.has_value(); }, 24 * 3600);
+    const bool swapped = corvane::bench::consolidateAndWait(*doc);
     state.PauseTiming();
-    if (!swapped.value_or(false)) state.SkipWithError("the consolidation failed");
+    if (!swapped) state.SkipWithError("the consolidation failed");
     doc->close();
     doc.reset();
     writtenFiles.clear();

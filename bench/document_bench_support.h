@@ -2,9 +2,11 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "corvane/document/corvane_document.h"
+#include "corvane/foundation/run_loop.h"
 #include "corvane/foundation/user_defaults.h"
 
 namespace corvane::bench {
@@ -20,6 +22,14 @@ inline DocumentOptions benchDocumentOptions(std::shared_ptr<ObjectModel> model, 
   o.useKeychain = false;
   o.defaults = std::make_shared<UserDefaults>(Env::defaultEnv(), root + "/defaults.plist");
   return o;
+}
+
+// Consolidates `document` and drives the main run loop until it is over; whether it swapped.
+inline bool consolidateAndWait(CorvaneDocument& document) {
+  std::optional<bool> swapped;
+  document.consolidate([&swapped](bool done) { swapped = done; });
+  RunLoop::main().runUntil([&swapped] { return swapped.has_value(); }, 24 * 3600);
+  return swapped.value_or(false);
 }
 
 }  // namespace corvane::bench
