@@ -64,7 +64,7 @@ void CorvaneCacheCollection::loadIfNeeded() {
     try {
       // A block that cannot be deciphered decodes as nothing, like an empty file.
       std::optional<Bytes> plain = store_->decrypt(bytes);
-      Value root = plain ? FastCoder::objectWithData(*plain) : Value();
+      Value root = plain ? FastCoder::acyclicObjectWithData(*plain) : Value();
       if (root.isNil()) {
         handleCorruption("FastCoder returned nil");
       } else {

@@ -2,6 +2,7 @@
 // with, the wire constants, and the two engines behind FCNSCoder and FCNSDecoder.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstdint>
@@ -42,6 +43,48 @@ enum FastType : uint8_t {
 [[noreturn]] void throwUnknownType(unsigned type);
 [[noreturn]] void throwBadIndex(uint64_t index, uint64_t count);
 [[noreturn]] void throwTooDeep();
+[[noreturn]] void throwCycle(uint64_t index);
+
+// What a parse accepts beyond well-formed bytes.
+struct ReadRules {
+  bool propertyListOnly = false;  // refuse objects of classes and nil values
+  bool refuseCycles = false;      // refuse a container that holds itself
+};
+
+// The object-table slots of the containers whose content a reader is still reading, innermost
+// last (so in ascending order). An alias to one of them would put that container inside
+// itself: a cycle reference counting never frees. Readers of stored data refuse it.
+class OpenContainers {
+ public:
+  explicit OpenContainers(bool refuse) : refuse_(refuse) {}
+
+  class [[nodiscard]] Scope {
+   public:
+    explicit Scope(std::vector<uint64_t>* slots) : slots_(slots) {}
+    Scope(const Scope&) = delete;
+    Scope& operator=(const Scope&) = delete;
+    ~Scope() {
+      if (slots_ != nullptr) slots_->pop_back();
+    }
+
+   private:
+    std::vector<uint64_t>* slots_;
+  };
+
+  // `slot` stays open while the returned scope lives.
+  Scope open(uint64_t slot) {
+    if (!refuse_) return Scope(nullptr);
+    slots_.push_back(slot);
+    return Scope(&slots_);
+  }
+  void checkAlias(uint64_t index) const {
+    if (refuse_ && std::binary_search(slots_.begin(), slots_.end(), index)) throwCycle(index);
+  }
+
+ private:
+  bool refuse_;
+  std::vector<uint64_t> slots_;
+};
 
 inline uint64_t mixHash(uint64_t h) {
   h ^= h >> 33;
@@ -278,7 +321,7 @@ class FastWriter {
 // The reader of major version 3: one per parse. FCNSDecoder answers from its pairs.
 class FastReader {
  public:
-  FastReader(ByteView data, bool propertyListOnly);
+  FastReader(ByteView data, ReadRules rules);
   // Reads the counts and the root; may throw corvane::Exception.
   Value parse();
 
@@ -408,6 +451,7 @@ class FastReader {
   Scratch<Value> scratchItems_;
   Scratch<std::pair<Value, Value>> scratchEntries_;
   int depth_ = 0;
+  OpenContainers open_;
   std::vector<Value> objects_;
   std::vector<Value> strings_;
   std::vector<ClassDef> classes_;
@@ -433,7 +477,7 @@ void setPropertyValue(const Value& target, const Value& key, const Value& value)
 Value awakeObject(const Value& object);
 
 // Reads a stream of major version 2. Throws corvane::Exception on malformed input.
-Value parseLegacyFastCoding(ByteView data, bool propertyListOnly, std::vector<Value>* nodes = nullptr);
+Value parseLegacyFastCoding(ByteView data, ReadRules rules, std::vector<Value>* nodes = nullptr);
 
 // Mutable containers may hold themselves, and reference counting never frees such a cycle.
 // Emptying every mutable container among `nodes` breaks them all; used for the partial graph
@@ -442,6 +486,6 @@ void breakCycles(const std::vector<Value>& nodes);
 
 // objectWithData / propertyListWithData that also hand out every node the parse registered,
 // so that a caller can break cycles the root cannot reach (entries dropped for a nil key).
-Value parseFastCoding(ByteView data, bool propertyListOnly, Error* error, std::vector<Value>* nodes);
+Value parseFastCoding(ByteView data, ReadRules rules, Error* error, std::vector<Value>* nodes);
 
 }  // namespace corvane::detail

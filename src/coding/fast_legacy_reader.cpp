@@ -21,8 +21,8 @@ enum LegacyType : uint32_t {
 
 class LegacyReader {
  public:
-  LegacyReader(ByteView data, bool propertyListOnly)
-      : in_(data.data()), total_(data.size()), propertyListOnly_(propertyListOnly) {}
+  LegacyReader(ByteView data, ReadRules rules)
+      : in_(data.data()), total_(data.size()), propertyListOnly_(rules.propertyListOnly), open_(rules.refuseCycles) {}
 
   Value parse() {
     off_ = 8;
@@ -103,6 +103,7 @@ class LegacyReader {
     auto count = take<uint32_t>();
     if (mutableNode) {
       Value dict = push(Value::mutableDictionary());
+      auto scope = open_.open(objects_.size() - 1);
       for (uint32_t i = 0; i < count; ++i) {
         Value value = read();
         Value key = read();
@@ -129,6 +130,7 @@ class LegacyReader {
     };
     if (mutableNode) {
       Value c = push(make({}, true));
+      auto scope = open_.open(objects_.size() - 1);
       for (uint32_t i = 0; i < count; ++i) c.append(read());
       return c;
     }
@@ -170,6 +172,7 @@ class LegacyReader {
     Value object = constructPropertyObject(classes_[classIndex].info, classes_[classIndex].name);
     size_t slot = objects_.size();
     push(object);
+    auto scope = open_.open(slot);
     size_t keyCount = classes_[classIndex].keys.size();
     for (size_t i = 0; i < keyCount; ++i) {
       Value value = read();
@@ -228,6 +231,7 @@ class LegacyReader {
       case lAlias: {
         auto index = take<uint32_t>();
         if (index >= objects_.size()) throwBadIndex(index, objects_.size());
+        open_.checkAlias(index);
         return objects_[index].value;
       }
       case lString:
@@ -319,14 +323,15 @@ class LegacyReader {
   size_t off_ = 8;
   bool propertyListOnly_;
   int depth_ = 0;
+  OpenContainers open_;
   std::vector<Entry> objects_;
   std::vector<ClassDef> classes_;
 };
 
 }  // namespace
 
-Value parseLegacyFastCoding(ByteView data, bool propertyListOnly, std::vector<Value>* nodes) {
-  LegacyReader reader(data, propertyListOnly);
+Value parseLegacyFastCoding(ByteView data, ReadRules rules, std::vector<Value>* nodes) {
+  LegacyReader reader(data, rules);
   try {
     Value root = reader.parse();
     if (nodes != nullptr) *nodes = reader.nodes();

@@ -28,6 +28,11 @@ namespace detail {
                                             ", but cache object count is " + std::to_string(count));
 }
 
+[[noreturn]] void throwCycle(uint64_t index) {
+  throw Exception(kFastCodingException,
+                  "Object at index " + std::to_string(index) + " is referenced from inside itself");
+}
+
 [[noreturn]] void throwTooDeep() {
   throw Exception(kFastCodingException,
                   "FastCoding cannot decode objects nested deeper than " + std::to_string(kFastMaxDepth) + " levels");
@@ -114,8 +119,8 @@ Value awakeObject(const Value& object) {
 
 // ---- The parser -------------------------------------------------------------------------
 
-FastReader::FastReader(ByteView data, bool propertyListOnly)
-    : in_(data.data()), total_(data.size()), constructors_(table(propertyListOnly)) {}
+FastReader::FastReader(ByteView data, ReadRules rules)
+    : in_(data.data()), total_(data.size()), constructors_(table(rules.propertyListOnly)), open_(rules.refuseCycles) {}
 
 uint32_t FastReader::capacityFor(uint64_t count, size_t bytesPerItem) const {
   // A count is only a hint: never reserve more items than the rest of the input could hold.
@@ -169,6 +174,7 @@ std::string_view FastReader::takeCString() {
 
 Value FastReader::aliasFrom(const std::vector<Value>& table, uint64_t index) const {
   if (index >= table.size()) throwBadIndex(index, table.size());
+  if (&table == &objects_) open_.checkAlias(index);
   return table[index];
 }
 
@@ -183,6 +189,7 @@ Value FastReader::readDictionary(bool mutableNode) {
   if (mutableNode) {
     Value dict = Value::mutableDictionary();
     objects_.push_back(dict);
+    auto scope = open_.open(objects_.size() - 1);
     for (uint32_t i = 0; i < count; ++i) {
       Value value = readObject();
       Value key = readObject();
@@ -218,6 +225,7 @@ Value FastReader::readCollection(ValueKind kind, bool mutableNode) {
               : kind == ValueKind::OrderedSet ? Value::orderedSet(std::move(items), true)
                                               : Value::array(std::move(items), true);
     objects_.push_back(c);
+    auto scope = open_.open(objects_.size() - 1);
     for (uint32_t i = 0; i < count; ++i) c.append(readObject());
     return c;
   }
@@ -278,6 +286,7 @@ Value FastReader::readCustomObject(uint32_t classIndex) {
   Value object = constructPropertyObject(def.info, def.name);
   size_t slot = objects_.size();
   objects_.push_back(object);
+  auto scope = open_.open(slot);
   // The definition may not be touched across reads: a nested definition can grow classes_.
   size_t keyCount = def.keys.size();
   for (size_t i = 0; i < keyCount; ++i) {
@@ -507,7 +516,7 @@ const FastReader::Constructor* FastReader::table(bool propertyListOnly) {
   return propertyListOnly ? propertyList.data() : all.data();
 }
 
-Value parseFastCoding(ByteView data, bool propertyListOnly, Error* error, std::vector<Value>* nodes) {
+Value parseFastCoding(ByteView data, ReadRules rules, Error* error, std::vector<Value>* nodes) {
   auto fail = [error](const std::string& reason) {
     if (error != nullptr) *error = Error(kCorvaneErrorDomain, -1, reason);
     return Value();
@@ -525,9 +534,9 @@ Value parseFastCoding(ByteView data, bool propertyListOnly, Error* error, std::v
     logLine(reason, LogLevel::Error);
     return fail(reason);
   }
-  if (major == 2) return parseLegacyFastCoding(data, propertyListOnly, nodes);
+  if (major == 2) return parseLegacyFastCoding(data, rules, nodes);
 
-  FastReader reader(data, propertyListOnly);
+  FastReader reader(data, rules);
   // The header's counts are read before the guard, so a cut header reaches the caller.
   if (data.size() < kFastHeaderSize) throwEOF(data.size() < 12 ? 8 : data.size() < 16 ? 12 : 16);
   try {
@@ -548,11 +557,15 @@ Value parseFastCoding(ByteView data, bool propertyListOnly, Error* error, std::v
 }  // namespace detail
 
 Value FastCoder::objectWithData(ByteView data, Error* error) {
-  return detail::parseFastCoding(data, false, error, nullptr);
+  return detail::parseFastCoding(data, {}, error, nullptr);
+}
+
+Value FastCoder::acyclicObjectWithData(ByteView data, Error* error) {
+  return detail::parseFastCoding(data, {.refuseCycles = true}, error, nullptr);
 }
 
 Value FastCoder::propertyListWithData(ByteView data, Error* error) {
-  return detail::parseFastCoding(data, true, error, nullptr);
+  return detail::parseFastCoding(data, {.propertyListOnly = true}, error, nullptr);
 }
 
 }  // namespace corvane

@@ -194,7 +194,7 @@ std::string CorvaneRecovery::suggestedNameForCacheURL(const std::string& cacheUR
   Bytes bytes;
   if (env->readFile(pathJoin(cacheURL, "Changes.fast"), &bytes, nullptr)) {
     try {
-      const Value changes = FastCoder::objectWithData(bytes);
+      const Value changes = FastCoder::acyclicObjectWithData(bytes);
       if (changes.isArray() && changes.count() > 0 && changes.at(0)["name"].isString() &&
           !changes.at(0)["name"].str().empty()) {
         const std::string name = filesystemSafeString(changes.at(0)["name"].str());
@@ -260,7 +260,7 @@ std::optional<std::vector<std::string>> CorvaneRecovery::UIDsForEntity(const std
   }
   Value decoded;
   try {
-    decoded = FastCoder::objectWithData(bytes);
+    decoded = FastCoder::acyclicObjectWithData(bytes);
   } catch (const Exception& e) {
     setError(error, recoveryError(1005, fmt::format("Failed to decode UIDs file: {}", e.reason())));
     return std::nullopt;
@@ -294,7 +294,7 @@ std::optional<Value> CorvaneRecovery::cacheItemForEntity(const std::string& enti
   }
   Value table;
   try {
-    table = FastCoder::objectWithData(bytes);
+    table = FastCoder::acyclicObjectWithData(bytes);
   } catch (const Exception& e) {
     setError(error, recoveryError(1010, fmt::format("Failed to decode cache file: {}", e.reason())));
     return std::nullopt;
@@ -317,7 +317,7 @@ bool CorvaneRecovery::isEncrypted() const {
   Bytes bytes;
   if (!env()->readFile(pathJoin(cacheURL_, entities->front() + "_uids.fast"), &bytes, nullptr)) return false;
   try {
-    return FastCoder::objectWithData(bytes).isNil();
+    return FastCoder::acyclicObjectWithData(bytes).isNil();
   } catch (const Exception&) {
     return true;
   }
@@ -438,7 +438,7 @@ bool CorvaneRecovery::rebuildPackageToURL(const std::string& url, const Value& /
         const std::string file = fmt::format("{}_{}.fast", entity, uid.front());
         if (isPlainFileName(file) && env()->readFile(pathJoin(cacheURL_, file), &bytes, nullptr)) {
           try {
-            table->second = FastCoder::objectWithData(bytes);
+            table->second = FastCoder::acyclicObjectWithData(bytes);
           } catch (const Exception&) {
             // a damaged table: its items stay out
           }

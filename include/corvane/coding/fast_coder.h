@@ -44,6 +44,12 @@ class FastCoder {
   // any malformed stream of the earlier major version 2, which is read without the guard.
   static Value objectWithData(ByteView data, Error* error = nullptr);
 
+  // As objectWithData, for stored data that is a plain tree of values: a mutable container
+  // referenced from inside itself fails the read like any malformed stream, and what was
+  // read is freed. (objectWithData builds such a graph, and its reference counts never let
+  // it go.)
+  static Value acyclicObjectWithData(ByteView data, Error* error = nullptr);
+
   // As objectWithData, but refuses objects of classes (and nil values): only dictionaries,
   // arrays, sets, strings, numbers, dates, data and the like come back. In version 2 streams
   // the class definition, object, Nil and coded-object codes are refused alike.
