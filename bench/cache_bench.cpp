@@ -75,7 +75,6 @@ class BenchStore : public CorvaneCacheStoreServices {
   std::string correctedDataURL(const std::string& p) override { return p; }
   Value validatedChanges(const Value&, bool) override { return Value::dictionary(); }
   void refreshInsertedObjects(const Value&, const Value&, const Value&) override {}
-  void updateChanges() override {}
   bool recover() override { return false; }
   void setRecover(bool) override {}
   std::optional<std::string> cacheRootURL() override { return root_ + "/caches"; }

@@ -185,7 +185,6 @@ void CorvaneCache::setStoreURL(const std::string& storeURL) {
     url_ = folder;
   }
   if (store_->upToChange().empty()) loadChangeLogIfNeeded();
-  store_->updateChanges();
 }
 
 std::string CorvaneCache::storeURL() const {

@@ -233,6 +233,8 @@ void CorvaneStore::refreshURLs() {
   // change writes nothing into the package.
   if (upToChange().empty()) (void)env_->createDirectory(errorsURL(), true, nullptr);
   cache_->setStoreURL(path);
+  // The package the cache is bound to may hold changes it lacks.
+  updateChanges();
   registerURL(path, infoDictionary().copy(), Value(), env_, environment_->defaults, volumes_);
 }
 

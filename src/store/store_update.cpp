@@ -553,10 +553,8 @@ std::string CorvaneStore::correctedDataURL(const std::string& path) {
 void corvaneRefreshObject(ManagedObjectContext& context, ManagedObject* object, CorvaneStore& store) {
   if (object == nullptr) return;
   store.cache()->removeObjectID(object->objectID());
-  auto* own = dynamic_cast<CorvaneManagedObjectContext*>(&context);
-  if (own != nullptr) own->setMergingExternally(true);
+  CorvaneManagedObjectContext::ExternalMerge merging(dynamic_cast<CorvaneManagedObjectContext*>(&context));
   context.refreshObject(object, true);
-  if (own != nullptr) own->setMergingExternally(false);
 }
 
 std::shared_ptr<CorvaneManagedObjectContext> CorvaneManagedObjectContext::create(ConcurrencyType type) {
@@ -571,8 +569,8 @@ void CorvaneStore::refreshInsertedObjects(const Value& inserted, const Value& up
     if (!coordinator || coordinator->persistentStores().empty()) continue;
     Value userInfo;
     context->performAndWait([&] {
-      UndoManager* undo = context->undoManager();
-      if (undo != nullptr) undo->disableUndoRegistration();  // nobody can undo another device's edit
+      // Nobody can undo another device's edit.
+      UndoManager::DisabledRegistration noUndo(context->undoManager());
       std::unordered_set<ObjectID, ObjectIDHash> refreshed;
       auto collect = [&](const Value& byEntity, Value& into, bool refresh) {
         for (const auto& [entityName, byUID] : byEntity.entries()) {
@@ -594,7 +592,6 @@ void CorvaneStore::refreshInsertedObjects(const Value& inserted, const Value& up
       collect(updated, updatedObjects, true);
       collect(deleted, deletedObjects, false);
       for (const Value& gone : deletedObjects.elements()) insertedObjects.remove(gone);
-      if (undo != nullptr) undo->enableUndoRegistration();
       if (insertedObjects.empty() && updatedObjects.empty() && deletedObjects.empty()) return;
       userInfo = dict({{kInsertedObjectsKey, insertedObjects.copy()},
                        {kDeletedObjectsKey, deletedObjects.copy()},

@@ -76,7 +76,6 @@ class FakeStore : public CorvaneCacheStoreServices {
   }
   std::atomic<int> loads{0};
   std::atomic<int> preventedSaves{0};
-  std::atomic<int> updateChangesCalls{0};
   std::atomic<int> validations{0};
   std::vector<std::string> alerts;
   std::vector<std::string> reveals;
@@ -138,7 +137,6 @@ class FakeStore : public CorvaneCacheStoreServices {
   void refreshInsertedObjects(const Value& inserted, const Value& updated, const Value& deleted) override {
     refreshes.push_back(arr({inserted, updated, deleted}));
   }
-  void updateChanges() override { ++updateChangesCalls; }
   bool recover() override { return recover_.load(); }
   void setRecover(bool recover) override {
     recover_ = recover;

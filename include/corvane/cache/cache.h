@@ -93,9 +93,9 @@ class CorvaneCache : public std::enable_shared_from_this<CorvaneCache> {
   static void resetAllCaches(Env* env);
 
   // Binds the cache to a package: chooses the folder (checking that it can be written, with
-  // escalating resets and finally an alert), loads the change log unless the store is opened
-  // up to a change, and asks the store to bring itself up to date. Called by the store each
-  // time it computes its package URLs.
+  // escalating resets and finally an alert) and loads the change log unless the store is
+  // opened up to a change. Called by the store each time it computes its package URLs; the
+  // store then decides when to bring the cache up to date.
   void setStoreURL(const std::string& storeURL);
   std::string storeURL() const;
   // The cache folder ("" before binding, or when there is no application-support folder: the

@@ -2,7 +2,7 @@
 //
 // The store owns its cache, and the cache asks the store to decrypt and encrypt its files, to
 // log, to describe the model, to make object IDs, to load one object from the package, to
-// validate change records and to bring itself up to date. This interface is the whole of that
+// and validate change records. This interface is the whole of that
 // traffic, so the cache depends on no store code: CorvaneStore implements it, and tests drive
 // the cache with a small fake.
 //
@@ -98,9 +98,6 @@ class CorvaneCacheStoreServices {
   // entity name to dictionary keyed by UID). Called on the thread that loads the change log: the
   // binding thread, or the main run loop when a refused package copy is tried again.
   virtual void refreshInsertedObjects(const Value& inserted, const Value& updated, const Value& deleted) = 0;
-  // Applies the change files that the cache's change log does not hold yet. Called on the
-  // thread that binds the cache (the store's own initialiser or URL refresh).
-  virtual void updateChanges() = 0;
   // Recover mode: stops become warnings, and updates add UIDs like inserts.
   virtual bool recover() = 0;
   virtual void setRecover(bool recover) = 0;

@@ -64,6 +64,22 @@ class UndoManager {
   virtual void enableUndoRegistration();
   bool isUndoRegistrationEnabled() const { return disabled_ == 0; }
 
+  // Registration disabled for the life of the scope, on a manager that may be null.
+  class [[nodiscard]] DisabledRegistration {
+   public:
+    explicit DisabledRegistration(UndoManager* manager) : manager_(manager) {
+      if (manager_ != nullptr) manager_->disableUndoRegistration();
+    }
+    ~DisabledRegistration() {
+      if (manager_ != nullptr) manager_->enableUndoRegistration();
+    }
+    DisabledRegistration(const DisabledRegistration&) = delete;
+    DisabledRegistration& operator=(const DisabledRegistration&) = delete;
+
+   private:
+    UndoManager* manager_;
+  };
+
   bool canUndo() const;
   bool canRedo() const;
   // Undoes the newest top-level group (closing an open by-event group first). Throws

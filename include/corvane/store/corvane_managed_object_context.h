@@ -24,7 +24,22 @@ class CorvaneManagedObjectContext : public ManagedObjectContext {
   explicit CorvaneManagedObjectContext(ConcurrencyType type) : ManagedObjectContext(type) {}
 
   bool isMergingExternally() const { return mergingExternally_; }
-  void setMergingExternally(bool merging) { mergingExternally_ = merging; }
+
+  // isMergingExternally() for the life of the scope, on a context that may be null.
+  class [[nodiscard]] ExternalMerge {
+   public:
+    explicit ExternalMerge(CorvaneManagedObjectContext* context) : context_(context) {
+      if (context_ != nullptr) context_->mergingExternally_ = true;
+    }
+    ~ExternalMerge() {
+      if (context_ != nullptr) context_->mergingExternally_ = false;
+    }
+    ExternalMerge(const ExternalMerge&) = delete;
+    ExternalMerge& operator=(const ExternalMerge&) = delete;
+
+   private:
+    CorvaneManagedObjectContext* context_;
+  };
 
  private:
   bool mergingExternally_ = false;

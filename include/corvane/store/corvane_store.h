@@ -374,7 +374,7 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   // now rather than what the last pass saw. Main thread.
   std::vector<ChangeWaitingForFiles> changesWaitingForFiles();
   // One guarded pass; a pass while one runs is deferred by the retry delay. Main thread.
-  void updateChanges() override;
+  void updateChanges();
   // The pass itself: lists and matches on the calling thread, reads on the read queue, and
   // calls `completion` on the main run loop (at once when there is nothing to do).
   void updateChangesWithCompletion(std::function<void(bool success)> completion);
