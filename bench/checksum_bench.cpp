@@ -26,6 +26,7 @@
 #include "corvane/security/digest.h"
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/corvane_store_options.h"
 
 using namespace corvane;
 namespace fs = std::filesystem;

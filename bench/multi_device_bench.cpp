@@ -28,6 +28,7 @@
 #include "corvane/store/corvane_managed_object_context.h"
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/corvane_store_options.h"
 
 using namespace corvane;
 namespace fs = std::filesystem;

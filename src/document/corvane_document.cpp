@@ -22,6 +22,7 @@
 #include "corvane/store/corvane_managed_object_context.h"
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/corvane_store_options.h"
 #include "corvane/store/store_environment.h"
 #include "document/document_internal.h"
 

@@ -19,6 +19,7 @@
 #include "corvane/security/string_utils.h"
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/corvane_store_options.h"
 #include "corvane/store/store_environment.h"
 #include "store/store_internal.h"
 

@@ -1,6 +1,7 @@
 #include "corvane/store/collection_merge.h"
 
 #include "corvane/foundation/error.h"
+#include "store/store_state.h"
 
 namespace corvane {
 namespace {

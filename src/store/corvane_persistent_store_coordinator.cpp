@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "corvane/graph/object_model.h"
+#include "store/store_state.h"
 
 namespace corvane {
 

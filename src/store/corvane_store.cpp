@@ -13,20 +13,13 @@
 #include "corvane/graph/persistent_store_coordinator.h"
 #include "corvane/security/digest.h"
 #include "corvane/security/package_encryption.h"
+#include "corvane/store/corvane_store_options.h"
 #include "store/store_internal.h"
-#include "store/store_private.h"
+#include "store/store_state.h"
 
 namespace corvane {
 
 using store_internal::storeError;
-
-// Lets work queued for the main run loop find out whether its store still exists. The lock is
-// held while such work runs, so the destructor waits for a running piece instead of pulling
-// the store from under it.
-struct CorvaneStore::Liveness {
-  std::recursive_mutex mutex;
-  bool alive = true;
-};
 
 namespace {
 
@@ -60,91 +53,91 @@ void CorvaneStore::registerStoreType() {
 
 CorvaneStore::CorvaneStore(PersistentStoreCoordinator* coordinator, std::string configurationName, std::string url,
                            Value options)
-    : IncrementalStore(coordinator, std::move(configurationName), std::move(url), options),
-      environmentValue_(environmentFor(options)),
-      environment_(static_cast<StoreEnvironment*>(environmentValue_.objectPointer())),
-      env_(environment_->env != nullptr ? environment_->env : Env::defaultEnv()),
-      mainLoop_(environment_->mainLoop != nullptr ? environment_->mainLoop : &RunLoop::main()),
-      volumes_(environment_->volumes ? environment_->volumes : defaultStoreVolumeQueries()),
-      liveness_(std::make_shared<Liveness>()),
-      dateFormatter_(kChangeNameDatePattern, DateTimeZone::gmt()),
-      errorLevel_(std::string(kCorvaneLogTypeSuccess), mainLoop_),
-      readQueue_(std::string(kFrameworkBundleIdentifier) + ".ReadQueue", mainLoop_),
-      saveQueue_(std::make_unique<OperationQueue>(std::string(kFrameworkBundleIdentifier) + ".SaveQueue")) {
-  session_ = env_->newUUIDString();
-  if (options["password"].isString()) password_ = options["password"].str();
-  cacheRootURL_ = store_internal::pathFromLocation(options[kCorvaneCacheRootURLOption]);
-  fullUserName_ = env_->fullUserName();
-  userName_ = env_->userName();
-  osVersion_ = env_->osVersion();
-  recover_ = options[kCorvaneRecoverOption].boolValue();
-  machineName_ = env_->machineName();
-  retryDelay_ = delayOption(options, kCorvaneUpdateRetryDelayOption, 10.0);
-  debounceDelay_ = delayOption(options, kCorvaneChangeDebounceDelayOption, 5.0);
-  upToChange_ = options[kCorvaneUpToChangeOption];
-  storeOptions_ = store_internal::mutableDictionaryCopy(options);
-  storeOptions_.remove(Value(kCorvaneUpToChangeOption));
-  loadingIssues_ = Value::mutableArray();
-  errorRecords_ = Value::mutableArray();
-  logObservers_ = std::make_shared<LogObservers>();
-  cache_ = CorvaneCache::cacheForStore(this, mainLoop_);
+    : IncrementalStore(coordinator, std::move(configurationName), std::move(url), options) {
+  Value environmentValue = environmentFor(options);
+  auto* environment = static_cast<StoreEnvironment*>(environmentValue.objectPointer());
+  RunLoop* mainLoop = environment->mainLoop != nullptr ? environment->mainLoop : &RunLoop::main();
+  state_ = std::make_unique<State>(mainLoop);
+  state_->environmentValue = std::move(environmentValue);
+  state_->environment = environment;
+  state_->env = environment->env != nullptr ? environment->env : Env::defaultEnv();
+  state_->mainLoop = mainLoop;
+  state_->volumes = environment->volumes ? environment->volumes : defaultStoreVolumeQueries();
+  state_->writer.queue = std::make_unique<OperationQueue>(std::string(kFrameworkBundleIdentifier) + ".SaveQueue");
+  state_->session = state_->env->newUUIDString();
+  if (options["password"].isString()) state_->password = options["password"].str();
+  state_->cacheRootURL = store_internal::pathFromLocation(options[kCorvaneCacheRootURLOption]);
+  state_->fullUserName = state_->env->fullUserName();
+  state_->userName = state_->env->userName();
+  state_->osVersion = state_->env->osVersion();
+  state_->updates.recover = options[kCorvaneRecoverOption].boolValue();
+  state_->machineName = state_->env->machineName();
+  state_->updates.retryDelay = delayOption(options, kCorvaneUpdateRetryDelayOption, 10.0);
+  state_->updates.debounceDelay = delayOption(options, kCorvaneChangeDebounceDelayOption, 5.0);
+  state_->upToChange = options[kCorvaneUpToChangeOption];
+  state_->storeOptions = store_internal::mutableDictionaryCopy(options);
+  state_->storeOptions.remove(Value(kCorvaneUpToChangeOption));
+  state_->cache = CorvaneCache::cacheForStore(this, state_->mainLoop);
   setupEntityKeys();
 }
 
 CorvaneStore::~CorvaneStore() {
   {
-    std::lock_guard<std::recursive_mutex> lock(liveness_->mutex);
-    liveness_->alive = false;
+    std::lock_guard<std::recursive_mutex> lock(state_->liveness->mutex);
+    state_->liveness->alive = false;
   }
   {
-    std::lock_guard<std::mutex> lock(tokensMutex_);
-    updateToken_.cancel();
-    processToken_.cancel();
-    refreshLogToken_.cancel();
+    std::lock_guard<std::mutex> lock(state_->updates.tokensMutex);
+    state_->updates.updateToken.cancel();
+    state_->updates.processToken.cancel();
   }
-  saveQueue_->waitUntilAllOperationsAreFinished();
-  readQueue_.sync([] {});  // a running pass finishes; what it posts to the main loop is dropped
+  {
+    std::lock_guard<std::mutex> lock(state_->log.mutex);
+    state_->log.refreshToken.cancel();
+  }
+  state_->writer.queue->waitUntilAllOperationsAreFinished();
+  state_->updates.readQueue.sync([] {});  // a running pass finishes; what it posts to the main loop is dropped
   // The cache's background work calls back into the store: it stops with the cache.
-  cache_.reset();
+  state_->cache.reset();
 }
 
 bool CorvaneStore::loadMetadata(Error* error) {
   const std::string& path = url();
   bool isDirectory = false;
-  if (env_->fileExists(path, &isDirectory) && (!isDirectory || !isCorrectFormat(path, env_, environment_))) {
+  if (state_->env->fileExists(path, &isDirectory) && (!isDirectory || !isCorrectFormat(path, state_->env, state_->environment))) {
     return setError(error, storeError(path + " is not a Corvane document"));
   }
-  const bool existed = env_->fileExists(path);
-  if (!writeInfo(storeOptions_, error)) return false;
+  const bool existed = state_->env->fileExists(path);
+  if (!writeInfo(state_->storeOptions, error)) return false;
   // A package made here is a new document: what a cache holds for this path belongs to one that
   // was here before, and its log would make this one's first change follow a change it lacks.
   if (!existed) {
     if (std::optional<std::string> root = cacheRootURL()) {
       const std::string stale = pathJoin(*root, CorvaneCache::cacheFolderName(path));
       Error failure;
-      if (env_->fileExists(stale) && !env_->removeItem(stale, &failure)) {
+      if (state_->env->fileExists(stale) && !state_->env->removeItem(stale, &failure)) {
         return setError(error, storeError("The cache of an earlier document at " + path + " cannot be removed: " +
                                           failure.localizedDescription));
       }
     } else {
-      CorvaneCache::resetCacheForURL(path, env_);
+      CorvaneCache::resetCacheForURL(path, state_->env);
     }
   }
-  const Value info = infoDictionaryForURL(path, env_);
+  const Value info = infoDictionaryForURL(path, state_->env);
   if (!info.isDictionary()) return setError(error, storeError(infoURL() + " could not be read"));
   if (isEncryptedPackageInfo(info)) {
-    if (!password_) return setError(error, storeError(path + " is encrypted: a password is needed to open it"));
-    SeaCrypto cipher(env_);
-    if (!canOpenWithPassword(info, *password_, env_, &cipher)) {
+    if (!state_->password) return setError(error, storeError(path + " is encrypted: a password is needed to open it"));
+    SeaCrypto cipher(state_->env);
+    if (!canOpenWithPassword(info, *state_->password, state_->env, &cipher)) {
       return setError(error, storeError("The password does not open " + path));
     }
-    std::lock_guard<std::mutex> lock(cryptoMutex_);
-    if (!crypto_) crypto_ = std::make_shared<const SeaCrypto>(std::move(cipher));
-  } else if (password_) {
+    std::lock_guard<std::mutex> lock(state_->package.cryptoMutex);
+    if (!state_->package.crypto) state_->package.crypto = std::make_shared<const SeaCrypto>(std::move(cipher));
+  } else if (state_->password) {
     return setError(error, storeError(path + " is not encrypted: open it without a password"));
   }
   std::string identifier = info["DocumentIdentifier"].str();
-  if (identifier.empty()) identifier = env_->newUUIDString();
+  if (identifier.empty()) identifier = state_->env->newUUIDString();
   PersistentStore::setMetadata(dict({{kStoreTypeKey, Value(kCorvaneStoreType)}, {kStoreUUIDKey, Value(identifier)}}));
   refreshURLs();
   observeDirectory();
@@ -153,89 +146,120 @@ bool CorvaneStore::loadMetadata(Error* error) {
 
 bool CorvaneStore::writeInfo(const Value& options, Error* error) {
   const std::string& path = url();
-  if (env_->fileExists(path)) return true;
+  if (state_->env->fileExists(path)) return true;
   // The package appears whole or not at all: it is made in a hidden folder beside its place and
   // moved there in one rename. A process killed half way through would otherwise leave a folder
   // without Info.plist, or an encrypted one without its password's verifier, that no store can
   // ever open again.
   const std::string parent = pathDeletingLastComponent(path);
   const std::string building =
-      pathJoin(parent, fmt::format(".{}.{}.tmp", pathLastComponent(path), env_->newUUIDString()));
+      pathJoin(parent, fmt::format(".{}.{}.tmp", pathLastComponent(path), state_->env->newUUIDString()));
   Value info = Value::mutableDictionary();
   const Value& identifier = options[kCorvaneDocumentIdentifierOption];
-  info.set(Value("DocumentIdentifier"), identifier.isString() ? identifier : Value(env_->newUUIDString()));
+  info.set(Value("DocumentIdentifier"), identifier.isString() ? identifier : Value(state_->env->newUUIDString()));
   if (const Value& v = options[kCorvaneDocumentInfoOption]; v.isDictionary()) info.set(Value("DocumentInfo"), v);
   if (const Value& v = options[kCorvaneDocumentOptionsOption]; v.isDictionary()) {
     info.set(Value("DocumentOptions"), v);
   }
-  const ApplicationInfo host = environment_->applicationOrCurrent();
+  const ApplicationInfo host = state_->environment->applicationOrCurrent();
   info.set(Value("Application"), bundleDictionary(host.identifier, host.version, host.shortVersion));
   info.set(Value("Corvane"), bundleDictionary(kFrameworkBundleIdentifier, kFrameworkVersion, kFrameworkShortVersion));
-  info.set(Value("DateCreation"), Value::date(env_->now()));
+  info.set(Value("DateCreation"), Value::date(state_->env->now()));
   Error failure;
-  if (password_) {
+  if (state_->password) {
     // Salt, rounds and the password's verifier, made with the cipher they describe.
-    std::optional<Value> encryption = makeEncryptionEntry(*password_, env_, environment_->encryptionRounds);
+    std::optional<Value> encryption = makeEncryptionEntry(*state_->password, state_->env, state_->environment->encryptionRounds);
     if (!encryption) return setError(error, storeError("Could not set up the encryption of " + path));
     info.set(Value(kEncryptionKey), *encryption);
   }
   // A package is recognised by its folders as well, so a new one has them from the start.
-  const bool made = env_->createDirectory(parent, true, &failure) &&
-                    env_->createDirectory(pathJoin(building, "Changes"), true, &failure) &&
-                    env_->createDirectory(pathJoin(building, "Entities"), true, &failure) &&
-                    writePropertyListFile(env_, pathJoin(building, "Info.plist"), info, &failure);
+  const bool made = state_->env->createDirectory(parent, true, &failure) &&
+                    state_->env->createDirectory(pathJoin(building, "Changes"), true, &failure) &&
+                    state_->env->createDirectory(pathJoin(building, "Entities"), true, &failure) &&
+                    writePropertyListFile(state_->env, pathJoin(building, "Info.plist"), info, &failure);
   // Moving fails when another store made the package meanwhile: that one is kept.
-  if (!made || !env_->moveItem(building, path, &failure)) {
-    (void)env_->removeItem(building, nullptr);  // hidden, and never read: harmless if it stays
-    if (!env_->fileExists(path)) return setError(error, std::move(failure));
+  if (!made || !state_->env->moveItem(building, path, &failure)) {
+    (void)state_->env->removeItem(building, nullptr);  // hidden, and never read: harmless if it stays
+    if (!state_->env->fileExists(path)) return setError(error, std::move(failure));
   }
-  std::lock_guard<std::mutex> lock(mutex_);
-  info_ = Value();
+  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  state_->package.info = Value();
   return true;
 }
+
+// ---- Accessors -----------------------------------------------------------------------------
+
+bool CorvaneStore::isEncrypted() const { return state_->password.has_value(); }
+const std::string& CorvaneStore::session() const { return state_->session; }
+const std::string& CorvaneStore::userName() const { return state_->userName; }
+const std::string& CorvaneStore::fullUserName() const { return state_->fullUserName; }
+const std::string& CorvaneStore::machineName() const { return state_->machineName; }
+const std::string& CorvaneStore::osVersion() const { return state_->osVersion; }
+const DateFormatter& CorvaneStore::dateFormatter() const { return state_->dateFormatter; }
+CorvaneCache* CorvaneStore::cache() const { return state_->cache.get(); }
+std::shared_ptr<CorvaneCache> CorvaneStore::sharedCache() const { return state_->cache; }
+Env* CorvaneStore::env() { return state_->env; }
+RunLoop& CorvaneStore::mainLoop() const { return *state_->mainLoop; }
+SerialQueue& CorvaneStore::readQueue() { return state_->updates.readQueue; }
+OperationQueue& CorvaneStore::saveOperationQueue() { return *state_->writer.queue; }
+StoreVolumeQueries& CorvaneStore::volumes() const { return *state_->volumes; }
+bool CorvaneStore::isClosed() const { return state_->updates.closed.load(); }
+bool CorvaneStore::blockSaves() const { return state_->writer.blockSaves.load(); }
+int64_t CorvaneStore::saveOperationsCount() const { return state_->writer.operationsCount.load(); }
+int64_t CorvaneStore::saveOperationsValue() const { return state_->writer.operationsValue.load(); }
+std::string CorvaneStore::errorLevel() const { return state_->log.errorLevel.get(); }
+Observable<std::string>& CorvaneStore::errorLevelObservable() { return state_->log.errorLevel; }
+bool CorvaneStore::isUpdating() const { return state_->updates.updating.load(); }
+size_t CorvaneStore::finishedPasses() const { return state_->updates.finishedPasses.load(); }
+size_t CorvaneStore::changesFileCount() const { return state_->updates.changesFileCount.load(); }
+bool CorvaneStore::hasRemoteFiles() const { return state_->updates.hasRemoteFiles.load(); }
+bool CorvaneStore::recover() { return state_->updates.recover.load(); }
+void CorvaneStore::setRecover(bool recover) { state_->updates.recover = recover; }
+std::optional<std::string> CorvaneStore::cacheRootURL() { return state_->cacheRootURL; }
+const StoreEnvironment& CorvaneStore::environment() const { return *state_->environment; }
 
 // ---- Identity and URLs ---------------------------------------------------------------------
 
 std::string CorvaneStore::infoURL() const { return pathJoin(url(), "Info.plist"); }
 
 Value CorvaneStore::infoDictionary() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (info_.isNil()) {
-    Value read = infoDictionaryForURL(url(), env_);
-    info_ = read.isDictionary() ? read.mutableCopy() : Value::mutableDictionary();
+  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  if (state_->package.info.isNil()) {
+    Value read = infoDictionaryForURL(url(), state_->env);
+    state_->package.info = read.isDictionary() ? read.mutableCopy() : Value::mutableDictionary();
   }
-  return info_;
+  return state_->package.info;
 }
 
 std::string CorvaneStore::documentIdentifier() const { return infoDictionary()["DocumentIdentifier"].str(); }
 
 bool CorvaneStore::setDocumentIdentifier(const std::string& identifier, Error* error) {
-  Value info = store_internal::mutableDictionaryCopy(infoDictionaryForURL(url(), env_));
+  Value info = store_internal::mutableDictionaryCopy(infoDictionaryForURL(url(), state_->env));
   info.set(Value("DocumentIdentifier"), Value(identifier));
-  if (!writePropertyListFile(env_, infoURL(), info, error)) return false;
-  std::lock_guard<std::mutex> lock(mutex_);
-  info_ = info;
+  if (!writePropertyListFile(state_->env, infoURL(), info, error)) return false;
+  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  state_->package.info = info;
   return true;
 }
 
-std::optional<std::string> CorvaneStore::password() const { return password_; }
+std::optional<std::string> CorvaneStore::password() const { return state_->password; }
 
 void CorvaneStore::refreshURLs() {
   const std::string& path = url();
   {
-    std::lock_guard<std::mutex> lock(mutex_);
-    entitiesURL_ = pathJoin(path, "Entities");
-    changesURL_ = pathJoin(path, "Changes");
-    cacheURL_ = pathJoin(path, "Cache");
-    errorsURL_ = pathJoin(path, "Errors");
+    std::lock_guard<std::mutex> lock(state_->package.mutex);
+    state_->package.entitiesURL = pathJoin(path, "Entities");
+    state_->package.changesURL = pathJoin(path, "Changes");
+    state_->package.cacheURL = pathJoin(path, "Cache");
+    state_->package.errorsURL = pathJoin(path, "Errors");
   }
   // Error records are written into it later; without it they are only logged. A view up to a
   // change writes nothing into the package.
-  if (upToChange().empty()) (void)env_->createDirectory(errorsURL(), true, nullptr);
-  cache_->setStoreURL(path);
+  if (upToChange().empty()) (void)state_->env->createDirectory(errorsURL(), true, nullptr);
+  state_->cache->setStoreURL(path);
   // The package the cache is bound to may hold changes it lacks.
   updateChanges();
-  registerURL(path, infoDictionary().copy(), Value(), env_, environment_->defaults, volumes_);
+  registerURL(path, infoDictionary().copy(), Value(), state_->env, state_->environment->defaults, state_->volumes);
 }
 
 void CorvaneStore::setPackageURL(const std::string& newURL) {
@@ -246,56 +270,56 @@ void CorvaneStore::setPackageURL(const std::string& newURL) {
   unobserveDirectory();
   setURL(newURL);
   {
-    std::lock_guard<std::mutex> lock(mutex_);
-    info_ = Value();
+    std::lock_guard<std::mutex> lock(state_->package.mutex);
+    state_->package.info = Value();
   }
   refreshURLs();
   observeDirectory();
 }
 
 std::string CorvaneStore::entitiesURL() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return entitiesURL_;
+  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  return state_->package.entitiesURL;
 }
 
 std::string CorvaneStore::changesURL() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return changesURL_;
+  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  return state_->package.changesURL;
 }
 
 std::string CorvaneStore::cacheURL() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return cacheURL_;
+  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  return state_->package.cacheURL;
 }
 
 std::string CorvaneStore::errorsURL() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return errorsURL_;
+  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  return state_->package.errorsURL;
 }
 
 Value CorvaneStore::userInfo() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return userInfo_;
+  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  return state_->package.userInfo;
 }
 
 void CorvaneStore::setUserInfo(const Value& userInfo) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  userInfo_ = userInfo.isDictionary() ? userInfo.copy() : Value();
+  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  state_->package.userInfo = userInfo.isDictionary() ? userInfo.copy() : Value();
 }
 
 Value CorvaneStore::sessionDictionary() const {
-  Value session = dict({{"userName", Value(userName_)},
-                        {"fullUserName", Value(fullUserName_)},
-                        {"machineName", Value(machineName_)},
-                        {"id", Value(session_)},
-                        {"version", Value(environment_->applicationOrCurrent().version)},
-                        {"osVersion", Value(osVersion_)}},
+  Value session = dict({{"userName", Value(state_->userName)},
+                        {"fullUserName", Value(state_->fullUserName)},
+                        {"machineName", Value(state_->machineName)},
+                        {"id", Value(state_->session)},
+                        {"version", Value(state_->environment->applicationOrCurrent().version)},
+                        {"osVersion", Value(state_->osVersion)}},
                        true);
   if (Value info = userInfo(); info.isDictionary()) session.set(Value("userInfo"), info);
   return session.copy();
 }
 
-std::string CorvaneStore::upToChange() { return upToChange_["name"].str(); }
+std::string CorvaneStore::upToChange() { return state_->upToChange["name"].str(); }
 
 // ---- Entity folder names -------------------------------------------------------------------
 
@@ -309,11 +333,11 @@ std::string CorvaneStore::entityFolderName(const std::string& entityName, bool e
 void CorvaneStore::setupEntityKeys() {
   PersistentStoreCoordinator* coordinator = persistentStoreCoordinator();
   if (coordinator == nullptr || !coordinator->managedObjectModel()) return;
-  entityList_ = coordinator->managedObjectModel()->entities();
-  for (const EntityDescription* entity : entityList_) {
-    std::string folder = entityFolderName(entity->name(), password_.has_value());
-    entityKeys_[entity->name()] = folder;
-    reverseEntityKeys_[folder] = entity->name();
+  state_->package.entityList = coordinator->managedObjectModel()->entities();
+  for (const EntityDescription* entity : state_->package.entityList) {
+    std::string folder = entityFolderName(entity->name(), state_->password.has_value());
+    state_->package.entityKeys[entity->name()] = folder;
+    state_->package.reverseEntityKeys[folder] = entity->name();
   }
 }
 
@@ -322,16 +346,16 @@ std::string CorvaneStore::fileNameForEntity(const EntityDescription& entity) {
 }
 
 std::string CorvaneStore::fileNameForEntityName(const std::string& entityName) const {
-  auto it = entityKeys_.find(entityName);
-  return it == entityKeys_.end() ? std::string() : it->second;
+  auto it = state_->package.entityKeys.find(entityName);
+  return it == state_->package.entityKeys.end() ? std::string() : it->second;
 }
 
 std::string CorvaneStore::entityNameForFileName(const std::string& fileName) const {
-  auto it = reverseEntityKeys_.find(fileName);
-  return it == reverseEntityKeys_.end() ? std::string() : it->second;
+  auto it = state_->package.reverseEntityKeys.find(fileName);
+  return it == state_->package.reverseEntityKeys.end() ? std::string() : it->second;
 }
 
-std::vector<const EntityDescription*> CorvaneStore::entities() { return entityList_; }
+std::vector<const EntityDescription*> CorvaneStore::entities() { return state_->package.entityList; }
 
 const EntityDescription* CorvaneStore::entityForName(std::string_view name) {
   PersistentStoreCoordinator* coordinator = persistentStoreCoordinator();
@@ -342,39 +366,39 @@ const EntityDescription* CorvaneStore::entityForName(std::string_view name) {
 // ---- Cipher --------------------------------------------------------------------------------
 
 std::shared_ptr<const SeaCrypto> CorvaneStore::cipher() {
-  std::lock_guard<std::mutex> lock(cryptoMutex_);
-  if (!crypto_ && password_) {
-    const Value info = infoDictionaryForURL(url(), env_);
-    crypto_ = std::make_shared<const SeaCrypto>(seaCryptoForPackageInfo(info, *password_, env_));
+  std::lock_guard<std::mutex> lock(state_->package.cryptoMutex);
+  if (!state_->package.crypto && state_->password) {
+    const Value info = infoDictionaryForURL(url(), state_->env);
+    state_->package.crypto = std::make_shared<const SeaCrypto>(seaCryptoForPackageInfo(info, *state_->password, state_->env));
   }
-  return crypto_;
+  return state_->package.crypto;
 }
 
 void CorvaneStore::reloadPackageInfo() {
   {
-    std::lock_guard<std::mutex> lock(cryptoMutex_);
-    crypto_.reset();
+    std::lock_guard<std::mutex> lock(state_->package.cryptoMutex);
+    state_->package.crypto.reset();
   }
-  std::lock_guard<std::mutex> lock(mutex_);
-  info_ = Value();
+  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  state_->package.info = Value();
 }
 
 std::optional<Bytes> CorvaneStore::encrypt(ByteView bytes) {
-  if (!password_) return Bytes(bytes.begin(), bytes.end());
+  if (!state_->password) return Bytes(bytes.begin(), bytes.end());
   std::shared_ptr<const SeaCrypto> crypto = cipher();
   if (!crypto) return std::nullopt;
   return crypto->encryptData(bytes);
 }
 
 std::optional<Bytes> CorvaneStore::decrypt(ByteView bytes) {
-  if (!password_) return Bytes(bytes.begin(), bytes.end());
+  if (!state_->password) return Bytes(bytes.begin(), bytes.end());
   std::shared_ptr<const SeaCrypto> crypto = cipher();
   if (!crypto) return std::nullopt;
   return crypto->decryptData(bytes);
 }
 
 bool CorvaneStore::resetCache(Error* error) {
-  return !env_->fileExists(cacheURL()) || env_->removeItem(cacheURL(), error);
+  return !state_->env->fileExists(cacheURL()) || state_->env->removeItem(cacheURL(), error);
 }
 
 // ---- Metadata ------------------------------------------------------------------------------
@@ -382,55 +406,55 @@ bool CorvaneStore::resetCache(Error* error) {
 Value CorvaneStore::metadata() const {
   uint64_t generation = 0;
   {
-    std::unique_lock<std::mutex> lock(metadataMutex_);
+    std::unique_lock<std::mutex> lock(state_->metadata.mutex);
     for (;;) {
-      if (cachedMetadata_.isDictionary() && !cachedMetadata_["Corvane"].isNil()) return cachedMetadata_;
-      if (!fetchingMetadata_) break;
+      if (state_->metadata.cached.isDictionary() && !state_->metadata.cached["Corvane"].isNil()) return state_->metadata.cached;
+      if (!state_->metadata.fetching) break;
       // The fetching thread asking again (through the base store) cannot wait for itself.
-      if (metadataFetcher_ == std::this_thread::get_id()) {
-        return cachedMetadata_.isDictionary() ? cachedMetadata_ : Value::dictionary();
+      if (state_->metadata.fetcher == std::this_thread::get_id()) {
+        return state_->metadata.cached.isDictionary() ? state_->metadata.cached : Value::dictionary();
       }
       // Anyone else waits for the one fetch rather than taking an empty answer; the lock is not
       // held while the base store and Info.plist are read.
-      metadataFetched_.wait(lock);
-      if (!fetchingMetadata_ && cachedMetadata_.isDictionary()) return cachedMetadata_;
+      state_->metadata.fetched.wait(lock);
+      if (!state_->metadata.fetching && state_->metadata.cached.isDictionary()) return state_->metadata.cached;
     }
-    fetchingMetadata_ = true;
-    metadataFetcher_ = std::this_thread::get_id();
-    generation = metadataGeneration_;
+    state_->metadata.fetching = true;
+    state_->metadata.fetcher = std::this_thread::get_id();
+    generation = state_->metadata.generation;
   }
   Value merged = store_internal::mutableDictionaryCopy(PersistentStore::metadata());
   const Value info = infoDictionary();
   for (const auto& [key, value] : info.entries()) merged.set(key, value);
   const Value result = merged.copy();
   {
-    std::lock_guard<std::mutex> lock(metadataMutex_);
-    fetchingMetadata_ = false;
-    metadataFetcher_ = std::thread::id();
+    std::lock_guard<std::mutex> lock(state_->metadata.mutex);
+    state_->metadata.fetching = false;
+    state_->metadata.fetcher = std::thread::id();
     // A setMetadata() meanwhile made this result stale: the next caller fetches again.
-    if (generation == metadataGeneration_) cachedMetadata_ = result;
+    if (generation == state_->metadata.generation) state_->metadata.cached = result;
   }
-  metadataFetched_.notify_all();
+  state_->metadata.fetched.notify_all();
   return result;
 }
 
 void CorvaneStore::setMetadata(const Value& metadata) {
   Value info;
   {
-    std::lock_guard<std::mutex> lock(metadataMutex_);
+    std::lock_guard<std::mutex> lock(state_->metadata.mutex);
     Value read;
     Error error;
-    if (!readPropertyListFile(env_, infoURL(), &read, &error) && env_->fileExists(infoURL())) {
+    if (!readPropertyListFile(state_->env, infoURL(), &read, &error) && state_->env->fileExists(infoURL())) {
       log(fmt::format("Error reading dictionary from URL: {}", infoURL()), kCorvaneLogTypeWarning);
     }
     info = store_internal::mutableDictionaryCopy(read);
     for (const auto& [key, value] : metadata.entries()) info.set(key, value);
-    cachedMetadata_ = Value();
-    ++metadataGeneration_;
+    state_->metadata.cached = Value();
+    ++state_->metadata.generation;
   }
   {
-    std::lock_guard<std::mutex> lock(mutex_);
-    info_ = info;
+    std::lock_guard<std::mutex> lock(state_->package.mutex);
+    state_->package.info = info;
   }
   PersistentStore::setMetadata(info.copy());
 }
@@ -438,7 +462,7 @@ void CorvaneStore::setMetadata(const Value& metadata) {
 // ---- Main-thread work ----------------------------------------------------------------------
 
 std::function<void()> CorvaneStore::guarded(std::function<void()> work) const {
-  return [weak = std::weak_ptr<Liveness>(liveness_), work = std::move(work)] {
+  return [weak = std::weak_ptr<Liveness>(state_->liveness), work = std::move(work)] {
     auto liveness = weak.lock();
     if (!liveness) return;
     std::lock_guard<std::recursive_mutex> lock(liveness->mutex);
@@ -446,53 +470,53 @@ std::function<void()> CorvaneStore::guarded(std::function<void()> work) const {
   };
 }
 
-void CorvaneStore::onMain(std::function<void()> work) const { mainLoop_->post(guarded(std::move(work))); }
+void CorvaneStore::onMain(std::function<void()> work) const { state_->mainLoop->post(guarded(std::move(work))); }
 
 // ---- Closing -------------------------------------------------------------------------------
 
 void CorvaneStore::setClosed(bool closed) {
-  closed_ = closed;
+  state_->updates.closed = closed;
   if (closed) unobserveDirectory();
 }
 
 void CorvaneStore::close() {
   setClosed(true);
   {
-    std::lock_guard<std::mutex> lock(objectIDsMutex_);
-    chosenUIDs_.clear();  // for objects never saved
+    std::lock_guard<std::mutex> lock(state_->objectIDs.mutex);
+    state_->objectIDs.chosenUIDs.clear();  // for objects never saved
   }
   waitForSaves();
-  cache_->saveQueue().waitUntilAllOperationsAreFinished();
-  cache_->save();
+  state_->cache->saveQueue().waitUntilAllOperationsAreFinished();
+  state_->cache->save();
 }
 
-void CorvaneStore::waitForSaves() { saveQueue_->waitUntilAllOperationsAreFinished(); }
+void CorvaneStore::waitForSaves() { state_->writer.queue->waitUntilAllOperationsAreFinished(); }
 
 // ---- Cache services ------------------------------------------------------------------------
 
 ObjectID CorvaneStore::objectIDForReferenceString(std::string_view reference) {
-  std::lock_guard<std::mutex> lock(objectIDsMutex_);
-  auto it = objectIDs_.find(std::string(reference));
-  return it == objectIDs_.end() ? ObjectID() : it->second;
+  std::lock_guard<std::mutex> lock(state_->objectIDs.mutex);
+  auto it = state_->objectIDs.byReference.find(std::string(reference));
+  return it == state_->objectIDs.byReference.end() ? ObjectID() : it->second;
 }
 
 void CorvaneStore::setObjectIDForReferenceString(std::string_view reference, const ObjectID& objectID) {
-  std::lock_guard<std::mutex> lock(objectIDsMutex_);
-  objectIDs_[std::string(reference)] = objectID;
+  std::lock_guard<std::mutex> lock(state_->objectIDs.mutex);
+  state_->objectIDs.byReference[std::string(reference)] = objectID;
 }
 
-void CorvaneStore::preventFromSaving() { blockSaves_ = true; }
+void CorvaneStore::preventFromSaving() { state_->writer.blockSaves = true; }
 
 // The user is reached from the main run loop only, as Interaction promises its implementers.
 void CorvaneStore::showAlert(const std::string& message, const std::string& informativeText) {
-  mainLoop_->perform([interaction = environment_->interactionOrDefault(), alert = Alert{message, informativeText, {}}] {
+  state_->mainLoop->perform([interaction = state_->environment->interactionOrDefault(), alert = Alert{message, informativeText, {}}] {
     interaction->runAlert(alert);
   });
 }
 
 void CorvaneStore::revealInFileViewer(const std::string& path) {
-  mainLoop_->perform(
-      [interaction = environment_->interactionOrDefault(), path] { interaction->revealInFileViewer(path); });
+  state_->mainLoop->perform(
+      [interaction = state_->environment->interactionOrDefault(), path] { interaction->revealInFileViewer(path); });
 }
 
 void CorvaneStore::presentError(const Error& error) {
@@ -501,9 +525,9 @@ void CorvaneStore::presentError(const Error& error) {
 }
 
 std::vector<std::shared_ptr<ManagedObjectContext>> CorvaneStore::contexts() const {
-  std::lock_guard<std::mutex> lock(contextsMutex_);
+  std::lock_guard<std::mutex> lock(state_->contexts.mutex);
   std::vector<std::shared_ptr<ManagedObjectContext>> out;
-  for (const auto& weak : contexts_) {
+  for (const auto& weak : state_->contexts.list) {
     if (auto context = weak.lock()) out.push_back(std::move(context));
   }
   return out;
@@ -513,12 +537,12 @@ void CorvaneStore::registerContext(ManagedObjectContext* context) {
   if (context == nullptr) return;
   std::weak_ptr<ManagedObjectContext> weak = context->weak_from_this();
   if (weak.expired()) return;  // not owned by a shared_ptr: nobody could refresh it safely
-  std::lock_guard<std::mutex> lock(contextsMutex_);
-  std::erase_if(contexts_, [](const std::weak_ptr<ManagedObjectContext>& w) { return w.expired(); });
-  for (const auto& known : contexts_) {
+  std::lock_guard<std::mutex> lock(state_->contexts.mutex);
+  std::erase_if(state_->contexts.list, [](const std::weak_ptr<ManagedObjectContext>& w) { return w.expired(); });
+  for (const auto& known : state_->contexts.list) {
     if (!known.owner_before(weak) && !weak.owner_before(known)) return;
   }
-  contexts_.push_back(std::move(weak));
+  state_->contexts.list.push_back(std::move(weak));
 }
 
 }  // namespace corvane

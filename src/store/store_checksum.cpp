@@ -13,6 +13,7 @@
 #include "corvane/graph/object_model.h"
 #include "corvane/security/digest.h"
 #include "corvane/store/corvane_store.h"
+#include "store/store_state.h"
 
 namespace corvane {
 
@@ -81,7 +82,7 @@ bool lessCaseInsensitive(const std::string& a, const std::string& b) {
 }  // namespace
 
 std::string CorvaneStore::checkSum() const {
-  const Value changes = cache_->changes();
+  const Value changes = state_->cache->changes();
   std::string names;
   bool first = true;
   for (const Value& change : changes.elements()) {
@@ -97,11 +98,11 @@ Value CorvaneStore::contentChecksum() {
   const std::string before = checkSum();
   Value previous;
   {
-    std::lock_guard<std::mutex> lock(checksumMutex_);
-    previous = cachedContentChecksum_;
-    if (!previous.isNil() && lastCheckSum_ == before) return previous;
+    std::lock_guard<std::mutex> lock(state_->checksums.mutex);
+    previous = state_->checksums.content;
+    if (!previous.isNil() && state_->checksums.lastCheckSum == before) return previous;
   }
-  const double start = env_->monotonicNow();
+  const double start = state_->env->monotonicNow();
 
   std::vector<const EntityDescription*> sortedEntities = entities();
   std::sort(sortedEntities.begin(), sortedEntities.end(),
@@ -111,7 +112,7 @@ Value CorvaneStore::contentChecksum() {
   bool incomplete = false;
   std::string buffer;
   for (const EntityDescription* entity : sortedEntities) {
-    const Value uidSet = cache_->objectUIDsForEntity(*entity);
+    const Value uidSet = state_->cache->objectUIDsForEntity(*entity);
     if (uidSet.count() == 0) continue;
     std::vector<std::string> uids;
     uids.reserve(uidSet.count());
@@ -132,7 +133,7 @@ Value CorvaneStore::contentChecksum() {
     buffer.clear();
     bool entityComplete = true;
     for (const std::string& uid : uids) {
-      CorvaneCacheItemPtr item = cache_->cacheItemForObjectID(newObjectIDForEntity(entity, Value(uid)), nullptr);
+      CorvaneCacheItemPtr item = state_->cache->cacheItemForObjectID(newObjectIDForEntity(entity, Value(uid)), nullptr);
       if (!item) {
         entityComplete = false;
         break;
@@ -171,11 +172,11 @@ Value CorvaneStore::contentChecksum() {
     return result;
   }
   {
-    std::lock_guard<std::mutex> lock(checksumMutex_);
-    cachedContentChecksum_ = result;
-    lastCheckSum_ = before;
+    std::lock_guard<std::mutex> lock(state_->checksums.mutex);
+    state_->checksums.content = result;
+    state_->checksums.lastCheckSum = before;
   }
-  logLine(fmt::format("contentChecksum took {:.0f}ms for {} entities", (env_->monotonicNow() - start) * 1000.0,
+  logLine(fmt::format("contentChecksum took {:.0f}ms for {} entities", (state_->env->monotonicNow() - start) * 1000.0,
                       result.count()));
   return result;
 }
@@ -190,7 +191,7 @@ void CorvaneStore::fixSyncConflicts() {
 
   const std::string root = entitiesURL();
   std::vector<std::string> entries;
-  if (root.empty() || !env_->listDirectory(root, true, &entries, nullptr)) return;
+  if (root.empty() || !state_->env->listDirectory(root, true, &entries, nullptr)) return;
   for (const std::string& entry : entries) {
     if (std::find(known.begin(), known.end(), entry) != known.end()) continue;
     // Longer names sharing a beginning come later in the order: "PersonGroup 2" belongs to
@@ -201,7 +202,7 @@ void CorvaneStore::fixSyncConflicts() {
       // With an error the duplicate stays where it is, partly merged: its files are another
       // device's saves, and a later repair finishes the move.
       Error error;
-      corvaneMergeContentsOfPath(env_, pathJoin(root, entry), pathJoin(root, *it), &error);
+      corvaneMergeContentsOfPath(state_->env, pathJoin(root, entry), pathJoin(root, *it), &error);
       if (!error.empty()) logError(error, "fixSyncConflicts");
       break;
     }

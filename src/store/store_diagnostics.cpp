@@ -10,6 +10,7 @@
 #include "corvane/foundation/plist.h"
 #include "corvane/store/corvane_store.h"
 #include "store/store_internal.h"
+#include "store/store_state.h"
 
 namespace corvane {
 
@@ -24,8 +25,8 @@ void CorvaneStore::writeErrorRecord(const Value& record) {
   if (folder.empty() || !upToChange().empty()) return;  // a view up to a change only logs
   // The GMT date first, so that names sorted descending are newest first on every device; the
   // UUID keeps records of the same millisecond (or of two devices) apart.
-  const std::string name = fmt::format("{}.{}.plist", dateFormatter_.format(record["date"].dateValue()),
-                                       env_->newUUIDString());
+  const std::string name = fmt::format("{}.{}.plist", state_->dateFormatter.format(record["date"].dateValue()),
+                                       state_->env->newUUIDString());
   Value stored = record;
   if (!isValidPropertyList(stored)) {
     // Host-supplied user info in the session may hold values a property list cannot.
@@ -38,8 +39,8 @@ void CorvaneStore::writeErrorRecord(const Value& record) {
   // A record that cannot be written is still in the log and in errorRecords(); the console
   // hears of the failure, as a record of it could not be written either.
   Error error;
-  if (!env_->createDirectory(folder, true, &error) ||
-      !writePropertyListFile(env_, pathJoin(folder, name), stored, &error)) {
+  if (!state_->env->createDirectory(folder, true, &error) ||
+      !writePropertyListFile(state_->env, pathJoin(folder, name), stored, &error)) {
     logLine("Could not write an error record: " + error.description(), LogLevel::Warning);
   }
 }
@@ -47,20 +48,20 @@ void CorvaneStore::writeErrorRecord(const Value& record) {
 Value CorvaneStore::errorsArray() const {
   const std::string folder = errorsURL();
   std::vector<std::string> names;
-  if (folder.empty() || !env_->listDirectory(folder, true, &names, nullptr)) return Value::array();
+  if (folder.empty() || !state_->env->listDirectory(folder, true, &names, nullptr)) return Value::array();
   std::sort(names.begin(), names.end(), std::greater<>());
   std::vector<Value> records;
   for (const std::string& name : names) {
     if (records.size() >= kMaxErrorRecords) break;
     Value record;
-    if (!readPropertyListFile(env_, pathJoin(folder, name), &record, nullptr) || !record.isDictionary()) continue;
+    if (!readPropertyListFile(state_->env, pathJoin(folder, name), &record, nullptr) || !record.isDictionary()) continue;
     records.push_back(record);
   }
   return Value::array(std::move(records));
 }
 
 Value CorvaneStore::recentErrorsArray() const {
-  const double cutOff = env_->now() - kRecentErrorsSeconds;
+  const double cutOff = state_->env->now() - kRecentErrorsSeconds;
   std::vector<Value> recent;
   const Value records = errorsArray();
   for (const Value& record : records.elements()) {
@@ -78,8 +79,8 @@ Value CorvaneStore::peformanceArray() const {
 }
 
 Value CorvaneStore::recentDeviceActivity() const {
-  const double cutOff = env_->now() - kRecentActivitySeconds;
-  const Value changes = cache_->changes();
+  const double cutOff = state_->env->now() - kRecentActivitySeconds;
+  const Value changes = state_->cache->changes();
   const std::vector<Value>& records = changes.elements();
   std::unordered_set<std::string> seen;
   std::vector<std::pair<double, Value>> activity;
@@ -104,16 +105,16 @@ Value CorvaneStore::recentDeviceActivity() const {
 bool CorvaneStore::hasRecentChangesFromOtherDevices() const {
   const Value activity = recentDeviceActivity();
   for (const Value& entry : activity.elements()) {
-    if (entry["machineName"].str() != machineName_) return true;
+    if (entry["machineName"].str() != state_->machineName) return true;
   }
   return false;
 }
 
 std::string CorvaneStore::changesInfo() const {
-  const size_t cached = cache_->changes().count();
+  const size_t cached = state_->cache->changes().count();
   size_t onDisk = 0;
   std::vector<std::string> names;
-  if (env_->listDirectory(changesURL(), false, &names, nullptr)) {
+  if (state_->env->listDirectory(changesURL(), false, &names, nullptr)) {
     for (const std::string& name : names) {
       // ENDSWITH[cd] 'json': any case.
       if (name.size() < 4) continue;
@@ -125,6 +126,6 @@ std::string CorvaneStore::changesInfo() const {
   return fmt::format("{} in Cache / {} on Disk", cached, onDisk);
 }
 
-bool CorvaneStore::loadedAllChanges() const { return cache_->changes().count() >= changesFileCount_.load(); }
+bool CorvaneStore::loadedAllChanges() const { return state_->cache->changes().count() >= state_->updates.changesFileCount.load(); }
 
 }  // namespace corvane

@@ -1,4 +1,5 @@
 #include "corvane/store/store_environment.h"
+#include "store/store_state.h"
 
 #include <mutex>
 

@@ -9,6 +9,7 @@
 #include "corvane/graph/object_model.h"
 #include "corvane/store/corvane_store.h"
 #include "store/store_internal.h"
+#include "store/store_state.h"
 
 namespace corvane {
 
@@ -39,7 +40,7 @@ Value CorvaneStore::changesHistoryForObjectID(const ObjectID& objectID, ManagedO
                      {"paths", Value::array(std::move(paths))}});
 
   auto readRecord = [this](const std::string& path) -> std::optional<Value> {
-    std::optional<Bytes> bytes = store_internal::readBytes(env_, path);
+    std::optional<Bytes> bytes = store_internal::readBytes(state_->env, path);
     if (!bytes) return std::nullopt;
     std::optional<Bytes> plain = decrypt(*bytes);
     if (!plain) return std::nullopt;
@@ -71,7 +72,7 @@ Value CorvaneStore::changesHistoryForObjectID(const ObjectID& objectID, ManagedO
     row.set(Value("value"), Value(value));
     if (date) {
       row.set(Value("date"), Value::date(*date));
-      row.set(Value("name"), Value(displayDateString(*date, DateStyle::Medium, DateStyle::Medium, env_)));
+      row.set(Value("name"), Value(displayDateString(*date, DateStyle::Medium, DateStyle::Medium, state_->env)));
     } else {
       row.set(Value("name"), Value("(null)"));
     }

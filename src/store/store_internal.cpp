@@ -5,6 +5,7 @@
 #include "corvane/foundation/date_format.h"
 #include "corvane/foundation/env.h"
 #include "corvane/graph/object_model.h"
+#include "store/store_state.h"
 
 namespace corvane::store_internal {
 

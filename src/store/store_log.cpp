@@ -7,7 +7,7 @@
 #include "corvane/foundation/date_format.h"
 #include "corvane/store/corvane_store.h"
 #include "store/store_internal.h"
-#include "store/store_private.h"
+#include "store/store_state.h"
 
 namespace corvane {
 
@@ -44,34 +44,31 @@ void CorvaneStore::log(std::string_view message, std::string_view type, const Va
 }
 
 void CorvaneStore::addLogEntry(StoreLogEntry entry, const Value& change) {
-  entry.date = env_->now();
+  entry.date = state_->env->now();
   if (change.isDictionary()) {
     // "Missing change file: X" from Ann becomes "Missing change file: (<date> Ann) X".
     const size_t colon = entry.message.find(':');
     if (colon != std::string::npos) {
       std::optional<double> date = store_internal::dateFromChangeValue(change["date"]);
-      const std::string when = date ? displayDateString(*date, DateStyle::Medium, DateStyle::Short, env_) : "(null)";
+      const std::string when = date ? displayDateString(*date, DateStyle::Medium, DateStyle::Short, state_->env) : "(null)";
       const Value& author = change["session"]["fullUserName"];
       const std::string who = author.isString() ? author.str() : "(null)";
       entry.message.replace(colon, 1, fmt::format(": ({} {})", when, who));
     }
   }
-  {
-    std::lock_guard<std::mutex> lock(logMutex_);
-    log_.push_front(std::move(entry));
-  }
-  std::lock_guard<std::mutex> lock(tokensMutex_);
-  refreshLogToken_.cancel();
-  refreshLogToken_ = mainLoop_->postAfter(kRefreshLogDelay, guarded([observers = logObservers_] { observers->deliver(); }));
+  std::lock_guard<std::mutex> lock(state_->log.mutex);
+  state_->log.entries.push_front(std::move(entry));
+  state_->log.refreshToken.cancel();
+  state_->log.refreshToken = state_->mainLoop->postAfter(kRefreshLogDelay, guarded([observers = state_->log.observers] { observers->deliver(); }));
 }
 
 std::vector<StoreLogEntry> CorvaneStore::logEntries() const {
-  std::lock_guard<std::mutex> lock(logMutex_);
-  return std::vector<StoreLogEntry>(log_.begin(), log_.end());
+  std::lock_guard<std::mutex> lock(state_->log.mutex);
+  return std::vector<StoreLogEntry>(state_->log.entries.begin(), state_->log.entries.end());
 }
 
 Subscription CorvaneStore::observeLog(std::function<void()> callback) {
-  return LogObservers::subscribe(logObservers_, std::move(callback));
+  return LogObservers::subscribe(state_->log.observers, std::move(callback));
 }
 
 void CorvaneStore::logError(const Error& error, std::string_view domain) {
@@ -83,22 +80,22 @@ void CorvaneStore::logErrorString(const std::string& text, const std::string& do
   Value record = dict({{"domain", Value(domain)},
                        {"description", Value(text)},
                        {"session", sessionDictionary()},
-                       {"date", Value::date(env_->now())}});
+                       {"date", Value::date(state_->env->now())}});
   {
-    std::lock_guard<std::mutex> lock(logMutex_);
-    errorRecords_.append(record);
+    std::lock_guard<std::mutex> lock(state_->log.mutex);
+    state_->log.errorRecords.append(record);
   }
   writeErrorRecord(record);
-  if (environment_->errorDelegate) environment_->errorDelegate(fmt::format("{} {}", url(), text), domain);
+  if (state_->environment->errorDelegate) state_->environment->errorDelegate(fmt::format("{} {}", url(), text), domain);
 }
 
 Value CorvaneStore::errorRecords() const {
-  std::lock_guard<std::mutex> lock(logMutex_);
-  return errorRecords_.copy();
+  std::lock_guard<std::mutex> lock(state_->log.mutex);
+  return state_->log.errorRecords.copy();
 }
 
 Value CorvaneStore::sessionInfo() const {
-  const Value changes = cache_->changes();
+  const Value changes = state_->cache->changes();
   const std::vector<Value>& records = changes.elements();
   std::vector<Value> sessions;
   size_t seen = 0;
@@ -116,7 +113,7 @@ Value CorvaneStore::sessionInfo() const {
 }
 
 void CorvaneStore::setErrorLevel(const std::string& type) {
-  onMain([this, type] { errorLevel_.set(type); });
+  onMain([this, type] { state_->log.errorLevel.set(type); });
 }
 
 std::string CorvaneStore::shortURL(const std::string& path) const {

@@ -11,6 +11,8 @@
 #include "corvane/security/package_encryption.h"
 #include "corvane/security/string_utils.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/corvane_store_options.h"
+#include "store/store_state.h"
 
 namespace corvane {
 

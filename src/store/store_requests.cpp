@@ -14,7 +14,9 @@
 #include "corvane/graph/object_model.h"
 #include "corvane/graph/persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/corvane_store_options.h"
 #include "store/store_internal.h"
+#include "store/store_state.h"
 
 namespace corvane {
 
@@ -152,8 +154,8 @@ std::optional<Value> CorvaneStore::executeRequest(const PersistentStoreRequest& 
       return executeFetchRequest(static_cast<const FetchRequest&>(request), context);
     }
     if (request.requestType() == RequestType::Save) {
-      if (blockSaves_) {
-        setError(error, blockedSaveError(sessionInfo(), environment_->applicationOrCurrent().name));
+      if (state_->writer.blockSaves) {
+        setError(error, blockedSaveError(sessionInfo(), state_->environment->applicationOrCurrent().name));
         return std::nullopt;
       }
       return executeSaveRequest(static_cast<const SaveChangesRequest&>(request), context, error);
@@ -170,7 +172,7 @@ std::optional<Value> CorvaneStore::executeRequest(const PersistentStoreRequest& 
 
 std::optional<Value> CorvaneStore::executeFetchRequest(const FetchRequest& request, ManagedObjectContext* context) {
   const bool counting = request.resultType() == FetchResultType::Count;
-  if (!cache_->changeLog()) return counting ? Value::array({Value(0)}) : Value::array();
+  if (!state_->cache->changeLog()) return counting ? Value::array({Value(0)}) : Value::array();
   const bool dictionaries =
       request.resultType() == FetchResultType::Dictionary || !request.propertiesToGroupBy().empty();
   const EntityDescription* entity = request.entity();
@@ -183,14 +185,14 @@ std::optional<Value> CorvaneStore::executeFetchRequest(const FetchRequest& reque
   const std::vector<const EntityDescription*> searched =
       request.includesSubentities() ? entity->selfAndAllSubentities() : std::vector<const EntityDescription*>{entity};
   if (objects && hasPredicate) {
-    for (const EntityDescription* e : searched) cache_->loadCachesForEntity(*e);
+    for (const EntityDescription* e : searched) state_->cache->loadCachesForEntity(*e);
   }
   const bool needsItems = hasPredicate || !request.sortDescriptors().empty() || dictionaries;
 
   std::deque<CorvaneRequestItem> found;  // candidates cannot move: sorting holds references
   size_t total = 0;
   for (const EntityDescription* e : searched) {
-    const Value uids = cache_->objectUIDsForEntity(*e);
+    const Value uids = state_->cache->objectUIDsForEntity(*e);
     if (counting && !hasPredicate) {
       total += uids.count();
       continue;
@@ -205,11 +207,11 @@ std::optional<Value> CorvaneStore::executeFetchRequest(const FetchRequest& reque
         const std::string key = CorvaneCache::storeKey(e->name(), uid.str());
         auto table = tables.find(key);
         if (table == tables.end()) {
-          auto collection = cache_->cacheForObjectID(newObjectIDForEntity(e, uid));
+          auto collection = state_->cache->cacheForObjectID(newObjectIDForEntity(e, uid));
           table = tables.emplace(key, collection ? collection->content() : Value()).first;
         }
         item = CorvaneCacheItemPtr::fromValue(table->second.get(uid));
-        if (!item) item = cache_->cacheItemForObjectID(newObjectIDForEntity(e, uid), context);
+        if (!item) item = state_->cache->cacheItemForObjectID(newObjectIDForEntity(e, uid), context);
       }
       candidate.reset(uid, std::move(item));
       if (!hasPredicate || request.predicate()->evaluate(candidate)) found.push_back(candidate);
@@ -254,7 +256,7 @@ std::unique_ptr<IncrementalStoreNode> CorvaneStore::newValuesForObjectWithID(con
                                                                              ManagedObjectContext* context,
                                                                              Error* error) {
   registerContext(context);
-  const Value values = cache_->valuesForObjectID(objectID, context);
+  const Value values = state_->cache->valuesForObjectID(objectID, context);
   if (values.isNil()) {
     setError(error, Error(kCocoaErrorDomain, 133000, "No object for " + objectID.uriRepresentation()));
     return nullptr;
@@ -272,7 +274,7 @@ std::optional<Value> CorvaneStore::newValueForRelationship(const RelationshipDes
                                                            const ObjectID& objectID, ManagedObjectContext* context,
                                                            Error* /*error*/) {
   if (storeUID(objectID).empty()) return Value();
-  const Value all = cache_->allValuesForObjectID(objectID, context);
+  const Value all = state_->cache->allValuesForObjectID(objectID, context);
   const Value& value = all[relationship.name()];
   if (relationship.isToMany()) return value;
   auto idOrNil = [](const Value& v) { return ObjectID::fromValue(v) ? v : Value(); };
@@ -282,7 +284,7 @@ std::optional<Value> CorvaneStore::newValueForRelationship(const RelationshipDes
 }
 
 ObjectID CorvaneStore::newObjectIDForEntity(const EntityDescription* entity, const Value& referenceObject) {
-  if (entity == nullptr || closed_ || persistentStoreCoordinator() == nullptr) return ObjectID();
+  if (entity == nullptr || state_->updates.closed || persistentStoreCoordinator() == nullptr) return ObjectID();
   // A UID names its object's folder: one read from another device's file that is no plain file
   // name (a reference "Person/../../x") gets no object, so it never reaches a path.
   if (referenceObject.isString() && !isPlainFileName(referenceObject.str())) return ObjectID();
@@ -297,13 +299,13 @@ std::optional<std::vector<ObjectID>> CorvaneStore::obtainPermanentIDsForObjects(
     // UIDs are born here, unless one was chosen for the object.
     std::string uid;
     {
-      std::lock_guard<std::mutex> lock(objectIDsMutex_);
-      if (auto chosen = chosenUIDs_.find(object); chosen != chosenUIDs_.end()) {
+      std::lock_guard<std::mutex> lock(state_->objectIDs.mutex);
+      if (auto chosen = state_->objectIDs.chosenUIDs.find(object); chosen != state_->objectIDs.chosenUIDs.end()) {
         uid = std::move(chosen->second);
-        chosenUIDs_.erase(chosen);
+        state_->objectIDs.chosenUIDs.erase(chosen);
       }
     }
-    if (uid.empty()) uid = env_->newUUIDString();
+    if (uid.empty()) uid = state_->env->newUUIDString();
     ids.push_back(IncrementalStore::newObjectIDForEntity(&object->entity(), Value(uid)));
   }
   return ids;
@@ -311,8 +313,8 @@ std::optional<std::vector<ObjectID>> CorvaneStore::obtainPermanentIDsForObjects(
 
 void CorvaneStore::setUIDForInsertedObject(const ManagedObject* object, std::string uid) {
   if (object == nullptr || !isPlainFileName(uid)) return;
-  std::lock_guard<std::mutex> lock(objectIDsMutex_);
-  chosenUIDs_[object] = std::move(uid);
+  std::lock_guard<std::mutex> lock(state_->objectIDs.mutex);
+  state_->objectIDs.chosenUIDs[object] = std::move(uid);
 }
 
 std::string CorvaneStore::uidForObjectID(const ObjectID& objectID, ManagedObjectContext* context) {
@@ -325,7 +327,7 @@ std::string CorvaneStore::uidForObjectID(const ObjectID& objectID, ManagedObject
 
 void CorvaneStore::managedObjectContextDidUnregisterObjectsWithIDs(const std::vector<ObjectID>& objectIDs) {
   // Contexts let these go: the large binary values they read can go too.
-  cache_->compactObjectIDs(objectIDs);
+  state_->cache->compactObjectIDs(objectIDs);
 }
 
 // ---- Rebuilding one object from its files -------------------------------------------------------
@@ -345,8 +347,8 @@ CorvaneCacheItemPtr CorvaneStore::loadValuesForObjectID(const ObjectID& objectID
 std::vector<std::string> CorvaneStore::changesFilesFor(const EntityDescription& entity, const std::string& uid) {
   const std::optional<std::string> folder = pathJoinFileName(pathJoin(entitiesURL(), fileNameForEntity(entity)), uid);
   std::vector<std::string> names;
-  if (!folder || !env_->listDirectory(*folder, true, &names, nullptr)) return {};
-  const Value applied = cache_->changeNames();
+  if (!folder || !state_->env->listDirectory(*folder, true, &names, nullptr)) return {};
+  const Value applied = state_->cache->changeNames();
   std::vector<std::string> files;
   for (const std::string& name : names) {
     if (applied.contains(Value(name))) files.push_back(pathJoin(*folder, name));
@@ -363,11 +365,11 @@ CorvaneCacheItemPtr CorvaneStore::loadValuesForEntity(const EntityDescription& e
   if (files.empty()) return {};  // no applied change wrote this object: there is none
   CorvaneCacheItemPtr item = CorvaneCacheItem::create();
   for (const std::string& file : files) {
-    if (!volumes_->isOnDisk(env_, file)) {
+    if (!state_->volumes->isOnDisk(state_->env, file)) {
       addLoadingIssue(loadingIssueWithType(kLoadingIssueRemoteFile, file));
       return {};
     }
-    std::optional<Bytes> bytes = store_internal::readBytes(env_, file);
+    std::optional<Bytes> bytes = store_internal::readBytes(state_->env, file);
     if (!bytes) {
       addLoadingIssue(loadingIssueWithType(kLoadingIssueMissingFile, file));
       return {};
@@ -403,18 +405,18 @@ Value CorvaneStore::loadingIssueWithType(const std::string& type, const std::str
   issue.set(Value("type"), Value(type));
   issue.set(Value("url"), Value("file://" + url));
   if (!value.isNil()) issue.set(Value("value"), value);
-  issue.set(Value("date"), Value::date(env_->now()));
+  issue.set(Value("date"), Value::date(state_->env->now()));
   return issue.copy();
 }
 
 void CorvaneStore::addLoadingIssue(const Value& issue) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  loadingIssues_.append(issue);
+  std::lock_guard<std::mutex> lock(state_->log.mutex);
+  state_->log.loadingIssues.append(issue);
 }
 
 Value CorvaneStore::loadingIssues() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return loadingIssues_.copy();
+  std::lock_guard<std::mutex> lock(state_->log.mutex);
+  return state_->log.loadingIssues.copy();
 }
 
 }  // namespace corvane

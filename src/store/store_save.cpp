@@ -14,7 +14,9 @@
 #include "corvane/security/string_utils.h"
 #include "corvane/store/corvane_change.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/corvane_store_options.h"
 #include "store/store_internal.h"
+#include "store/store_state.h"
 
 namespace corvane {
 
@@ -192,7 +194,7 @@ std::optional<Value> CorvaneStore::executeSaveRequest(const SaveChangesRequest& 
     return std::nullopt;
   }
   Error folderError;
-  if (!env_->createDirectory(url(), true, &folderError)) {
+  if (!state_->env->createDirectory(url(), true, &folderError)) {
     setError(error, std::move(folderError));
     return std::nullopt;
   }
@@ -206,10 +208,10 @@ std::optional<Value> CorvaneStore::executeSaveRequest(const SaveChangesRequest& 
   NotificationCenter::defaultCenter().post(
       kCorvaneBeginSaveNotification, this,
       dict({{"count", Value(count)}, {"context", Value::object(new ContextReference(context))}}));
-  saveOperationsCount_ = count;
-  saveOperationsValue_ = 0;
+  state_->writer.operationsCount = count;
+  state_->writer.operationsValue = 0;
 
-  CorvaneChange change(this, env_->now());
+  CorvaneChange change(this, state_->env->now());
   for (const auto& object : updated) {
     saveToStore(*object, *this, change, kChangeTypeUpdate);
     incrementProgress();
@@ -232,27 +234,27 @@ double CorvaneStore::claimChangeNameDate(double date) {
   // Names carry whole milliseconds: compare and step in them. A stepped time is the middle of
   // its millisecond, so that formatting it cannot fall into the one before.
   const auto millisecond = static_cast<int64_t>(std::floor(date * 1000.0));
-  std::lock_guard<std::mutex> lock(nameDateMutex_);
-  const bool clockWentBack = millisecond < lastClockMillisecond_;
-  lastClockMillisecond_ = millisecond;
+  std::lock_guard<std::mutex> lock(state_->writer.nameDateMutex);
+  const bool clockWentBack = millisecond < state_->writer.lastClockMillisecond;
+  state_->writer.lastClockMillisecond = millisecond;
   // A clock set back is the device's own time, as every device reads it: names keep it.
-  if (clockWentBack || millisecond > lastNameMillisecond_) {
-    lastNameMillisecond_ = millisecond;
+  if (clockWentBack || millisecond > state_->writer.lastNameMillisecond) {
+    state_->writer.lastNameMillisecond = millisecond;
     return date;
   }
-  ++lastNameMillisecond_;
-  return (static_cast<double>(lastNameMillisecond_) + 0.5) / 1000.0;
+  ++state_->writer.lastNameMillisecond;
+  return (static_cast<double>(state_->writer.lastNameMillisecond) + 0.5) / 1000.0;
 }
 
 void CorvaneStore::incrementProgress() {
-  const int64_t value = ++saveOperationsValue_;
+  const int64_t value = ++state_->writer.operationsValue;
   Value info;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
-    info = progressInfo_;
+    std::lock_guard<std::mutex> lock(state_->writer.progressMutex);
+    info = state_->writer.progressInfo;
   }
   if (info.isNil()) return;
-  const int64_t max = saveOperationsCount_.load();
+  const int64_t max = state_->writer.operationsCount.load();
   onMain([info, max, value] {
     Value target = info;
     target.set(Value("progressMax"), Value(static_cast<long long>(max)));
@@ -261,8 +263,8 @@ void CorvaneStore::incrementProgress() {
 }
 
 void CorvaneStore::setProgressInfo(const Value& mutableDictionary) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  progressInfo_ = mutableDictionary.isDictionary() && mutableDictionary.isMutable() ? mutableDictionary : Value();
+  std::lock_guard<std::mutex> lock(state_->writer.progressMutex);
+  state_->writer.progressInfo = mutableDictionary.isDictionary() && mutableDictionary.isMutable() ? mutableDictionary : Value();
 }
 
 // ---- A whole graph ------------------------------------------------------------------------------
@@ -273,11 +275,11 @@ void CorvaneStore::writeAllObjectsInContext(const std::shared_ptr<ManagedObjectC
                                             std::function<void(bool written)> completion) {
   auto child = ManagedObjectContext::create(ConcurrencyType::PrivateQueue);
   child->setParentContext(context);
-  cache_->queue().async([this, child, fromStore, options, progress = std::move(progress),
+  state_->cache->queue().async([this, child, fromStore, options, progress = std::move(progress),
                          completion = std::move(completion)] {
-    CorvaneChange change(fromStore != nullptr ? fromStore : this, env_->now());
+    CorvaneChange change(fromStore != nullptr ? fromStore : this, state_->env->now());
     Error error;
-    if (!env_->createDirectory(url(), true, &error)) change.fail(error);
+    if (!state_->env->createDirectory(url(), true, &error)) change.fail(error);
     child->performAndWait([&] {
       const std::vector<const EntityDescription*> all = child->model()->entities();
       const auto entities = static_cast<double>(all.size());

@@ -17,7 +17,9 @@
 #include "corvane/store/corvane_change.h"
 #include "corvane/store/corvane_managed_object_context.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/corvane_store_options.h"
 #include "store/store_internal.h"
+#include "store/store_state.h"
 
 namespace corvane {
 
@@ -44,16 +46,16 @@ struct CorvaneStore::Pass {
 // ---- Scheduling ---------------------------------------------------------------------------------
 
 void CorvaneStore::scheduleUpdate(double delay) {
-  std::lock_guard<std::mutex> lock(tokensMutex_);
-  updateToken_.cancel();
-  updateToken_ = mainLoop_->postAfter(delay, guarded([this] { updateChanges(); }));
+  std::lock_guard<std::mutex> lock(state_->updates.tokensMutex);
+  state_->updates.updateToken.cancel();
+  state_->updates.updateToken = state_->mainLoop->postAfter(delay, guarded([this] { updateChanges(); }));
 }
 
 void CorvaneStore::invalidatePaths(const std::vector<std::string>& paths) {
   if (paths.empty() || isClosed()) return;  // a closed store ignores other devices
-  std::lock_guard<std::mutex> lock(tokensMutex_);
-  processToken_.cancel();
-  processToken_ = mainLoop_->postAfter(debounceDelay_, guarded([this] { processChanges(); }));
+  std::lock_guard<std::mutex> lock(state_->updates.tokensMutex);
+  state_->updates.processToken.cancel();
+  state_->updates.processToken = state_->mainLoop->postAfter(state_->updates.debounceDelay, guarded([this] { processChanges(); }));
 }
 
 // observeDirectory() and unobserveDirectory() are in store_watch.cpp.
@@ -61,30 +63,30 @@ void CorvaneStore::invalidatePaths(const std::vector<std::string>& paths) {
 void CorvaneStore::updateChanges() {
   // One atomic step: the cache's binding calls this off the main thread, and a test followed by
   // a set would let two callers start a pass each.
-  if (updating_.exchange(true)) {
+  if (state_->updates.updating.exchange(true)) {
     log("Update in progress: Abort and trying again in some seconds", kCorvaneLogTypeWarning);
-    scheduleUpdate(retryDelay_);
+    scheduleUpdate(state_->updates.retryDelay);
     return;
   }
-  const double start = env_->monotonicNow();
+  const double start = state_->env->monotonicNow();
   updateChangesWithCompletion([this, start](bool success) {
     if (success) {
-      if (cache_->changeLog()) {
-        log(fmt::format("File: {} up to date after {:.2f} seconds", documentIdentifier(), env_->monotonicNow() - start),
+      if (state_->cache->changeLog()) {
+        log(fmt::format("File: {} up to date after {:.2f} seconds", documentIdentifier(), state_->env->monotonicNow() - start),
             kCorvaneLogTypeSuccess);
         log(fmt::format("Checksum: {}", checkSum()), kCorvaneLogTypeSuccess);
         NotificationCenter::defaultCenter().post(kCorvaneDidFinishLoadingNotification, this);
       } else {
-        scheduleUpdate(retryDelay_);
+        scheduleUpdate(state_->updates.retryDelay);
       }
-      cache_->cacheMissingItems();
+      state_->cache->cacheMissingItems();
     } else {
       log("Missing files: Abort and trying again in some seconds", kCorvaneLogTypeWarning);
-      scheduleUpdate(retryDelay_);
+      scheduleUpdate(state_->updates.retryDelay);
     }
-    updating_ = false;
+    state_->updates.updating = false;
     onMain([this] {
-      ++finishedPasses_;
+      ++state_->updates.finishedPasses;
       NotificationCenter::defaultCenter().post(kCorvaneReadyNotification);
     });
   });
@@ -93,7 +95,7 @@ void CorvaneStore::updateChanges() {
 void CorvaneStore::updateChangesWithCompletion(std::function<void(bool)> completion) {
   const std::string folder = changesURL();
   std::vector<std::string> listed;
-  if (folder.empty() || !env_->listDirectory(folder, true, &listed, nullptr)) {
+  if (folder.empty() || !state_->env->listDirectory(folder, true, &listed, nullptr)) {
     log("No change files found", kCorvaneLogTypeSuccess);
     completion(true);
     return;
@@ -103,7 +105,7 @@ void CorvaneStore::updateChangesWithCompletion(std::function<void(bool)> complet
     if (store_internal::hasJSONExtension(name)) pass->names.push_back(std::move(name));
   }
   std::sort(pass->names.begin(), pass->names.end());
-  changesFileCount_ = pass->names.size();
+  state_->updates.changesFileCount = pass->names.size();
   if (const std::string upTo = upToChange(); !upTo.empty()) {
     auto last = std::find(pass->names.begin(), pass->names.end(), upTo);
     if (last != pass->names.end()) pass->names.erase(last + 1, pass->names.end());
@@ -111,7 +113,7 @@ void CorvaneStore::updateChangesWithCompletion(std::function<void(bool)> complet
 
   // Files are recognised by name alone: the first one that the log lacks, or that differs from
   // the log at its place, starts the pass, and the log forgets everything from there.
-  const Value applied = cache_->changes();
+  const Value applied = state_->cache->changes();
   const size_t count = pass->names.size();
   size_t start = count;
   for (size_t i = 0; i < count; ++i) {
@@ -133,7 +135,7 @@ void CorvaneStore::updateChangesWithCompletion(std::function<void(bool)> complet
   }
   std::vector<std::string> forgotten;
   for (size_t i = start; i < applied.count(); ++i) forgotten.push_back(applied.at(i)["name"].str());
-  readQueue_.async([this, pass, forgotten = std::move(forgotten)]() mutable {
+  state_->updates.readQueue.async([this, pass, forgotten = std::move(forgotten)]() mutable {
     checkBeforeForgetting(pass, std::move(forgotten));
   });
 }
@@ -150,7 +152,7 @@ void CorvaneStore::checkBeforeForgetting(std::shared_ptr<Pass> pass, std::vector
   for (size_t i = pass->start; i < pass->names.size(); ++i) {
     if (old.contains(pass->names[i])) last = i + 1;
   }
-  for (size_t i = pass->start; i < last && !closed_; ++i) {
+  for (size_t i = pass->start; i < last && !state_->updates.closed; ++i) {
     if (old.contains(pass->names[i])) continue;
     Pass quiet;
     Value change, combined, parsedObjects;
@@ -160,7 +162,7 @@ void CorvaneStore::checkBeforeForgetting(std::shared_ptr<Pass> pass, std::vector
     }
     readChange(*pass, pass->names[i], true, &change, &combined, &parsedObjects);
     onMain([this, pass] {
-      hasRemoteFiles_ = pass->notOnDisk;
+      state_->updates.hasRemoteFiles = pass->notOnDisk;
       pass->completion(false);
     });
     return;
@@ -171,15 +173,15 @@ void CorvaneStore::checkBeforeForgetting(std::shared_ptr<Pass> pass, std::vector
 // Forgets what the log holds from the pass's start on (everything, by emptying the cache, when
 // that is the first change) and applies the files from there on the read queue.
 void CorvaneStore::beginPass(std::shared_ptr<Pass> pass) {
-  const Value applied = cache_->changes();
+  const Value applied = state_->cache->changes();
   if (pass->start < applied.count()) {
     std::vector<Value> kept(applied.elements().begin(), applied.elements().begin() + static_cast<long>(pass->start));
-    if (auto changeLog = cache_->changeLog()) changeLog->setContent(Value::array(std::move(kept)));
-    cache_->updateChangeNames();
+    if (auto changeLog = state_->cache->changeLog()) changeLog->setContent(Value::array(std::move(kept)));
+    state_->cache->updateChangeNames();
   }
-  if (pass->start == 0) cache_->reset();
+  if (pass->start == 0) state_->cache->reset();
   pass->replay = pass->start == 0;
-  readQueue_.async([this, pass] { runPass(pass); });
+  state_->updates.readQueue.async([this, pass] { runPass(pass); });
 }
 
 // Reads, decrypts, parses and validates one change file of a pass, logging each problem with its
@@ -198,14 +200,14 @@ CorvaneStore::ChangeReading CorvaneStore::readChange(Pass& pass, const std::stri
     if (report) log(message, type, change, std::move(menu));
   };
 
-  if (!volumes_->isOnDisk(env_, path)) {
+  if (!state_->volumes->isOnDisk(state_->env, path)) {
     say(fmt::format("Change file is not on disk: {}", shortPath), kCorvaneLogTypeError, Value(), {});
     pass.missing = true;
     pass.notOnDisk = true;
   }
   Value change;
   bool damaged = false;
-  if (std::optional<Bytes> bytes = readBytes(env_, path); !bytes) {
+  if (std::optional<Bytes> bytes = readBytes(state_->env, path); !bytes) {
     say(fmt::format("Missing change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore});
     pass.missing = true;
     if (!recovering) return ChangeReading::Stop;
@@ -246,7 +248,7 @@ CorvaneStore::ChangeReading CorvaneStore::readChange(Pass& pass, const std::stri
       setErrorLevel(kCorvaneLogTypeError);
     }
     const std::string previousPath = pathJoin(folder, previous.str());
-    if (!env_->fileExists(previousPath)) {
+    if (!state_->env->fileExists(previousPath)) {
       say(fmt::format("Missing change file: {}", previous.str()), kCorvaneLogTypeWarning, change,
           {StoreMenuItem{"Ignore", kStoreMenuActionInsertChange, previousPath}, show});
       pass.missing = true;
@@ -258,7 +260,7 @@ CorvaneStore::ChangeReading CorvaneStore::readChange(Pass& pass, const std::stri
 }
 
 void CorvaneStore::runPass(std::shared_ptr<Pass> pass) {
-  for (size_t i = pass->start; i < pass->names.size() && !closed_; ++i) {
+  for (size_t i = pass->start; i < pass->names.size() && !state_->updates.closed; ++i) {
     Value change, combined, parsedObjects;
     const ChangeReading reading = readChange(*pass, pass->names[i], true, &change, &combined, &parsedObjects);
     if (reading == ChangeReading::Stop) break;
@@ -274,12 +276,12 @@ void CorvaneStore::runPass(std::shared_ptr<Pass> pass) {
     if (content["delete"].isDictionary()) mergeWithDictionary(pass->deleted, content["delete"]);
     if (recovery || pass->replay) foldReplayedChange(*pass, change, content, parsedObjects);
     const bool external = !pass->replay;
-    onMain([this, change, external] { cache_->addChange(change, external); });
+    onMain([this, change, external] { state_->cache->addChange(change, external); });
   }
   const bool recovering = recover();
   onMain([this, pass] { refreshInsertedObjects(pass->inserted, pass->updated, pass->deleted); });
   onMain([this, pass, recovering] {
-    hasRemoteFiles_ = pass->notOnDisk;
+    state_->updates.hasRemoteFiles = pass->notOnDisk;
     pass->completion(recovering || !(pass->missing || pass->notOnDisk));
   });
 }
@@ -301,7 +303,7 @@ void CorvaneStore::foldReplayedChange(Pass& pass, const Value& change, const Val
     // The objects of a discarded change are read from their files again.
     for (const char* type : {kChangeTypeInsert, kChangeTypeUpdate, kChangeTypeDelete}) {
       forEachObject(content[type], [&](const EntityDescription& entity, const std::string& uid, const ObjectID& id) {
-        cache_->removeObjectID(id);
+        state_->cache->removeObjectID(id);
         pass.unfoldable.insert(entity.name() + "/" + uid);
       });
     }
@@ -315,7 +317,7 @@ void CorvaneStore::foldReplayedChange(Pass& pass, const Value& change, const Val
       Value values = parsedObjects[key];
       if (!values.isDictionary()) {
         // Validation skips the inserts of an entity that the change also updates.
-        if (std::optional<Bytes> bytes = readBytes(env_, file)) {
+        if (std::optional<Bytes> bytes = readBytes(state_->env, file)) {
           if (std::optional<Bytes> plain = decrypt(*bytes)) {
             if (std::optional<Value> parsed = jsonToValue(asStringView(*plain)); parsed && parsed->isDictionary()) {
               values = *parsed;
@@ -326,20 +328,20 @@ void CorvaneStore::foldReplayedChange(Pass& pass, const Value& change, const Val
       bool folded = false;
       if (values.isDictionary()) {
         try {
-          cache_->updateCacheForObjectID(id, values, file);
+          state_->cache->updateCacheForObjectID(id, values, file);
           folded = true;
         } catch (const Exception& e) {
           log(e.name() + ": " + e.reason(), kCorvaneLogTypeError);
         }
       }
       if (!folded) {
-        cache_->removeObjectID(id);
+        state_->cache->removeObjectID(id);
         pass.unfoldable.insert(key);
       }
     });
   }
   forEachObject(content[kChangeTypeDelete],
-                [&](const EntityDescription&, const std::string&, const ObjectID& id) { cache_->removeObjectID(id); });
+                [&](const EntityDescription&, const std::string&, const ObjectID& id) { state_->cache->removeObjectID(id); });
 }
 
 // ---- Validation ---------------------------------------------------------------------------------
@@ -409,15 +411,15 @@ bool CorvaneStore::validateChange(const Value& change, bool lightWeight, bool re
       const std::string objectFile = pathJoin(objectFolder, name);
       const std::string shortFile = shortURL(objectFile);
       if (!lightWeight) {
-        std::optional<FileAttributes> attributes = env_->attributes(objectFile);
+        std::optional<FileAttributes> attributes = state_->env->attributes(objectFile);
         std::optional<Bytes> bytes;
         if (!attributes) {
           stop = fail(fmt::format("Missing file: {}", shortFile), kCorvaneLogTypeWarning);
-        } else if (!volumes_->isOnDisk(env_, objectFile)) {
+        } else if (!state_->volumes->isOnDisk(state_->env, objectFile)) {
           stop = fail(fmt::format("File not on disk: {}", shortFile), kCorvaneLogTypeError);
         } else if (attributes->size == 0) {
           stop = fail(fmt::format("Empty file: {}", shortFile), kCorvaneLogTypeWarning);
-        } else if (bytes = readBytes(env_, objectFile); !bytes) {
+        } else if (bytes = readBytes(state_->env, objectFile); !bytes) {
           stop = fail(fmt::format("Missing file: {}", shortFile), kCorvaneLogTypeWarning);
         } else if (std::optional<Bytes> plain = decrypt(*bytes); !plain) {
           // Reported, but the other files are still checked.
@@ -439,13 +441,13 @@ bool CorvaneStore::validateChange(const Value& change, bool lightWeight, bool re
         if (length == 0) continue;
         const std::string dataFile = correctedDataURL(pathJoin(pathJoin(objectFolder, "Data"), data["name"].str()));
         const std::string shortData = shortURL(dataFile);
-        std::optional<FileAttributes> attributes = env_->attributes(dataFile);
-        if (!attributes || !volumes_->isOnDisk(env_, dataFile)) {
+        std::optional<FileAttributes> attributes = state_->env->attributes(dataFile);
+        if (!attributes || !state_->volumes->isOnDisk(state_->env, dataFile)) {
           stop = fail(fmt::format("Data file is not on disk: {}", shortData), kCorvaneLogTypeError);
         } else if (static_cast<int64_t>(attributes->size) != length) {
           stop = fail(fmt::format("Missing or incomplete data file: {}", shortData), kCorvaneLogTypeWarning);
         } else if (data["hash"].isString() && !lightWeight) {
-          std::optional<Bytes> bytes = readBytes(env_, dataFile);
+          std::optional<Bytes> bytes = readBytes(state_->env, dataFile);
           if (!bytes || corvaneSHA256HexDigest(*bytes) != data["hash"].str()) {
             stop = fail(fmt::format("Hash mismatch for data file: {}", shortData), kCorvaneLogTypeWarning);
           }
@@ -474,15 +476,15 @@ std::vector<ChangeWaitingForFiles> CorvaneStore::changesWaitingForFiles() {
   std::vector<ChangeWaitingForFiles> waiting;
   const std::string folder = changesURL();
   std::vector<std::string> names;
-  if (folder.empty() || !env_->listDirectory(folder, true, &names, nullptr)) return waiting;
+  if (folder.empty() || !state_->env->listDirectory(folder, true, &names, nullptr)) return waiting;
   std::unordered_set<std::string> applied;
-  const Value known = cache_->changes();
+  const Value known = state_->cache->changes();
   for (const Value& change : known.elements()) applied.insert(change["name"].str());
   std::sort(names.begin(), names.end());
   const std::string entities = entitiesURL();
   for (const std::string& name : names) {
     if (!store_internal::hasJSONExtension(name) || applied.contains(name)) continue;
-    std::optional<Bytes> bytes = readBytes(env_, pathJoin(folder, name));
+    std::optional<Bytes> bytes = readBytes(state_->env, pathJoin(folder, name));
     std::optional<Bytes> plain = bytes ? decrypt(*bytes) : std::nullopt;
     std::optional<Value> change = plain ? jsonToValue(asStringView(*plain)) : std::nullopt;
     // A change that names paths outside its folders is damaged, not waiting.
@@ -495,8 +497,8 @@ std::vector<ChangeWaitingForFiles> CorvaneStore::changesWaitingForFiles() {
     entry.fullUserName =
         (*change)["session"]["fullUserName"].isString() ? (*change)["session"]["fullUserName"].str() : "";
     auto there = [this](const std::string& path, std::optional<int64_t> length) {
-      std::optional<FileAttributes> attributes = env_->attributes(path);
-      if (!attributes || !volumes_->isOnDisk(env_, path)) return false;
+      std::optional<FileAttributes> attributes = state_->env->attributes(path);
+      if (!attributes || !state_->volumes->isOnDisk(state_->env, path)) return false;
       return length ? static_cast<int64_t>(attributes->size) == *length : attributes->size > 0;
     };
     for (const auto& [entityName, byUID] : combined.entries()) {
@@ -536,12 +538,12 @@ void CorvaneStore::reportNonPlainName(const std::string& changePath, const std::
 }
 
 std::string CorvaneStore::correctedDataURL(const std::string& path) {
-  if (env_->fileExists(path)) return path;
+  if (state_->env->fileExists(path)) return path;
   // A sync service that met two versions keeps one under a longer name ("<name> (1)").
   const std::string folder = pathDeletingLastComponent(path);
   const std::string name = pathLastComponent(path);
   std::vector<std::string> entries;
-  if (!env_->listDirectory(folder, false, &entries, nullptr)) return path;
+  if (!state_->env->listDirectory(folder, false, &entries, nullptr)) return path;
   for (const std::string& entry : entries) {
     if (entry.size() > name.size() && entry.compare(0, name.size(), name) == 0) return pathJoin(folder, entry);
   }
@@ -562,7 +564,7 @@ std::shared_ptr<CorvaneManagedObjectContext> CorvaneManagedObjectContext::create
 }
 
 void CorvaneStore::refreshInsertedObjects(const Value& inserted, const Value& updated, const Value& deleted) {
-  if (closed_) return;
+  if (state_->updates.closed) return;
   for (const std::shared_ptr<ManagedObjectContext>& context : contexts()) {
     if (dynamic_cast<CorvaneManagedObjectContext*>(context.get()) == nullptr) continue;
     std::shared_ptr<PersistentStoreCoordinator> coordinator = context->persistentStoreCoordinator();
@@ -602,7 +604,7 @@ void CorvaneStore::refreshInsertedObjects(const Value& inserted, const Value& up
     center.post(kCorvaneObjectsWillChangeExternallyNotification, context.get(), userInfo);
     center.post(kCorvaneObjectsChangedInManagingContextNotification, context.get(), userInfo);
     center.post(kCorvaneObjectsDidChangeExternallyNotification, context.get(), userInfo);
-    if (environment_->documentNotifier) environment_->documentNotifier(context.get(), userInfo);
+    if (state_->environment->documentNotifier) state_->environment->documentNotifier(context.get(), userInfo);
   }
 }
 

@@ -4,6 +4,8 @@
 #include "corvane/foundation/file_event_stream.h"
 #include "corvane/foundation/log.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/corvane_store_options.h"
+#include "store/store_state.h"
 
 namespace corvane {
 
@@ -34,7 +36,7 @@ void CorvaneStore::observeDirectory() {
   // Work for a store that is gone is dropped (guarded), and a closed store starts no pass from
   // an event.
   auto stream = std::make_unique<FileEventStream>(
-      folder, latencyOption(storeOptions_),
+      folder, latencyOption(state_->storeOptions),
       [this](const std::vector<std::string>& paths) {
         std::vector<std::string> changed;
         for (const std::string& path : paths)
@@ -44,13 +46,13 @@ void CorvaneStore::observeDirectory() {
           if (!isClosed()) invalidatePaths(changed);
         })();
       },
-      *mainLoop_);
+      *state_->mainLoop);
   Error error;
   if (stream->start(&error)) {
     log(fmt::format("Added listener to: {}", folder), kCorvaneLogTypeSuccess);
-    std::lock_guard<std::mutex> lock(tokensMutex_);
-    eventStream_ = std::move(stream);
-    observing_ = true;
+    std::lock_guard<std::mutex> lock(state_->watch.mutex);
+    state_->watch.eventStream = std::move(stream);
+    state_->watch.observing = true;
   } else {
     log(fmt::format("Failed adding listener to: {}", folder), kCorvaneLogTypeError);
   }
@@ -60,9 +62,9 @@ void CorvaneStore::unobserveDirectory() {
   std::unique_ptr<FileEventStream> stream;
   {
     // ignoreOwnChange() may be called from the save queue meanwhile.
-    std::lock_guard<std::mutex> lock(tokensMutex_);
-    stream = std::move(eventStream_);
-    observing_ = false;
+    std::lock_guard<std::mutex> lock(state_->watch.mutex);
+    stream = std::move(state_->watch.eventStream);
+    state_->watch.observing = false;
   }
   if (stream) {
     stream->stop();
@@ -71,13 +73,13 @@ void CorvaneStore::unobserveDirectory() {
 }
 
 bool CorvaneStore::isObservingDirectory() const {
-  std::lock_guard<std::mutex> lock(tokensMutex_);
-  return observing_ && eventStream_ && eventStream_->isRunning();
+  std::lock_guard<std::mutex> lock(state_->watch.mutex);
+  return state_->watch.observing && state_->watch.eventStream && state_->watch.eventStream->isRunning();
 }
 
 void CorvaneStore::ignoreOwnChange(const std::string& path) {
-  std::lock_guard<std::mutex> lock(tokensMutex_);
-  if (eventStream_) eventStream_->ignoreOwnChange(path, kOwnChangeWindow);
+  std::lock_guard<std::mutex> lock(state_->watch.mutex);
+  if (state_->watch.eventStream) state_->watch.eventStream->ignoreOwnChange(path, kOwnChangeWindow);
 }
 
 }  // namespace corvane

@@ -37,6 +37,8 @@
 #include "corvane/store/corvane_managed_object_context.h"
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/store_environment.h"
+#include "corvane/store/corvane_store_options.h"
 #include "support/test_models.h"
 
 using namespace corvane;

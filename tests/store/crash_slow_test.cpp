@@ -34,6 +34,7 @@
 
 #include "corvane/graph/fetch_request.h"
 #include "corvane/security/digest.h"
+#include "corvane/store/corvane_store_options.h"
 #include "store/store_test_support.h"
 
 namespace corvane::testing {

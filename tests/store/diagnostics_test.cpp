@@ -4,6 +4,7 @@
 
 #include "corvane/foundation/date_format.h"
 #include "corvane/foundation/plist.h"
+#include "corvane/store/corvane_store_options.h"
 #include "store/store_test_support.h"
 
 namespace corvane::testing {

@@ -20,6 +20,7 @@
 #include <sstream>
 
 #include "corvane/document/volume.h"
+#include "corvane/store/corvane_store_options.h"
 #include "corvane/testing/sync_simulator.h"
 #include "store/store_test_support.h"
 

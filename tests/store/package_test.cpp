@@ -1,6 +1,7 @@
 // The package: Info.plist, recognition, passwords, entity folder names, the class operations.
 #include "corvane/foundation/application_info.h"
 #include "corvane/foundation/plist.h"
+#include "corvane/store/corvane_store_options.h"
 #include "store/store_test_support.h"
 
 namespace corvane::testing {

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "corvane/foundation/application_info.h"
+#include "corvane/store/corvane_store_options.h"
 #include "store/store_test_support.h"
 
 namespace corvane::testing {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "corvane/store/corvane_store_options.h"
 #include "corvane/testing/fault_injection_env.h"
 #include "store/store_test_support.h"
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "store/store_test_support.h"
+#include "corvane/store/corvane_store_options.h"
 
 namespace corvane::testing {
 namespace {

@@ -35,86 +35,38 @@
 // thread.
 #pragma once
 
-#include <atomic>
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
-#include <unordered_map>
+#include <string_view>
 #include <vector>
 
 #include "corvane/cache/cache_store_services.h"
-#include "corvane/foundation/date_format.h"
-#include "corvane/foundation/file_event_stream.h"
+#include "corvane/foundation/env.h"
 #include "corvane/foundation/observable.h"
-#include "corvane/foundation/operation_queue.h"
-#include "corvane/foundation/run_loop.h"
-#include "corvane/foundation/serial_queue.h"
 #include "corvane/graph/persistent_store.h"
-#include "corvane/security/sea_crypto.h"
-#include "corvane/store/store_environment.h"
 #include "corvane/store/store_log.h"
 
 namespace corvane {
 
 class CorvaneCache;
 class CorvaneChange;
+class DateFormatter;
 class ManagedObject;
+class OperationQueue;
+class RunLoop;
 class SaveChangesRequest;
+class SeaCrypto;
+class SerialQueue;
+class StoreEnvironment;
+class StoreVolumeQueries;
 class UserDefaults;
 
 inline constexpr const char* kCorvaneStoreType = "CorvaneStore";
 // The store type identifier the store answers (its `identifier`).
 inline constexpr const char* kCorvaneStoreIdentifier = "Corvane";
-
-// ---- Store options ------------------------------------------------------------------------
-inline constexpr const char* kCorvanePasswordOption = "password";
-inline constexpr const char* kCorvaneCacheRootURLOption = "CorvaneCacheRootURL";  // a path or file URL
-inline constexpr const char* kCorvaneUpToChangeOption = "CorvaneUpToChange";      // a change dictionary
-inline constexpr const char* kCorvaneDocumentIdentifierOption = "DocumentIdentifier";
-inline constexpr const char* kCorvaneDocumentInfoOption = "DocumentInfo";
-inline constexpr const char* kCorvaneDocumentOptionsOption = "DocumentOptions";
-inline constexpr const char* kCorvaneAnonymizeOptions = "CorvaneAnonymizeOptions";
-inline constexpr const char* kCorvaneBusyWindowControllerOptionsKey = "CorvaneBusyWindowControllerOptionsKey";
-inline constexpr const char* kRemoveUbiquitousMetadataOption = "NSPersistentStoreRemoveUbiquitousMetadataOption";
-// Recovery mode (true): the update pass goes on past damaged or missing change files. What the
-// platform's Option key held at opening used to mean.
-inline constexpr const char* kCorvaneRecoverOption = "CorvaneRecover";
-// Seconds before a deferred or failed update pass is tried again (default 10).
-inline constexpr const char* kCorvaneUpdateRetryDelayOption = "CorvaneUpdateRetryDelay";
-// Seconds of quiet after the last file event before an update pass runs (default 5).
-inline constexpr const char* kCorvaneChangeDebounceDelayOption = "CorvaneChangeDebounceDelay";
-// Seconds over which file events of the Changes folder are gathered into one batch (default 2).
-inline constexpr const char* kCorvaneEventLatencyOption = "CorvaneEventLatency";
-// A StoreEnvironment object value (store_environment.h).
-inline constexpr const char* kCorvaneStoreEnvironmentOption = "CorvaneStoreEnvironment";
-
-// ---- Notifications (NotificationCenter::defaultCenter()) ---------------------------------
-// Object: the store; user info {"count": objects to write, "context": the saving context}.
-inline constexpr const char* kCorvaneBeginSaveNotification = "CorvaneBeginSave";
-// Object: the context; user info: kInsertedObjectsKey, kUpdatedObjectsKey, kDeletedObjectsKey.
-inline constexpr const char* kCorvaneObjectsWillChangeExternallyNotification = "CorvaneObjectsWillChangeExternally";
-inline constexpr const char* kCorvaneObjectsChangedInManagingContextNotification =
-    "_NSObjectsChangedInManagingContextPrivateNotification";
-inline constexpr const char* kCorvaneObjectsDidChangeExternallyNotification = "CorvaneObjectsDidChangeExternally";
-inline constexpr const char* kCorvaneDidFinishLoadingNotification = "CorvaneDidFinishLoading";  // object: the store
-inline constexpr const char* kCorvaneReadyNotification = "CorvaneReady";  // no object; after every update pass
-
-// ---- User-defaults keys ---------------------------------------------------------------------
-inline constexpr const char* kCorvaneRecentFilesKey = "CorvaneRecentFiles";
-inline constexpr const char* kCorvaneOverwrittenFilesKey = "CorvaneOverwrittenFiles";
-
-// ---- Loading issues -------------------------------------------------------------------------
-inline constexpr const char* kLoadingIssueRemoteFile = "Remote File";
-inline constexpr const char* kLoadingIssueMissingFile = "Missing File";
-inline constexpr const char* kLoadingIssueEmptyFile = "Empty File";
-inline constexpr const char* kLoadingIssueUndecryptableFile = "Undecryptable File";
-inline constexpr const char* kLoadingIssueLoadingPerformance = "Loading Performance";
 
 // A change file the update passes cannot apply yet because object or data files it names are
 // missing: a sync client often delivers a change file seconds before the files it names.
@@ -198,7 +150,7 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   // Writes the identifier into Info.plist (read afresh) atomically.
   [[nodiscard]] bool setDocumentIdentifier(const std::string& identifier, Error* error = nullptr);
   std::optional<std::string> password() const;
-  bool isEncrypted() const { return password_.has_value(); }
+  bool isEncrypted() const;
   // Recomputes the package's folder URLs, creates "Errors", rebinds the cache (which runs an
   // update pass) and registers the package among the recent files.
   void refreshURLs();
@@ -210,17 +162,17 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   std::string cacheURL() override;
   std::string errorsURL() const;
 
-  const std::string& session() const { return session_; }
-  const std::string& userName() const { return userName_; }
-  const std::string& fullUserName() const { return fullUserName_; }
-  const std::string& machineName() const { return machineName_; }
-  const std::string& osVersion() const { return osVersion_; }
+  const std::string& session() const;
+  const std::string& userName() const;
+  const std::string& fullUserName() const;
+  const std::string& machineName() const;
+  const std::string& osVersion() const;
   Value userInfo() const;
   void setUserInfo(const Value& userInfo);
   // {"userName", "fullUserName", "machineName", "id", "version", "osVersion", "userInfo"?}.
   Value sessionDictionary() const;
   // "yyyy-MM-dd-HH-mm-ss.SSS" in GMT: the date part of change names.
-  const DateFormatter& dateFormatter() const { return dateFormatter_; }
+  const DateFormatter& dateFormatter() const;
   // The time to name a change made at `date` after: `date`, or a millisecond after the last
   // name when the clock has not moved past it. Two saves within one millisecond would
   // otherwise sort by their random UUIDs, the later one first half of the time. A clock set
@@ -244,15 +196,15 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
 
   std::vector<const EntityDescription*> entities() override;
   const EntityDescription* entityForName(std::string_view name) override;
-  CorvaneCache* cache() const { return cache_.get(); }
-  std::shared_ptr<CorvaneCache> sharedCache() const { return cache_; }
-  Env* env() override { return env_; }
-  RunLoop& mainLoop() const { return *mainLoop_; }
-  SerialQueue& readQueue() { return readQueue_; }
-  OperationQueue& saveOperationQueue() { return *saveQueue_; }
-  StoreVolumeQueries& volumes() const { return *volumes_; }
+  CorvaneCache* cache() const;
+  std::shared_ptr<CorvaneCache> sharedCache() const;
+  Env* env() override;
+  RunLoop& mainLoop() const;
+  SerialQueue& readQueue();
+  OperationQueue& saveOperationQueue();
+  StoreVolumeQueries& volumes() const;
 
-  bool isClosed() const { return closed_.load(); }
+  bool isClosed() const;
   // A closed store hands out no object IDs and ignores changes from other devices.
   void setClosed(bool closed);
   // What a document does before closing: marks the store closed, waits for the store's and the
@@ -284,13 +236,13 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   std::optional<Value> executeSaveRequest(const SaveChangesRequest& request, ManagedObjectContext* context,
                                           Error* error);
   void preventFromSaving() override;
-  bool blockSaves() const { return blockSaves_.load(); }
+  bool blockSaves() const;
   // Counts one more object handed to the save queue and, when a progress dictionary is set,
   // updates its "progressMax" and "progressValue" on the main run loop.
   void incrementProgress();
   void setProgressInfo(const Value& mutableDictionary);
-  int64_t saveOperationsCount() const { return saveOperationsCount_.load(); }
-  int64_t saveOperationsValue() const { return saveOperationsValue_.load(); }
+  int64_t saveOperationsCount() const;
+  int64_t saveOperationsValue() const;
   // Copies every object of `context` into this store as one change, on the cache's queue;
   // `progress` (0 to 1: each entity an equal share, moved on by its objects) and `completion`
   // (whether every file of the change is durable; the log says why not) are called on the main
@@ -394,18 +346,18 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   // Refreshes the open contexts and posts the three notifications; main thread.
   void refreshInsertedObjects(const Value& inserted, const Value& updated, const Value& deleted) override;
   void setErrorLevel(const std::string& type);
-  std::string errorLevel() const { return errorLevel_.get(); }
-  Observable<std::string>& errorLevelObservable() { return errorLevel_; }
+  std::string errorLevel() const;
+  Observable<std::string>& errorLevelObservable();
   // The path relative to the package ("Changes/x.json"); other paths unchanged.
   std::string shortURL(const std::string& path) const;
-  bool isUpdating() const { return updating_.load(); }
+  bool isUpdating() const;
   // Update passes of this store that have ended (counted on the main run loop, just before
   // kCorvaneReadyNotification), so that a document can wait for its own first one.
-  size_t finishedPasses() const { return finishedPasses_.load(); }
-  size_t changesFileCount() const { return changesFileCount_.load(); }
-  bool hasRemoteFiles() const { return hasRemoteFiles_.load(); }
-  bool recover() override { return recover_.load(); }
-  void setRecover(bool recover) override { recover_ = recover; }
+  size_t finishedPasses() const;
+  size_t changesFileCount() const;
+  bool hasRemoteFiles() const;
+  bool recover() override;
+  void setRecover(bool recover) override;
   std::string upToChange() override;
 
   // ---- Log -----------------------------------------------------------------------------------
@@ -428,18 +380,20 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   // ---- Cache services ------------------------------------------------------------------------
   ObjectID objectIDForReferenceString(std::string_view reference) override;
   void setObjectIDForReferenceString(std::string_view reference, const ObjectID& objectID) override;
-  std::optional<std::string> cacheRootURL() override { return cacheRootURL_; }
+  std::optional<std::string> cacheRootURL() override;
   void showAlert(const std::string& message, const std::string& informativeText) override;
   void revealInFileViewer(const std::string& path) override;
 
   // The model's entity of that name among this store's (nullptr otherwise).
-  const StoreEnvironment& environment() const { return *environment_; }
+  const StoreEnvironment& environment() const;
   // The contexts that have sent requests to the store and still exist.
   std::vector<std::shared_ptr<ManagedObjectContext>> contexts() const;
 
  private:
   struct Liveness;
+  struct LogObservers;
   struct Pass;
+  struct State;
   friend class CorvaneChange;
   friend class CorvaneSaveOperation;
 
@@ -474,81 +428,7 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   void writeErrorRecord(const Value& record);
   void presentError(const Error& error);
 
-  Value storeOptions_;  // the options without "CorvaneUpToChange"
-  Value environmentValue_;
-  StoreEnvironment* environment_;
-  Env* env_;
-  RunLoop* mainLoop_;
-  std::shared_ptr<StoreVolumeQueries> volumes_;
-  std::shared_ptr<Liveness> liveness_;
-
-  std::optional<std::string> password_;
-  std::optional<std::string> cacheRootURL_;
-  Value upToChange_;
-  double retryDelay_ = 10.0;
-  double debounceDelay_ = 5.0;
-
-  std::string session_, userName_, fullUserName_, machineName_, osVersion_;
-  DateFormatter dateFormatter_;
-  mutable std::mutex mutex_;  // the store's own lock: user info, info dictionary, loading issues, URLs
-  Value userInfo_;
-  mutable Value info_;  // nil until read
-  std::string entitiesURL_, changesURL_, cacheURL_, errorsURL_;
-  Value loadingIssues_;
-
-  mutable std::mutex metadataMutex_;
-  mutable Value cachedMetadata_;
-  mutable bool fetchingMetadata_ = false;
-  mutable std::thread::id metadataFetcher_;
-  mutable uint64_t metadataGeneration_ = 0;  // counts setMetadata() calls
-  mutable std::condition_variable metadataFetched_;
-
-  std::unordered_map<std::string, std::string> entityKeys_, reverseEntityKeys_;
-  std::vector<const EntityDescription*> entityList_;
-
-  mutable std::mutex cryptoMutex_;
-  std::shared_ptr<const SeaCrypto> crypto_;  // made from Info.plist on first use
-
-  mutable std::mutex contextsMutex_;
-  std::vector<std::weak_ptr<ManagedObjectContext>> contexts_;
-
-  std::mutex objectIDsMutex_;
-  std::unordered_map<const ManagedObject*, std::string> chosenUIDs_;  // guarded by objectIDsMutex_
-  std::unordered_map<std::string, ObjectID> objectIDs_;
-
-  std::atomic<bool> closed_{false};
-  std::atomic<bool> blockSaves_{false};
-  std::atomic<bool> recover_{false};
-  std::atomic<bool> updating_{false};
-  std::atomic<bool> hasRemoteFiles_{false};
-  std::atomic<size_t> changesFileCount_{0};
-  std::atomic<size_t> finishedPasses_{0};
-  std::atomic<int64_t> saveOperationsCount_{0};
-  std::atomic<int64_t> saveOperationsValue_{0};
-  std::mutex nameDateMutex_;
-  int64_t lastNameMillisecond_ = INT64_MIN;   // of the last change name, since 2001
-  int64_t lastClockMillisecond_ = INT64_MIN;  // the clock's time when it was named
-  Value progressInfo_;  // guarded by mutex_
-
-  Observable<std::string> errorLevel_;
-  mutable std::mutex logMutex_;
-  std::deque<StoreLogEntry> log_;  // newest first
-  Value errorRecords_;
-  struct LogObservers;
-  std::shared_ptr<LogObservers> logObservers_;
-
-  mutable std::mutex tokensMutex_;
-  RunLoop::Token updateToken_, processToken_, refreshLogToken_;
-  bool observing_ = false;
-  std::unique_ptr<FileEventStream> eventStream_;  // created and destroyed on the main run loop
-
-  mutable std::mutex checksumMutex_;
-  std::string lastCheckSum_;     // the checkSum() at which cachedContentChecksum_ was completed
-  Value cachedContentChecksum_;  // nil until one completed
-
-  std::shared_ptr<CorvaneCache> cache_;
-  SerialQueue readQueue_;
-  std::unique_ptr<OperationQueue> saveQueue_;
+  std::unique_ptr<State> state_;
 };
 
 }  // namespace corvane

@@ -1,0 +1,153 @@
+// What one CorvaneStore holds, grouped by the job it serves. Each group with a lock of its own
+// guards only its own fields, and no group's lock is held while another's is taken, so there
+// is no lock order between them. The one lock held across other work is the liveness lock
+// (see Liveness), and nothing that runs under it waits for a store thread.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "corvane/cache/cache.h"
+#include "corvane/foundation/date_format.h"
+#include "corvane/foundation/file_event_stream.h"
+#include "corvane/foundation/observable.h"
+#include "corvane/foundation/operation_queue.h"
+#include "corvane/foundation/run_loop.h"
+#include "corvane/foundation/serial_queue.h"
+#include "corvane/security/sea_crypto.h"
+#include "corvane/store/corvane_store.h"
+#include "corvane/store/store_environment.h"
+#include "foundation/observer_list.h"
+
+namespace corvane {
+
+// Lets work queued for the main run loop find out whether its store still exists. The lock is
+// held while such work runs, so the destructor waits for a running piece instead of pulling
+// the store from under it.
+struct CorvaneStore::Liveness {
+  std::recursive_mutex mutex;  // a guarded piece may post and run another one in place
+  bool alive = true;
+};
+
+// Told when the store's log changes (observeLog()).
+struct CorvaneStore::LogObservers : ObserverList<> {};
+
+struct CorvaneStore::State {
+  // ---- Fixed at opening ----------------------------------------------------------------------
+  Value storeOptions;  // the options without "CorvaneUpToChange"
+  Value environmentValue;
+  StoreEnvironment* environment = nullptr;
+  Env* env = nullptr;
+  RunLoop* mainLoop = nullptr;
+  std::shared_ptr<StoreVolumeQueries> volumes;
+  std::shared_ptr<Liveness> liveness = std::make_shared<Liveness>();
+  std::optional<std::string> password;
+  std::optional<std::string> cacheRootURL;
+  Value upToChange;
+  std::string session, userName, fullUserName, machineName, osVersion;
+  DateFormatter dateFormatter{kChangeNameDatePattern, DateTimeZone::gmt()};
+  std::shared_ptr<CorvaneCache> cache;
+
+  // ---- The package: its paths, Info.plist, cipher and entity folder names --------------------
+  struct Package {
+    mutable std::mutex mutex;
+    Value userInfo;                // guarded by mutex
+    mutable Value info;            // guarded by mutex; nil until read
+    std::string entitiesURL, changesURL, cacheURL, errorsURL;  // guarded by mutex
+    mutable std::mutex cryptoMutex;
+    std::shared_ptr<const SeaCrypto> crypto;  // guarded by cryptoMutex; made from Info.plist on first use
+    // Set once at opening, read-only afterwards.
+    std::unordered_map<std::string, std::string> entityKeys, reverseEntityKeys;
+    std::vector<const EntityDescription*> entityList;
+  } package;
+
+  // ---- Metadata: one caller computes it, the others wait for it -------------------------------
+  struct Metadata {
+    mutable std::mutex mutex;
+    mutable Value cached;
+    mutable bool fetching = false;
+    mutable std::thread::id fetcher;
+    mutable uint64_t generation = 0;  // counts setMetadata() calls
+    mutable std::condition_variable fetched;
+  } metadata;
+
+  // ---- Contexts and object IDs ----------------------------------------------------------------
+  struct Contexts {
+    mutable std::mutex mutex;
+    std::vector<std::weak_ptr<ManagedObjectContext>> list;
+  } contexts;
+  struct ObjectIDs {
+    std::mutex mutex;
+    std::unordered_map<const ManagedObject*, std::string> chosenUIDs;
+    std::unordered_map<std::string, ObjectID> byReference;
+  } objectIDs;
+
+  // ---- The change writer: the save path -------------------------------------------------------
+  struct Writer {
+    std::unique_ptr<OperationQueue> queue;
+    std::atomic<bool> blockSaves{false};
+    std::atomic<int64_t> operationsCount{0};
+    std::atomic<int64_t> operationsValue{0};
+    std::mutex nameDateMutex;
+    int64_t lastNameMillisecond = INT64_MIN;   // of the last change name, since 2001
+    int64_t lastClockMillisecond = INT64_MIN;  // the clock's time when it was named
+    std::mutex progressMutex;
+    Value progressInfo;  // guarded by progressMutex
+  } writer;
+
+  // ---- The update pass ----------------------------------------------------------------------
+  struct Updates {
+    explicit Updates(RunLoop* mainLoop)
+        : readQueue(std::string(kFrameworkBundleIdentifier) + ".ReadQueue", mainLoop) {}
+    SerialQueue readQueue;
+    double retryDelay = 10.0;
+    double debounceDelay = 5.0;
+    std::atomic<bool> closed{false};
+    std::atomic<bool> recover{false};
+    std::atomic<bool> updating{false};
+    std::atomic<bool> hasRemoteFiles{false};
+    std::atomic<size_t> changesFileCount{0};
+    std::atomic<size_t> finishedPasses{0};
+    std::mutex tokensMutex;
+    RunLoop::Token updateToken, processToken;  // guarded by tokensMutex
+  } updates;
+
+  // ---- The log and diagnostics --------------------------------------------------------------
+  struct Log {
+    explicit Log(RunLoop* mainLoop) : errorLevel(std::string(kCorvaneLogTypeSuccess), mainLoop) {}
+    Observable<std::string> errorLevel;
+    mutable std::mutex mutex;
+    std::deque<StoreLogEntry> entries;  // guarded by mutex; newest first
+    Value errorRecords = Value::mutableArray();   // guarded by mutex
+    Value loadingIssues = Value::mutableArray();  // guarded by mutex
+    std::shared_ptr<LogObservers> observers = std::make_shared<LogObservers>();
+    RunLoop::Token refreshToken;  // guarded by mutex
+  } log;
+
+  // ---- The folder watch ---------------------------------------------------------------------
+  struct Watch {
+    mutable std::mutex mutex;
+    bool observing = false;                        // guarded by mutex
+    std::unique_ptr<FileEventStream> eventStream;  // guarded by mutex; made and destroyed on the main run loop
+  } watch;
+
+  // ---- Content checksums --------------------------------------------------------------------
+  struct Checksums {
+    std::mutex mutex;
+    std::string lastCheckSum;  // the checkSum() at which content was completed
+    Value content;             // nil until one completed
+  } checksums;
+
+  State(RunLoop* loop) : updates(loop), log(loop) {}
+};
+
+}  // namespace corvane
