@@ -5,6 +5,7 @@
 #include "corvane/foundation/application_info.h"
 #include "corvane/foundation/log.h"
 #include "corvane/foundation/plist.h"
+#include "corvane/testing/fault_injection_env.h"
 #include "support/temp_dir.h"
 
 namespace corvane {
@@ -15,16 +16,8 @@ using testing::TempDir;
 using testing::writeTextFile;
 
 // Points XDG_CONFIG_HOME at a test folder without touching the process environment.
-class ConfigEnv : public EnvWrapper {
- public:
-  explicit ConfigEnv(std::string config) : EnvWrapper(Env::defaultEnv()), config_(std::move(config)) {}
-  std::optional<std::string> environmentVariable(const std::string& name) override {
-    if (name == "XDG_CONFIG_HOME") return config_;
-    return EnvWrapper::environmentVariable(name);
-  }
-
- private:
-  std::string config_;
+struct ConfigEnv : FaultInjectionEnv {
+  explicit ConfigEnv(const std::string& config) { setEnvironmentVariable("XDG_CONFIG_HOME", config); }
 };
 
 TEST(UserDefaults, ChangesAreWrittenAtOnceAsAnXmlPropertyList) {

@@ -1,12 +1,14 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <memory>
 #include <string>
 
 #include "corvane/security/document_password.h"
 #include "corvane/security/file_keychain.h"
 #include "corvane/security/keychain_item.h"
+#include "corvane/testing/fault_injection_env.h"
 #include "secret_service_daemon.h"
 #include "support/temp_dir.h"
 
@@ -308,19 +310,11 @@ TEST_F(FileKeychainTest, AMissingKeyOrDamagedStoreFailsAndIsNeverReplaced) {
   EXPECT_EQ(testing::readTextFile(folder() + "/keychain.json"), damaged);
 }
 
-// Fails every atomic write, as a full disk would.
-class FullDiskEnv : public EnvWrapper {
- public:
-  FullDiskEnv() : EnvWrapper(Env::defaultEnv()) {}
-  bool writeFileAtomically(const std::string& path, ByteView, Error* error) override {
-    return setError(error, Error::fromErrno(ENOSPC, path));
-  }
-};
-
 TEST_F(FileKeychainTest, AFailedWriteIsReportedAndKeepsWhatWasSaved) {
   auto keychain = newFileKeychain(Env::defaultEnv(), folder());
   ASSERT_TRUE(saveDocumentPassword({kApp, "DOC-1"}, "a", "kept", nullptr, keychain.get()));
-  FullDiskEnv full;
+  FaultInjectionEnv full;
+  full.failFrom(1, ENOSPC);
   auto failing = newFileKeychain(&full, folder());
   Error error;
   EXPECT_FALSE(saveDocumentPassword({kApp, "DOC-1"}, "a", "lost", &error, failing.get()));

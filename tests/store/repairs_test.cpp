@@ -39,17 +39,6 @@ TEST_F(RepairsTest, FakeChangesCarryTheirRefreshes) {
   close(s);
 }
 
-TEST_F(RepairsTest, ProgressOfASaveReachesTheHostsDictionary) {
-  OpenStore s = open();
-  Value progress = Value::mutableDictionary();
-  s.store->setProgressInfo(progress);
-  for (int i = 0; i < 3; ++i) s.context->insertNewObject("Company");
-  ASSERT_TRUE(save(s));
-  EXPECT_EQ(progress["progressMax"], Value(3));
-  EXPECT_EQ(progress["progressValue"], Value(3));
-  close(s);
-}
-
 TEST_F(RepairsTest, MetadataJoinsTheInfoDictionaryWithoutWritingIt) {
   OpenStore s = open(dict({{"DocumentInfo", dict({{"Title", "T"}})}}));
   const std::string before = readTextFile(package + "/Info.plist");

@@ -66,15 +66,11 @@ class StoreCommandsTest : public ::testing::Test {
   std::string model = dir / "model.json";
 };
 
-TEST_F(StoreCommandsTest, EveryCommandHasHelp) {
-  for (const char* command : {"create", "info", "insert", "update", "delete", "dump", "changes"}) {
-    RunResult r = run({command, "--help"});
-    EXPECT_EQ(r.status, 0) << command;
-    EXPECT_NE(r.out.find("Usage"), std::string::npos) << command << r.out;
-  }
-  EXPECT_NE(run({"dump", "--help"}).out.find("--cache-root"), std::string::npos);
-  EXPECT_NE(run({"insert", "--help"}).out.find("--recover"), std::string::npos);
-  EXPECT_NE(run({"insert", "--help"}).out.find("--password-file"), std::string::npos);
+TEST_F(StoreCommandsTest, Help) {
+  RunResult r = run({"insert", "--help"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("Usage"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("--recover"), std::string::npos) << r.out;
 }
 
 TEST_F(StoreCommandsTest, ANewUsersSessionWithEveryValueType) {
