@@ -482,37 +482,5 @@ TEST(PosixEnv, LaunchDetachedStartsAProgramAndReportsExecFailures) {
   EXPECT_EQ(error.code, ENOENT);
 }
 
-TEST(ManualClockEnv, ClocksAndIdentityAreSetByHand) {
-  ManualClockEnv env;
-  EXPECT_EQ(env.now(), ManualClockEnv::kDefaultNow);
-  double start = env.monotonicNow();
-  env.advance(5);
-  EXPECT_EQ(env.now(), ManualClockEnv::kDefaultNow + 5);
-  EXPECT_EQ(env.monotonicNow(), start + 5);
-  env.advance(-60);  // the wall clock may jump back; the monotonic one never does
-  EXPECT_EQ(env.now(), ManualClockEnv::kDefaultNow - 55);
-  EXPECT_EQ(env.monotonicNow(), start + 5);
-
-  EXPECT_EQ(env.timeZoneOffset(0), 0);
-  env.setTimeZoneOffset(-7 * 3600);
-  EXPECT_EQ(env.timeZoneOffset(0), -7 * 3600);
-
-  env.setMachineName("Device B");
-  env.setFullUserName("Bea");
-  EXPECT_EQ(env.machineName(), "Device B");
-  EXPECT_EQ(env.fullUserName(), "Bea");
-  EXPECT_EQ(env.userName(), Env::defaultEnv()->userName());
-
-  VolumeInfo share;
-  share.mountPoint = "/mnt/share";
-  share.isLocal = false;
-  VolumeInfo root;
-  root.mountPoint = "/";
-  env.setVolumes({root, share});
-  EXPECT_EQ(env.mountedVolumes().size(), 2u);
-  EXPECT_FALSE(env.volumeForPath("/mnt/share/Doc.ext")->isLocal);
-  EXPECT_TRUE(env.volumeForPath("/home/Doc.ext")->isLocal);
-}
-
 }  // namespace
 }  // namespace corvane

@@ -139,28 +139,5 @@ TEST(UserDefaults, StandardFollowsTheHostApplicationUnlessReplaced) {
   ApplicationInfo::setCurrent(saved);
 }
 
-TEST(ApplicationInfo, ReadsAndWritesTheBundleKeys) {
-  Value types = arr({dict({{"NSPersistentStoreTypeKey", "CorvaneStore"}, {"CFBundleTypeExtensions", arr({"ledger"})}})});
-  ApplicationInfo info = ApplicationInfo::fromDictionary(dict({{"CFBundleIdentifier", "com.example.Ledger"},
-                                                               {"CFBundleName", "Ledger"},
-                                                               {"CFBundleVersion", "412"},
-                                                               {"CFBundleShortVersionString", "4.1"},
-                                                               {"CFBundleDocumentTypes", types},
-                                                               {"Other", 1}}));
-  EXPECT_EQ(info.identifier, "com.example.Ledger");
-  EXPECT_EQ(info.name, "Ledger");
-  EXPECT_EQ(info.version, "412");
-  EXPECT_EQ(info.shortVersion, "4.1");
-  EXPECT_EQ(info.documentTypes, types);
-  EXPECT_EQ(ApplicationInfo::fromDictionary(info.dictionary()).dictionary(), info.dictionary());
-  EXPECT_TRUE(ApplicationInfo::fromDictionary(dict({{"CFBundleVersion", 3}})).version.empty());
-
-  Value framework = frameworkInfoDictionary();
-  EXPECT_EQ(framework["CFBundleIdentifier"].str(), "org.corvane.Corvane");
-  EXPECT_EQ(framework["StorageVersion"].str(), kStorageVersion);
-  EXPECT_FALSE(framework["CFBundleVersion"].str().empty());
-  EXPECT_FALSE(framework["CFBundleShortVersionString"].str().empty());
-}
-
 }  // namespace
 }  // namespace corvane

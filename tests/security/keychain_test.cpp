@@ -220,14 +220,6 @@ INSTANTIATE_TEST_SUITE_P(Backends, KeychainBehaviour, ::testing::Values("file", 
 
 // ---- Independent of the backend ------------------------------------------------------------
 
-TEST(KeychainItemTest, DescriptionsNameClassAndFields) {
-  EXPECT_EQ(MCSMStoreKeychainItem("bob", "pw").description(), "MCSMStoreKeychainItem account:bob");
-  EXPECT_EQ(MCSMStoreGenericKeychainItem(kApp, "DOC-1", "pw").description(),
-            "MCSMStoreGenericKeychainItem service:com.example.Ledger account:DOC-1");
-  EXPECT_EQ(MCSMStoreInternetKeychainItem({"h", "d", "/p", 21, "ftp ", "dflt"}, "bob", "pw").description(),
-            "MCSMStoreInternetKeychainItem server:h securityDomain:d account:bob path:/p port:21");
-}
-
 // A keychain whose every operation fails, as a broken or refusing one would.
 class FailingKeychain : public KeychainBackend {
  public:
