@@ -32,12 +32,7 @@ class DocumentCommandsTest : public ::testing::Test {
   DocumentCommandsTest() { writeTextFile(model, testing::kPeopleModelJSON); }
 
   RunResult run(const std::vector<std::string>& arguments) {
-    RunResult result;
-    result.status = testing::waitForExit(
-        testing::startTool(arguments, {"CORVANE_MACHINE_NAME=Workstation"}, home, dir / "out", dir / "err"));
-    result.out = readTextFile(dir / "out");
-    result.err = readTextFile(dir / "err");
-    return result;
+    return testing::runTool(arguments, {"CORVANE_MACHINE_NAME=Workstation"}, "/dev/null", home);
   }
   std::string firstLine(const RunResult& r) { return r.out.substr(0, r.out.find('\n')); }
   // Starts `corvane sync-server` on a free loopback port; its process and port ("" if it did not

@@ -38,12 +38,7 @@ class StoreCommandsTest : public ::testing::Test {
 
   // Runs the tool with standard input from /dev/null and a private home.
   RunResult run(std::vector<std::string> arguments, const std::vector<std::string>& environment = {}) {
-    const std::string outPath = dir / "out", errPath = dir / "err";
-    RunResult result;
-    result.status = testing::waitForExit(testing::startTool(arguments, environment, dir / "home", outPath, errPath));
-    result.out = readTextFile(outPath);
-    result.err = readTextFile(errPath);
-    return result;
+    return testing::runTool(arguments, environment, "/dev/null", dir / "home");
   }
 
   std::string line(const RunResult& r) { return r.out.empty() ? r.out : r.out.substr(0, r.out.find('\n')); }
