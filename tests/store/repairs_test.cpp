@@ -1,4 +1,4 @@
-// Repairs offered to the host, progress of a save, and the metadata of a store.
+// Repairs offered to the host and the metadata of a store.
 #include "store/store_test_support.h"
 
 namespace corvane::testing {
