@@ -64,6 +64,48 @@ std::vector<std::string> FaultInjectionEnv::injected() const {
   return injected_;
 }
 
+void FaultInjectionEnv::setEnvironmentVariable(const std::string& name, std::optional<std::string> value) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  variables_[name] = std::move(value);
+}
+
+void FaultInjectionEnv::setHomeDirectory(std::string home) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  home_ = std::move(home);
+}
+
+void FaultInjectionEnv::setRandomSource(std::function<bool(uint8_t* out, size_t n)> source) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  randomSource_ = std::move(source);
+}
+
+std::optional<std::string> FaultInjectionEnv::environmentVariable(const std::string& name) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = variables_.find(name);
+    if (it != variables_.end()) return it->second;
+  }
+  return EnvWrapper::environmentVariable(name);
+}
+
+std::string FaultInjectionEnv::homeDirectory() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (home_) return *home_;
+  }
+  return EnvWrapper::homeDirectory();
+}
+
+bool FaultInjectionEnv::randomBytes(uint8_t* out, size_t n) {
+  std::function<bool(uint8_t*, size_t)> source;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    source = randomSource_;
+  }
+  // Called outside the lock: a source may count its calls or ask this Env again.
+  return source ? source(out, n) : EnvWrapper::randomBytes(out, n);
+}
+
 bool FaultInjectionEnv::counts(const std::string& path) const { return folder_.empty() || isUnder(path, folder_); }
 
 FaultInjectionEnv::Decision FaultInjectionEnv::decide(const char* what, const std::string& path) {

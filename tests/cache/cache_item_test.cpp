@@ -232,22 +232,5 @@ TEST_F(CacheItemTest, CodesUnderItsFiveKeysAsAKeyedObject) {
   EXPECT_TRUE(bare.state().isNil());
 }
 
-TEST_F(CacheItemTest, LocksItsCollectionWhenItHasOne) {
-  auto table = CorvaneCacheDictionary::dictionaryWithStore(&h.store, "");
-  {
-    auto lock = item->corvaneLock();
-    std::thread other([&] {
-      EXPECT_TRUE(table->mutex().try_lock());
-      table->mutex().unlock();
-    });
-    other.join();
-  }
-  item->setCollection(table);
-  EXPECT_EQ(item->collection(), table);
-  auto lock = item->corvaneLock();
-  std::thread other([&] { EXPECT_FALSE(table->mutex().try_lock()); });
-  other.join();
-}
-
 }  // namespace
 }  // namespace corvane

@@ -139,12 +139,7 @@ class PlainObject : public Object {
   std::string className() const override { return "PlainObject"; }
 };
 
-TEST(KeyedCodingBridge, ClassSideDefaults) {
-  Colour c;
-  EXPECT_TRUE(c.preferKeyedArchiver());
-  EXPECT_FALSE(c.preferFastCoding());
-  EXPECT_EQ(c.classForFastCoding(), "NSColorSpace");
-  EXPECT_TRUE(c.awakeAfterFastCoding().isNil());
+TEST(KeyedCodingBridge, ObjectsWithoutAFastForm) {
   // A keyed archive that cannot be produced writes a Nil in its place; the object still
   // takes an index.
   EXPECT_EQ(encode(Value::object(new Colour())), cat({header(1, 0, 0), {0x2F, 0x00}}));

@@ -119,28 +119,6 @@ TEST_F(DocumentTest, PasswordsComeFromTheOptionsOrThePromptAndANewPackageAsksFor
   EXPECT_EQ(opened->password(), std::optional<std::string>("secret"));
 }
 
-TEST_F(DocumentTest, ProgressBusyStateAndTheEditedMark) {
-  Error error;
-  auto doc = CorvaneDocument::open(package, options(), &error);
-  ASSERT_TRUE(doc);
-  doc->setItemsToLoad(150);
-  EXPECT_FALSE(doc->isBusy());
-  doc->setItemsToLoad(201);
-  EXPECT_TRUE(doc->isBusy());
-  EXPECT_EQ(doc->maxItemsToLoad(), 201);
-  doc->setItemsToLoad(150);
-  EXPECT_TRUE(doc->isBusy());
-  doc->setItemsToLoad(0);
-  EXPECT_FALSE(doc->isBusy());
-  // A saved package never shows as edited.
-  doc->updateChangeCount(PersistentDocument::ChangeKind::Done);
-  EXPECT_FALSE(doc->isDocumentEdited());
-  EXPECT_NE(dynamic_cast<CorvaneUndoManager*>(doc->undoManager()), nullptr);
-  // A short history is not worth optimizing; outside a sync service nobody else is warned of.
-  EXPECT_FALSE(doc->shouldOfferOptimizeFile());
-  EXPECT_EQ(doc->optimizeFileConfirmationText(), "Optimizing consolidates all changes in this file.");
-}
-
 TEST_F(DocumentTest, LowDiskSpaceWarnsBelowOneHundredMillionBytesAndQuitAsksToTerminate) {
   Error error;
   auto doc = CorvaneDocument::open(package, options(), &error);

@@ -13,6 +13,7 @@
 #include <regex>
 
 #include "corvane/foundation/manual_clock_env.h"
+#include "corvane/testing/fault_injection_env.h"
 #include "foundation/posix_env_helpers.h"
 #include "support/temp_dir.h"
 
@@ -42,26 +43,6 @@ class ScopedEnvVar {
  private:
   const char* name_;
   std::optional<std::string> old_;
-};
-
-// An Env whose environment variables, home folder and random bytes are given by the test.
-class FakeIdentityEnv : public EnvWrapper {
- public:
-  FakeIdentityEnv() : EnvWrapper(Env::defaultEnv()) {}
-  std::map<std::string, std::string> variables;
-  std::string home = "/home/ann";
-  uint8_t randomFill = 0;
-
-  std::optional<std::string> environmentVariable(const std::string& name) override {
-    auto it = variables.find(name);
-    if (it == variables.end()) return std::nullopt;
-    return it->second;
-  }
-  std::string homeDirectory() override { return home; }
-  bool randomBytes(uint8_t* out, size_t n) override {
-    std::fill(out, out + n, randomFill);
-    return true;
-  }
 };
 
 std::vector<std::string> list(const std::string& dir, bool skipHidden = false) {
@@ -98,10 +79,14 @@ TEST(PathHelpers, FollowThePlatformPathRules) {
 }
 
 TEST(Env, NewUUIDStringIsVersion4UpperCaseFromRandomBytes) {
-  FakeIdentityEnv env;
-  env.randomFill = 0x00;
+  FaultInjectionEnv env;
+  uint8_t fill = 0x00;
+  env.setRandomSource([&fill](uint8_t* out, size_t n) {
+    std::fill(out, out + n, fill);
+    return true;
+  });
   EXPECT_EQ(env.newUUIDString(), "00000000-0000-4000-8000-000000000000");
-  env.randomFill = 0xFF;
+  fill = 0xFF;
   EXPECT_EQ(env.newUUIDString(), "FFFFFFFF-FFFF-4FFF-BFFF-FFFFFFFFFFFF");
 
   const std::regex form("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
@@ -112,14 +97,20 @@ TEST(Env, NewUUIDStringIsVersion4UpperCaseFromRandomBytes) {
 }
 
 TEST(Env, StandardFoldersUseXdgVariablesWithFallbacks) {
-  FakeIdentityEnv env;
+  FaultInjectionEnv env;
+  env.setHomeDirectory("/home/ann");
+  for (const char* name : {"XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_CONFIG_HOME", "TMPDIR"}) {
+    env.setEnvironmentVariable(name, std::nullopt);
+  }
   EXPECT_EQ(env.dataHome(), "/home/ann/.local/share");
   EXPECT_EQ(env.cacheHome(), "/home/ann/.cache");
   EXPECT_EQ(env.configHome(), "/home/ann/.config");
   EXPECT_EQ(env.temporaryDirectory(), "/tmp");
   EXPECT_EQ(env.desktopDirectory(), "/home/ann/Desktop");
 
-  env.variables = {{"XDG_DATA_HOME", "/data/"}, {"XDG_CACHE_HOME", "relative/ignored"}, {"TMPDIR", "/var/tmp/"}};
+  env.setEnvironmentVariable("XDG_DATA_HOME", "/data/");
+  env.setEnvironmentVariable("XDG_CACHE_HOME", "relative/ignored");
+  env.setEnvironmentVariable("TMPDIR", "/var/tmp/");
   EXPECT_EQ(env.dataHome(), "/data");
   EXPECT_EQ(env.cacheHome(), "/home/ann/.cache");
   EXPECT_EQ(env.temporaryDirectory(), "/var/tmp");
@@ -127,7 +118,7 @@ TEST(Env, StandardFoldersUseXdgVariablesWithFallbacks) {
   TempDir dir;
   writeTextFile(dir / "user-dirs.dirs", "# written by xdg-user-dirs-update\nXDG_DOCUMENTS_DIR=\"$HOME/Docs\"\n"
                                         "XDG_DESKTOP_DIR=\"$HOME/Schreibtisch\"\n");
-  env.variables["XDG_CONFIG_HOME"] = dir.path();
+  env.setEnvironmentVariable("XDG_CONFIG_HOME", dir.path());
   EXPECT_EQ(env.desktopDirectory(), "/home/ann/Schreibtisch");
 }
 
@@ -489,38 +480,6 @@ TEST(PosixEnv, LaunchDetachedStartsAProgramAndReportsExecFailures) {
 
   EXPECT_FALSE(env->launchDetached(dir / "no-such-program", {}, &error));
   EXPECT_EQ(error.code, ENOENT);
-}
-
-TEST(ManualClockEnv, ClocksAndIdentityAreSetByHand) {
-  ManualClockEnv env;
-  EXPECT_EQ(env.now(), ManualClockEnv::kDefaultNow);
-  double start = env.monotonicNow();
-  env.advance(5);
-  EXPECT_EQ(env.now(), ManualClockEnv::kDefaultNow + 5);
-  EXPECT_EQ(env.monotonicNow(), start + 5);
-  env.advance(-60);  // the wall clock may jump back; the monotonic one never does
-  EXPECT_EQ(env.now(), ManualClockEnv::kDefaultNow - 55);
-  EXPECT_EQ(env.monotonicNow(), start + 5);
-
-  EXPECT_EQ(env.timeZoneOffset(0), 0);
-  env.setTimeZoneOffset(-7 * 3600);
-  EXPECT_EQ(env.timeZoneOffset(0), -7 * 3600);
-
-  env.setMachineName("Device B");
-  env.setFullUserName("Bea");
-  EXPECT_EQ(env.machineName(), "Device B");
-  EXPECT_EQ(env.fullUserName(), "Bea");
-  EXPECT_EQ(env.userName(), Env::defaultEnv()->userName());
-
-  VolumeInfo share;
-  share.mountPoint = "/mnt/share";
-  share.isLocal = false;
-  VolumeInfo root;
-  root.mountPoint = "/";
-  env.setVolumes({root, share});
-  EXPECT_EQ(env.mountedVolumes().size(), 2u);
-  EXPECT_FALSE(env.volumeForPath("/mnt/share/Doc.ext")->isLocal);
-  EXPECT_TRUE(env.volumeForPath("/home/Doc.ext")->isLocal);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include "corvane/foundation/application_info.h"
 #include "corvane/foundation/log.h"
 #include "corvane/foundation/plist.h"
+#include "corvane/testing/fault_injection_env.h"
 #include "support/temp_dir.h"
 
 namespace corvane {
@@ -15,16 +16,8 @@ using testing::TempDir;
 using testing::writeTextFile;
 
 // Points XDG_CONFIG_HOME at a test folder without touching the process environment.
-class ConfigEnv : public EnvWrapper {
- public:
-  explicit ConfigEnv(std::string config) : EnvWrapper(Env::defaultEnv()), config_(std::move(config)) {}
-  std::optional<std::string> environmentVariable(const std::string& name) override {
-    if (name == "XDG_CONFIG_HOME") return config_;
-    return EnvWrapper::environmentVariable(name);
-  }
-
- private:
-  std::string config_;
+struct ConfigEnv : FaultInjectionEnv {
+  explicit ConfigEnv(const std::string& config) { setEnvironmentVariable("XDG_CONFIG_HOME", config); }
 };
 
 TEST(UserDefaults, ChangesAreWrittenAtOnceAsAnXmlPropertyList) {
@@ -144,29 +137,6 @@ TEST(UserDefaults, StandardFollowsTheHostApplicationUnlessReplaced) {
   EXPECT_EQ(UserDefaults::standard(), replacement);
   UserDefaults::setStandard(nullptr);
   ApplicationInfo::setCurrent(saved);
-}
-
-TEST(ApplicationInfo, ReadsAndWritesTheBundleKeys) {
-  Value types = arr({dict({{"NSPersistentStoreTypeKey", "CorvaneStore"}, {"CFBundleTypeExtensions", arr({"ledger"})}})});
-  ApplicationInfo info = ApplicationInfo::fromDictionary(dict({{"CFBundleIdentifier", "com.example.Ledger"},
-                                                               {"CFBundleName", "Ledger"},
-                                                               {"CFBundleVersion", "412"},
-                                                               {"CFBundleShortVersionString", "4.1"},
-                                                               {"CFBundleDocumentTypes", types},
-                                                               {"Other", 1}}));
-  EXPECT_EQ(info.identifier, "com.example.Ledger");
-  EXPECT_EQ(info.name, "Ledger");
-  EXPECT_EQ(info.version, "412");
-  EXPECT_EQ(info.shortVersion, "4.1");
-  EXPECT_EQ(info.documentTypes, types);
-  EXPECT_EQ(ApplicationInfo::fromDictionary(info.dictionary()).dictionary(), info.dictionary());
-  EXPECT_TRUE(ApplicationInfo::fromDictionary(dict({{"CFBundleVersion", 3}})).version.empty());
-
-  Value framework = frameworkInfoDictionary();
-  EXPECT_EQ(framework["CFBundleIdentifier"].str(), "org.corvane.Corvane");
-  EXPECT_EQ(framework["StorageVersion"].str(), kStorageVersion);
-  EXPECT_FALSE(framework["CFBundleVersion"].str().empty());
-  EXPECT_FALSE(framework["CFBundleShortVersionString"].str().empty());
 }
 
 }  // namespace

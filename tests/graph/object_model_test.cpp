@@ -56,25 +56,7 @@ TEST(ObjectModel, LoadsEntitiesPropertiesAndInheritance) {
   EXPECT_EQ(note->relationships().size(), 3u);
 }
 
-TEST(ObjectModel, AttributeTypesCarryThePlatformNumbersAndClasses) {
-  struct Case {
-    const char* name;
-    int number;
-    const char* valueClass;
-  };
-  const Case cases[] = {{"integer16", 100, "NSNumber"},  {"integer32", 200, "NSNumber"}, {"integer64", 300, "NSNumber"},
-                        {"decimal", 400, "NSDecimalNumber"}, {"double", 500, "NSNumber"}, {"float", 600, "NSNumber"},
-                        {"string", 700, "NSString"},     {"boolean", 800, "NSNumber"},   {"date", 900, "NSDate"},
-                        {"binary", 1000, "NSData"},      {"uuid", 1100, "NSUUID"},       {"uri", 1200, "NSURL"}};
-  for (const auto& c : cases) {
-    std::string json = std::string(R"({"entities":[{"name":"E","attributes":[{"name":"a","type":")") + c.name + R"("}]}]})";
-    Error error;
-    auto model = ObjectModel::fromJSON(json, &error);
-    ASSERT_TRUE(model) << c.name << ": " << error.localizedDescription;
-    const AttributeDescription* a = model->entity("E")->attribute("a");
-    EXPECT_EQ(static_cast<int>(a->attributeType()), c.number) << c.name;
-    EXPECT_EQ(a->valueClassName(), c.valueClass) << c.name;
-  }
+TEST(ObjectModel, AttributeDefaultsAreReadInTheirType) {
   auto model = ObjectModel::fromJSON(
       R"({"entities":[{"name":"E","attributes":[
           {"name":"t","type":"transformable","valueClass":"NSColor"},

@@ -1,12 +1,14 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <memory>
 #include <string>
 
 #include "corvane/security/document_password.h"
 #include "corvane/security/file_keychain.h"
 #include "corvane/security/keychain_item.h"
+#include "corvane/testing/fault_injection_env.h"
 #include "secret_service_daemon.h"
 #include "support/temp_dir.h"
 
@@ -218,14 +220,6 @@ INSTANTIATE_TEST_SUITE_P(Backends, KeychainBehaviour, ::testing::Values("file", 
 
 // ---- Independent of the backend ------------------------------------------------------------
 
-TEST(KeychainItemTest, DescriptionsNameClassAndFields) {
-  EXPECT_EQ(MCSMStoreKeychainItem("bob", "pw").description(), "MCSMStoreKeychainItem account:bob");
-  EXPECT_EQ(MCSMStoreGenericKeychainItem(kApp, "DOC-1", "pw").description(),
-            "MCSMStoreGenericKeychainItem service:com.example.Ledger account:DOC-1");
-  EXPECT_EQ(MCSMStoreInternetKeychainItem({"h", "d", "/p", 21, "ftp ", "dflt"}, "bob", "pw").description(),
-            "MCSMStoreInternetKeychainItem server:h securityDomain:d account:bob path:/p port:21");
-}
-
 // A keychain whose every operation fails, as a broken or refusing one would.
 class FailingKeychain : public KeychainBackend {
  public:
@@ -308,19 +302,11 @@ TEST_F(FileKeychainTest, AMissingKeyOrDamagedStoreFailsAndIsNeverReplaced) {
   EXPECT_EQ(testing::readTextFile(folder() + "/keychain.json"), damaged);
 }
 
-// Fails every atomic write, as a full disk would.
-class FullDiskEnv : public EnvWrapper {
- public:
-  FullDiskEnv() : EnvWrapper(Env::defaultEnv()) {}
-  bool writeFileAtomically(const std::string& path, ByteView, Error* error) override {
-    return setError(error, Error::fromErrno(ENOSPC, path));
-  }
-};
-
 TEST_F(FileKeychainTest, AFailedWriteIsReportedAndKeepsWhatWasSaved) {
   auto keychain = newFileKeychain(Env::defaultEnv(), folder());
   ASSERT_TRUE(saveDocumentPassword({kApp, "DOC-1"}, "a", "kept", nullptr, keychain.get()));
-  FullDiskEnv full;
+  FaultInjectionEnv full;
+  full.failFrom(1, ENOSPC);
   auto failing = newFileKeychain(&full, folder());
   Error error;
   EXPECT_FALSE(saveDocumentPassword({kApp, "DOC-1"}, "a", "lost", &error, failing.get()));

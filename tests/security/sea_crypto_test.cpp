@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "corvane/testing/fault_injection_env.h"
 #include "security/test_vectors.h"
 
 namespace corvane {
@@ -12,14 +13,13 @@ namespace {
 using namespace testvectors;
 
 // Random bytes are 00 01 02 ... (or a failure), so that a "random" IV is predictable.
-class CountingRandomEnv : public EnvWrapper {
- public:
-  CountingRandomEnv() : EnvWrapper(Env::defaultEnv()) {}
-  bool randomBytes(uint8_t* out, size_t n) override {
-    ++calls;
-    if (fail) return false;
-    for (size_t i = 0; i < n; ++i) out[i] = static_cast<uint8_t>(i);
-    return true;
+struct CountingRandomEnv : FaultInjectionEnv {
+  CountingRandomEnv() {
+    setRandomSource([this](uint8_t* out, size_t n) {
+      ++calls;
+      for (size_t i = 0; i < n; ++i) out[i] = static_cast<uint8_t>(i);
+      return !fail;
+    });
   }
   int calls = 0;
   bool fail = false;

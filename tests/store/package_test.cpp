@@ -188,28 +188,5 @@ TEST_F(PackageTest, RecentFilesKeepOneRecordPerPackage) {
   EXPECT_TRUE(records.at(0)["DocumentInfo"]["DocumentIdentifier"].isString());
 }
 
-TEST_F(PackageTest, SessionIdentityAndDocumentIdentifier) {
-  env.setMachineName("Ann's Laptop");
-  env.setFullUserName("Ann Example");
-  env.setUserName("ann");
-  env.setOsVersion("Debian 12");
-  OpenStore s = open();
-  const Value session = s.store->sessionDictionary();
-  EXPECT_EQ(session["machineName"], Value("Ann's Laptop"));
-  EXPECT_EQ(session["fullUserName"], Value("Ann Example"));
-  EXPECT_EQ(session["userName"], Value("ann"));
-  EXPECT_EQ(session["osVersion"], Value("Debian 12"));
-  EXPECT_TRUE(isUpperUUID(session["id"].str()));
-  EXPECT_TRUE(session["userInfo"].isNil());
-  s.store->setUserInfo(dict({{"team", "blue"}}));
-  EXPECT_EQ(s.store->sessionDictionary()["userInfo"], dict({{"team", "blue"}}));
-  ASSERT_TRUE(s.store->setDocumentIdentifier("NEW-ID"));
-  EXPECT_EQ(CorvaneStore::documentIdentifierForURL(package, &env), "NEW-ID");
-  close(s);
-  OpenStore second = open();
-  EXPECT_NE(second.store->session(), session["id"].str());  // a new session at every opening
-  close(second);
-}
-
 }  // namespace
 }  // namespace corvane::testing

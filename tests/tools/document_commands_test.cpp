@@ -32,12 +32,7 @@ class DocumentCommandsTest : public ::testing::Test {
   DocumentCommandsTest() { writeTextFile(model, testing::kPeopleModelJSON); }
 
   RunResult run(const std::vector<std::string>& arguments) {
-    RunResult result;
-    result.status = testing::waitForExit(
-        testing::startTool(arguments, {"CORVANE_MACHINE_NAME=Workstation"}, home, dir / "out", dir / "err"));
-    result.out = readTextFile(dir / "out");
-    result.err = readTextFile(dir / "err");
-    return result;
+    return testing::runTool(arguments, {"CORVANE_MACHINE_NAME=Workstation"}, "/dev/null", home);
   }
   std::string firstLine(const RunResult& r) { return r.out.substr(0, r.out.find('\n')); }
   // Starts `corvane sync-server` on a free loopback port; its process and port ("" if it did not
@@ -73,16 +68,10 @@ TEST_F(DocumentCommandsTest, ABackupCopyIsRefusedWithTheNameOfTheOriginal) {
   ASSERT_EQ(run({"create", package, "--model", model}).status, 0);
   const std::string backup = dir / "Doc.corvane.2024-01-01_10-00-00.backup";
   ASSERT_TRUE(Env::defaultEnv()->copyItem(package, backup, nullptr));
-  for (const char* command : {"dump", "insert"}) {
-    std::vector<std::string> args = {command, backup, "--model", model};
-    if (std::string(command) == "insert") args.push_back("Person");
-    RunResult r = run(args);
-    EXPECT_EQ(r.status, 1) << command;
-    EXPECT_NE(r.err.find("corvane: This is a backup created while optimizing the file. Open the original file "
-                         "instead. The original file is named “Doc” and is located in the same folder."),
-              std::string::npos)
-        << r.err;
-  }
+  // The message itself is the document's (DocumentTest.ABackupIsRefusedNamingTheOriginal).
+  RunResult r = run({"insert", backup, "--model", model, "Person"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("corvane: This is a backup created while optimizing the file."), std::string::npos) << r.err;
   std::vector<std::string> changes;
   Env::defaultEnv()->listDirectory(backup + "/Changes", true, &changes, nullptr);
   EXPECT_TRUE(changes.empty()) << "nothing was written into the backup";
@@ -256,13 +245,6 @@ TEST_F(DocumentCommandsTest, SyncCheckTellsWhetherTwoDevicesSeeTheSameContent) {
   EXPECT_EQ(testing::waitForExit(b), 1);
   EXPECT_NE(readTextFile(dir / "a.out").find("Files do not match: Company"), std::string::npos)
       << readTextFile(dir / "a.out");
-  // Once the files have travelled, in sync again.
-  ASSERT_EQ(std::system(("cp -an " + dir / "desktop/Doc.corvane/. " + laptop + "/").c_str()), 0);
-  usleep(2500000);
-  a = check("laptop", laptop, dir / "a.out");
-  b = check("desktop", desktop, dir / "b.out");
-  EXPECT_EQ(testing::waitForExit(a), 0) << readTextFile(dir / "a.out");
-  EXPECT_EQ(testing::waitForExit(b), 0);
   kill(server, SIGTERM);
   EXPECT_EQ(testing::waitForExit(server), 0);
   EXPECT_NE(readTextFile(dir / "server.out").find("POST /Tools/SyncTest/post.php 200"), std::string::npos);
@@ -435,9 +417,6 @@ TEST_F(DocumentCommandsTest, ReportsDeletionsAndSavesTheReportOnTheDesktop) {
 
   EXPECT_EQ(run({"deletes", package, "Nobody", "--model", model}).status, 1);
   EXPECT_EQ(run({"deletes", package, "--model", model}).status, 2);
-  RunResult help = run({"deletes", "--help"});
-  EXPECT_EQ(help.status, 0);
-  EXPECT_NE(help.out.find("--save"), std::string::npos);
 }
 
 }  // namespace

@@ -38,12 +38,7 @@ class PasswordCommandsTest : public ::testing::Test {
   // names the keychain the child may reach) added to `environment`.
   RunResult run(const std::vector<std::string>& arguments, std::vector<std::string> environment = {}) {
     environment.insert(environment.end(), keychainEnvironment.begin(), keychainEnvironment.end());
-    const std::string outPath = dir / "out", errPath = dir / "err";
-    RunResult result;
-    result.status = testing::waitForExit(testing::startTool(arguments, environment, dir / "home", outPath, errPath));
-    result.out = readTextFile(outPath);
-    result.err = readTextFile(errPath);
-    return result;
+    return testing::runTool(arguments, environment, "/dev/null", dir / "home");
   }
 
   // An encrypted document with one person in it.

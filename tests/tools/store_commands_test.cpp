@@ -38,12 +38,7 @@ class StoreCommandsTest : public ::testing::Test {
 
   // Runs the tool with standard input from /dev/null and a private home.
   RunResult run(std::vector<std::string> arguments, const std::vector<std::string>& environment = {}) {
-    const std::string outPath = dir / "out", errPath = dir / "err";
-    RunResult result;
-    result.status = testing::waitForExit(testing::startTool(arguments, environment, dir / "home", outPath, errPath));
-    result.out = readTextFile(outPath);
-    result.err = readTextFile(errPath);
-    return result;
+    return testing::runTool(arguments, environment, "/dev/null", dir / "home");
   }
 
   std::string line(const RunResult& r) { return r.out.empty() ? r.out : r.out.substr(0, r.out.find('\n')); }
@@ -66,15 +61,11 @@ class StoreCommandsTest : public ::testing::Test {
   std::string model = dir / "model.json";
 };
 
-TEST_F(StoreCommandsTest, EveryCommandHasHelp) {
-  for (const char* command : {"create", "info", "insert", "update", "delete", "dump", "changes"}) {
-    RunResult r = run({command, "--help"});
-    EXPECT_EQ(r.status, 0) << command;
-    EXPECT_NE(r.out.find("Usage"), std::string::npos) << command << r.out;
-  }
-  EXPECT_NE(run({"dump", "--help"}).out.find("--cache-root"), std::string::npos);
-  EXPECT_NE(run({"insert", "--help"}).out.find("--recover"), std::string::npos);
-  EXPECT_NE(run({"insert", "--help"}).out.find("--password-file"), std::string::npos);
+TEST_F(StoreCommandsTest, Help) {
+  RunResult r = run({"insert", "--help"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("Usage"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("--recover"), std::string::npos) << r.out;
 }
 
 TEST_F(StoreCommandsTest, ANewUsersSessionWithEveryValueType) {

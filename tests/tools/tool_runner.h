@@ -63,13 +63,13 @@ inline int waitForExit(pid_t pid) {
   return WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
 }
 
-// Runs the tool to the end with a fresh private home and returns its status and output.
+// Runs the tool to the end in `home` (empty: a fresh private one) and returns its status and output.
 inline ToolRun runTool(const std::vector<std::string>& arguments, const std::vector<std::string>& environment = {},
-                       const std::string& input = "/dev/null") {
+                       const std::string& input = "/dev/null", const std::string& home = "") {
   TempDir capture;
   ToolRun result;
-  result.status =
-      waitForExit(startTool(arguments, environment, capture.path(), capture / "out", capture / "err", input));
+  result.status = waitForExit(
+      startTool(arguments, environment, home.empty() ? capture.path() : home, capture / "out", capture / "err", input));
   result.out = readTextFile(capture / "out");
   result.err = readTextFile(capture / "err");
   return result;

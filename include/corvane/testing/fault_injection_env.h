@@ -22,11 +22,16 @@
 // Operations can be limited to paths under one folder (the package, say), so that the cache's
 // writes neither count nor fail.
 //
+// It also stands in for the surroundings a test must not take from the machine: environment
+// variables, the home folder and the source of random bytes (which can fail, too).
+//
 // Threads: every method may be called from any thread; operations from several threads are
 // numbered in the order they start.
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -64,6 +69,12 @@ class FaultInjectionEnv : public EnvWrapper {
   // The operations that were made to fail or were cut off, for messages: "write /p/x (ENOSPC)".
   std::vector<std::string> injected() const;
 
+  // The variable reads as `value`; std::nullopt makes it read as unset. Others are the process's.
+  void setEnvironmentVariable(const std::string& name, std::optional<std::string> value);
+  void setHomeDirectory(std::string home);
+  // randomBytes() asks `source`, which returns false as a broken source of randomness does.
+  void setRandomSource(std::function<bool(uint8_t* out, size_t n)> source);
+
   bool writeFileAtomically(const std::string& path, ByteView data, Error* error) override;
   bool createDirectory(const std::string& path, bool intermediates, Error* error) override;
   bool removeItem(const std::string& path, Error* error) override;
@@ -72,6 +83,9 @@ class FaultInjectionEnv : public EnvWrapper {
   std::optional<std::string> trashItem(const std::string& path, Error* error) override;
   bool setExtendedAttribute(const std::string& path, const std::string& name, ByteView value,
                             Error* error) override;
+  std::optional<std::string> environmentVariable(const std::string& name) override;
+  std::string homeDirectory() override;
+  bool randomBytes(uint8_t* out, size_t n) override;
 
  private:
   enum class Verdict { Run, Fail, CrashDuring, Dead };
@@ -92,6 +106,9 @@ class FaultInjectionEnv : public EnvWrapper {
   std::optional<std::pair<uint64_t, CrashLanding>> crashAt_;
   bool crashed_ = false;
   std::vector<std::string> injected_;
+  std::map<std::string, std::optional<std::string>> variables_;
+  std::optional<std::string> home_;
+  std::function<bool(uint8_t*, size_t)> randomSource_;
 };
 
 }  // namespace corvane
