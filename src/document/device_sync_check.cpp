@@ -18,6 +18,7 @@
 #include "corvane/foundation/json.h"
 #include "corvane/foundation/log.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/store_diagnostics.h"
 
 namespace corvane {
 
@@ -110,7 +111,7 @@ Value DeviceSyncCheck::deviceRecord() const {
   Value record = Value::mutableDictionary();
   record.set(Value("documentIdentifier"), Value(document_.documentIdentifier()));
   record.set(Value("deviceIdentifier"), Value(deviceIdentifier_));
-  record.set(Value("changesInfo"), Value(store != nullptr ? store->changesInfo() : std::string()));
+  record.set(Value("changesInfo"), Value(store != nullptr ? StoreDiagnostics(*store).changesInfo() : std::string()));
   record.set(Value("checkSum"), Value(store != nullptr ? store->checkSum() : std::string()));
   record.set(Value("contentChecksum"), store != nullptr ? store->contentChecksum() : Value::dictionary());
   record.set(Value("contentChecksumVersion"), Value(kContentChecksumVersion));

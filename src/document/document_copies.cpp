@@ -19,6 +19,7 @@
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
 #include "corvane/store/corvane_store_options.h"
+#include "corvane/store/store_diagnostics.h"
 #include "corvane/store/store_environment.h"
 #include "document/document_internal.h"
 
@@ -183,7 +184,7 @@ bool CorvaneDocument::shouldOfferOptimizeFile() const {
 
 std::string CorvaneDocument::optimizeFileConfirmationText() const {
   const std::string text = "Optimizing consolidates all changes in this file.";
-  if (store_ == nullptr || !serviceType() || !store_->hasRecentChangesFromOtherDevices()) return text;
+  if (store_ == nullptr || !serviceType() || !StoreDiagnostics(*store_).hasRecentChangesFromOtherDevices()) return text;
   return fmt::format("{}\n\n{}", text,
                      "This file is also used on other devices. Only optimize while no one else is working on it. "
                      "Syncing the optimized file to all devices will take a while.");

@@ -20,6 +20,7 @@
 #include "corvane/graph/object_id.h"
 #include "corvane/graph/object_model.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/store_diagnostics.h"
 
 namespace corvane {
 
@@ -115,7 +116,7 @@ std::string recentDeletesReport(CorvaneStore* store, const ObjectModel& model, c
       Value history = Value::array();
       if (sectionEntity != nullptr) {
         if (ObjectID objectID = store->newObjectIDForEntity(sectionEntity, Value(deletion.uid))) {
-          history = store->changesHistoryForObjectID(objectID);
+          history = StoreDiagnostics(*store).changesHistoryForObjectID(objectID);
         }
       }
       // The history is newest first: its last event is the object's creation. The row that

@@ -1,5 +1,5 @@
-// CorvaneStore: error records in <pkg>/Errors and the questions a support person asks about a
-// document: which errors were recorded, who wrote lately, how far this device has caught up.
+// StoreDiagnostics: the questions a support person asks about a document: which errors were
+// recorded, who wrote lately, how far this device has caught up.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -9,8 +9,8 @@
 #include "corvane/foundation/log.h"
 #include "corvane/foundation/plist.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/store_diagnostics.h"
 #include "store/store_internal.h"
-#include "store/store_state.h"
 
 namespace corvane {
 
@@ -20,48 +20,23 @@ constexpr double kRecentErrorsSeconds = 864000;      // 10 days
 constexpr double kRecentActivitySeconds = 1209600;   // 14 days
 }  // namespace
 
-void CorvaneStore::writeErrorRecord(const Value& record) {
-  const std::string folder = errorsURL();
-  if (folder.empty() || !upToChange().empty()) return;  // a view up to a change only logs
-  // The GMT date first, so that names sorted descending are newest first on every device; the
-  // UUID keeps records of the same millisecond (or of two devices) apart.
-  const std::string name = fmt::format("{}.{}.plist", state_->dateFormatter.format(record["date"].dateValue()),
-                                       state_->env->newUUIDString());
-  Value stored = record;
-  if (!isValidPropertyList(stored)) {
-    // Host-supplied user info in the session may hold values a property list cannot.
-    stored = store_internal::mutableDictionaryCopy(record);
-    Value session = store_internal::mutableDictionaryCopy(record["session"]);
-    session.remove(Value("userInfo"));
-    stored.set(Value("session"), session);
-    if (!isValidPropertyList(stored)) return;
-  }
-  // A record that cannot be written is still in the log and in errorRecords(); the console
-  // hears of the failure, as a record of it could not be written either.
-  Error error;
-  if (!state_->env->createDirectory(folder, true, &error) ||
-      !writePropertyListFile(state_->env, pathJoin(folder, name), stored, &error)) {
-    logLine("Could not write an error record: " + error.description(), LogLevel::Warning);
-  }
-}
-
-Value CorvaneStore::errorsArray() const {
-  const std::string folder = errorsURL();
+Value StoreDiagnostics::errorsArray() const {
+  const std::string folder = store_.errorsURL();
   std::vector<std::string> names;
-  if (folder.empty() || !state_->env->listDirectory(folder, true, &names, nullptr)) return Value::array();
+  if (folder.empty() || !store_.env()->listDirectory(folder, true, &names, nullptr)) return Value::array();
   std::sort(names.begin(), names.end(), std::greater<>());
   std::vector<Value> records;
   for (const std::string& name : names) {
     if (records.size() >= kMaxErrorRecords) break;
     Value record;
-    if (!readPropertyListFile(state_->env, pathJoin(folder, name), &record, nullptr) || !record.isDictionary()) continue;
+    if (!readPropertyListFile(store_.env(), pathJoin(folder, name), &record, nullptr) || !record.isDictionary()) continue;
     records.push_back(record);
   }
   return Value::array(std::move(records));
 }
 
-Value CorvaneStore::recentErrorsArray() const {
-  const double cutOff = state_->env->now() - kRecentErrorsSeconds;
+Value StoreDiagnostics::recentErrorsArray() const {
+  const double cutOff = store_.env()->now() - kRecentErrorsSeconds;
   std::vector<Value> recent;
   const Value records = errorsArray();
   for (const Value& record : records.elements()) {
@@ -70,17 +45,17 @@ Value CorvaneStore::recentErrorsArray() const {
   return Value::array(std::move(recent));
 }
 
-Value CorvaneStore::peformanceArray() const {
-  const Value issues = loadingIssues();
+Value StoreDiagnostics::peformanceArray() const {
+  const Value issues = store_.loadingIssues();
   std::vector<Value> dictionaries;
   for (const Value& issue : issues.elements())
     if (issue.isDictionary()) dictionaries.push_back(issue);
   return Value::array(std::move(dictionaries));
 }
 
-Value CorvaneStore::recentDeviceActivity() const {
-  const double cutOff = state_->env->now() - kRecentActivitySeconds;
-  const Value changes = state_->cache->changes();
+Value StoreDiagnostics::recentDeviceActivity() const {
+  const double cutOff = store_.env()->now() - kRecentActivitySeconds;
+  const Value changes = store_.cache()->changes();
   const std::vector<Value>& records = changes.elements();
   std::unordered_set<std::string> seen;
   std::vector<std::pair<double, Value>> activity;
@@ -102,19 +77,19 @@ Value CorvaneStore::recentDeviceActivity() const {
   return Value::array(std::move(sorted));
 }
 
-bool CorvaneStore::hasRecentChangesFromOtherDevices() const {
+bool StoreDiagnostics::hasRecentChangesFromOtherDevices() const {
   const Value activity = recentDeviceActivity();
   for (const Value& entry : activity.elements()) {
-    if (entry["machineName"].str() != state_->machineName) return true;
+    if (entry["machineName"].str() != store_.machineName()) return true;
   }
   return false;
 }
 
-std::string CorvaneStore::changesInfo() const {
-  const size_t cached = state_->cache->changes().count();
+std::string StoreDiagnostics::changesInfo() const {
+  const size_t cached = store_.cache()->changes().count();
   size_t onDisk = 0;
   std::vector<std::string> names;
-  if (state_->env->listDirectory(changesURL(), false, &names, nullptr)) {
+  if (store_.env()->listDirectory(store_.changesURL(), false, &names, nullptr)) {
     for (const std::string& name : names) {
       // ENDSWITH[cd] 'json': any case.
       if (name.size() < 4) continue;
@@ -126,6 +101,24 @@ std::string CorvaneStore::changesInfo() const {
   return fmt::format("{} in Cache / {} on Disk", cached, onDisk);
 }
 
-bool CorvaneStore::loadedAllChanges() const { return state_->cache->changes().count() >= state_->updates.changesFileCount.load(); }
+bool StoreDiagnostics::loadedAllChanges() const { return store_.cache()->changes().count() >= store_.changesFileCount(); }
+
+Value StoreDiagnostics::sessionInfo() const {
+  const Value changes = store_.cache()->changes();
+  const std::vector<Value>& records = changes.elements();
+  std::vector<Value> sessions;
+  size_t seen = 0;
+  for (auto it = records.rbegin(); it != records.rend() && seen < 100; ++it, ++seen) {
+    const Value& session = (*it)["session"];
+    if (!session.isDictionary()) continue;
+    Value summary = dict({{"machineName", session["machineName"]},
+                          {"fullUserName", session["fullUserName"]},
+                          {"userName", session["userName"]},
+                          {"version", session["version"]},
+                          {"osVersion", session["osVersion"]}});
+    if (std::find(sessions.begin(), sessions.end(), summary) == sessions.end()) sessions.push_back(summary);
+  }
+  return Value::array(std::move(sessions));
+}
 
 }  // namespace corvane

@@ -1,4 +1,4 @@
-// CorvaneStore: the history of one object, built from its own change files for display.
+// StoreDiagnostics: the history of one object, built from its own change files for display.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -8,8 +8,8 @@
 #include "corvane/graph/object_id.h"
 #include "corvane/graph/object_model.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/store_diagnostics.h"
 #include "store/store_internal.h"
-#include "store/store_state.h"
 
 namespace corvane {
 
@@ -25,12 +25,12 @@ std::string uriPath(const std::string& uri) {
 
 }  // namespace
 
-Value CorvaneStore::changesHistoryForObjectID(const ObjectID& objectID, ManagedObjectContext* context) {
+Value StoreDiagnostics::changesHistoryForObjectID(const ObjectID& objectID, ManagedObjectContext* context) const {
   const EntityDescription* entity = objectID.entity();
   std::vector<std::string> files;
   if (entity != nullptr) {
-    const std::string uid = uidForObjectID(objectID, context);
-    if (!uid.empty()) files = changesFilesFor(*entity, uid);
+    const std::string uid = store_.uidForObjectID(objectID, context);
+    if (!uid.empty()) files = store_.changesFilesFor(*entity, uid);
   }
 
   std::vector<Value> paths;
@@ -40,9 +40,9 @@ Value CorvaneStore::changesHistoryForObjectID(const ObjectID& objectID, ManagedO
                      {"paths", Value::array(std::move(paths))}});
 
   auto readRecord = [this](const std::string& path) -> std::optional<Value> {
-    std::optional<Bytes> bytes = store_internal::readBytes(state_->env, path);
+    std::optional<Bytes> bytes = store_internal::readBytes(store_.env(), path);
     if (!bytes) return std::nullopt;
-    std::optional<Bytes> plain = decrypt(*bytes);
+    std::optional<Bytes> plain = store_.decrypt(*bytes);
     if (!plain) return std::nullopt;
     std::optional<Value> parsed = jsonToValue(asStringView(*plain));
     if (!parsed || !parsed->isDictionary()) return std::nullopt;
@@ -50,7 +50,7 @@ Value CorvaneStore::changesHistoryForObjectID(const ObjectID& objectID, ManagedO
   };
 
   std::vector<std::pair<double, Value>> rows;
-  const std::string changesFolder = changesURL();
+  const std::string changesFolder = store_.changesURL();
   for (const std::string& file : files) {
     const std::string changePath = pathJoin(changesFolder, pathLastComponent(file));
     std::optional<Value> change = readRecord(changePath);
@@ -72,7 +72,7 @@ Value CorvaneStore::changesHistoryForObjectID(const ObjectID& objectID, ManagedO
     row.set(Value("value"), Value(value));
     if (date) {
       row.set(Value("date"), Value::date(*date));
-      row.set(Value("name"), Value(displayDateString(*date, DateStyle::Medium, DateStyle::Medium, state_->env)));
+      row.set(Value("name"), Value(displayDateString(*date, DateStyle::Medium, DateStyle::Medium, store_.env())));
     } else {
       row.set(Value("name"), Value("(null)"));
     }

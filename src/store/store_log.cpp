@@ -5,6 +5,8 @@
 
 #include "corvane/cache/cache.h"
 #include "corvane/foundation/date_format.h"
+#include "corvane/foundation/log.h"
+#include "corvane/foundation/plist.h"
 #include "corvane/store/corvane_store.h"
 #include "store/store_internal.h"
 #include "store/store_state.h"
@@ -94,22 +96,29 @@ Value CorvaneStore::errorRecords() const {
   return state_->log.errorRecords.copy();
 }
 
-Value CorvaneStore::sessionInfo() const {
-  const Value changes = state_->cache->changes();
-  const std::vector<Value>& records = changes.elements();
-  std::vector<Value> sessions;
-  size_t seen = 0;
-  for (auto it = records.rbegin(); it != records.rend() && seen < 100; ++it, ++seen) {
-    const Value& session = (*it)["session"];
-    if (!session.isDictionary()) continue;
-    Value summary = dict({{"machineName", session["machineName"]},
-                          {"fullUserName", session["fullUserName"]},
-                          {"userName", session["userName"]},
-                          {"version", session["version"]},
-                          {"osVersion", session["osVersion"]}});
-    if (std::find(sessions.begin(), sessions.end(), summary) == sessions.end()) sessions.push_back(summary);
+void CorvaneStore::writeErrorRecord(const Value& record) {
+  const std::string folder = errorsURL();
+  if (folder.empty() || !upToChange().empty()) return;  // a view up to a change only logs
+  // The GMT date first, so that names sorted descending are newest first on every device; the
+  // UUID keeps records of the same millisecond (or of two devices) apart.
+  const std::string name = fmt::format("{}.{}.plist", state_->dateFormatter.format(record["date"].dateValue()),
+                                       state_->env->newUUIDString());
+  Value stored = record;
+  if (!isValidPropertyList(stored)) {
+    // Host-supplied user info in the session may hold values a property list cannot.
+    stored = store_internal::mutableDictionaryCopy(record);
+    Value session = store_internal::mutableDictionaryCopy(record["session"]);
+    session.remove(Value("userInfo"));
+    stored.set(Value("session"), session);
+    if (!isValidPropertyList(stored)) return;
   }
-  return Value::array(std::move(sessions));
+  // A record that cannot be written is still in the log and in errorRecords(); the console
+  // hears of the failure, as a record of it could not be written either.
+  Error error;
+  if (!state_->env->createDirectory(folder, true, &error) ||
+      !writePropertyListFile(state_->env, pathJoin(folder, name), stored, &error)) {
+    logLine("Could not write an error record: " + error.description(), LogLevel::Warning);
+  }
 }
 
 void CorvaneStore::setErrorLevel(const std::string& type) {

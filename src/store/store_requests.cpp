@@ -14,6 +14,7 @@
 #include "corvane/graph/object_model.h"
 #include "corvane/graph/persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/store_diagnostics.h"
 #include "corvane/store/corvane_store_options.h"
 #include "store/store_internal.h"
 #include "store/store_state.h"
@@ -155,7 +156,7 @@ std::optional<Value> CorvaneStore::executeRequest(const PersistentStoreRequest& 
     }
     if (request.requestType() == RequestType::Save) {
       if (state_->writer.blockSaves) {
-        setError(error, blockedSaveError(sessionInfo(), state_->environment->applicationOrCurrent().name));
+        setError(error, blockedSaveError(StoreDiagnostics(*this).sessionInfo(), state_->environment->applicationOrCurrent().name));
         return std::nullopt;
       }
       return executeSaveRequest(static_cast<const SaveChangesRequest&>(request), context, error);

@@ -14,6 +14,7 @@
 #include "corvane/graph/managed_object_context.h"
 #include "corvane/graph/object_model.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/store_diagnostics.h"
 #include "support/temp_dir.h"
 #include "support/test_models.h"
 
@@ -185,12 +186,12 @@ TEST_F(RecentDeletesTest, ARealDeletionShowsWhoCreatedTheObjectAndTheReportIsSav
   ASSERT_TRUE(doc->save(&error)) << error.localizedDescription;
   const double createdAt = env.now();
   const std::string uid = storeUID(ann->objectID());
-  const Value history = doc->store()->changesHistoryForObjectID(ann->objectID());
+  const Value history = StoreDiagnostics(*doc->store()).changesHistoryForObjectID(ann->objectID());
   EXPECT_EQ(fieldValueInChangeEvents("name", history, FieldOccurrence::First), Value("Ann"));
   env.advance(60);
   ann->setValue("name", "Annie");
   ASSERT_TRUE(doc->save(&error)) << error.localizedDescription;
-  const Value later = doc->store()->changesHistoryForObjectID(ann->objectID());
+  const Value later = StoreDiagnostics(*doc->store()).changesHistoryForObjectID(ann->objectID());
   EXPECT_EQ(fieldValueInChangeEvents("name", later, FieldOccurrence::First), Value("Ann"));
   EXPECT_EQ(fieldValueInChangeEvents("name", later, FieldOccurrence::Last), Value("Annie"));
   EXPECT_TRUE(fieldValueInChangeEvents("age", later, FieldOccurrence::Last).isNil());

@@ -5,6 +5,7 @@
 #include "corvane/foundation/date_format.h"
 #include "corvane/foundation/plist.h"
 #include "corvane/store/corvane_store_options.h"
+#include "corvane/store/store_diagnostics.h"
 #include "store/store_test_support.h"
 
 namespace corvane::testing {
@@ -16,7 +17,7 @@ TEST_F(DiagnosticsTest, ErrorRecordsAreFilesNamedSoThatDescendingOrderIsNewestFi
   std::vector<std::string> delivered;
   environment_->errorDelegate = [&](const std::string& text, const std::string&) { delivered.push_back(text); };
   OpenStore s = open();
-  EXPECT_EQ(s.store->errorsArray().count(), 0u);
+  EXPECT_EQ(StoreDiagnostics(*s.store).errorsArray().count(), 0u);
   // One record eleven days old, then 24 a minute apart.
   s.store->logErrorString("old", "Tests");
   env.advance(11 * 86400);
@@ -40,19 +41,19 @@ TEST_F(DiagnosticsTest, ErrorRecordsAreFilesNamedSoThatDescendingOrderIsNewestFi
   EXPECT_EQ(oldest["domain"], Value("Tests"));
   EXPECT_EQ(oldest["session"]["machineName"], Value(s.store->machineName()));
 
-  const Value records = s.store->errorsArray();
+  const Value records = StoreDiagnostics(*s.store).errorsArray();
   ASSERT_EQ(records.count(), 20u);
   EXPECT_EQ(records.at(0)["description"], Value("error 23"));
   EXPECT_EQ(records.at(19)["description"], Value("error 4"));
 
   // An unreadable record is skipped.
   writeTextFile(package + "/Errors/9999-garbage.plist", "not a property list");
-  EXPECT_EQ(s.store->errorsArray().at(0)["description"], Value("error 23"));
+  EXPECT_EQ(StoreDiagnostics(*s.store).errorsArray().at(0)["description"], Value("error 23"));
 
-  const Value recent = s.store->recentErrorsArray();
+  const Value recent = StoreDiagnostics(*s.store).recentErrorsArray();
   EXPECT_EQ(recent.count(), 20u);
   env.advance(10 * 86400 - 18.5 * 60);  // errors 4 and 5, of the twenty newest, are now older than ten days
-  EXPECT_EQ(s.store->recentErrorsArray().count(), 18u);
+  EXPECT_EQ(StoreDiagnostics(*s.store).recentErrorsArray().count(), 18u);
   close(s);
 }
 
@@ -62,7 +63,7 @@ TEST_F(DiagnosticsTest, RecentActivityCountsOtherMachinesOfTheLastFourteenDays) 
   OpenStore a = open();
   a.context->insertNewObject("Company")->setValue("name", "One");
   ASSERT_TRUE(save(a));
-  EXPECT_FALSE(a.store->hasRecentChangesFromOtherDevices());
+  EXPECT_FALSE(StoreDiagnostics(*a.store).hasRecentChangesFromOtherDevices());
   close(a);
 
   // Beta wrote 15 days ago, from the point of view of a store opened now.
@@ -80,11 +81,11 @@ TEST_F(DiagnosticsTest, RecentActivityCountsOtherMachinesOfTheLastFourteenDays) 
   a = open();
   a.context->insertNewObject("Company")->setValue("name", "Three");
   ASSERT_TRUE(save(a));
-  Value activity = a.store->recentDeviceActivity();
+  Value activity = StoreDiagnostics(*a.store).recentDeviceActivity();
   ASSERT_EQ(activity.count(), 1u) << activity.description();
   EXPECT_EQ(activity.at(0)["machineName"], Value("Alpha"));
   EXPECT_EQ(activity.at(0)["fullUserName"], Value("Ann"));
-  EXPECT_FALSE(a.store->hasRecentChangesFromOtherDevices()) << "Beta's change is 15 days old";
+  EXPECT_FALSE(StoreDiagnostics(*a.store).hasRecentChangesFromOtherDevices()) << "Beta's change is 15 days old";
   close(a);
 
   env.advance(3600);
@@ -93,14 +94,14 @@ TEST_F(DiagnosticsTest, RecentActivityCountsOtherMachinesOfTheLastFourteenDays) 
   b = open();
   b.context->insertNewObject("Company")->setValue("name", "Four");
   ASSERT_TRUE(save(b));
-  activity = b.store->recentDeviceActivity();
+  activity = StoreDiagnostics(*b.store).recentDeviceActivity();
   ASSERT_EQ(activity.count(), 2u) << activity.description();
   EXPECT_EQ(activity.at(0)["machineName"], Value("Beta"));  // newest first
   EXPECT_EQ(activity.at(1)["machineName"], Value("Alpha"));
-  EXPECT_TRUE(b.store->hasRecentChangesFromOtherDevices());
-  EXPECT_EQ(b.store->changesInfo(), "4 in Cache / 4 on Disk");
-  EXPECT_TRUE(b.store->loadedAllChanges());
-  const Value sessions = b.store->sessionInfo();
+  EXPECT_TRUE(StoreDiagnostics(*b.store).hasRecentChangesFromOtherDevices());
+  EXPECT_EQ(StoreDiagnostics(*b.store).changesInfo(), "4 in Cache / 4 on Disk");
+  EXPECT_TRUE(StoreDiagnostics(*b.store).loadedAllChanges());
+  const Value sessions = StoreDiagnostics(*b.store).sessionInfo();
   ASSERT_EQ(sessions.count(), 2u);
   EXPECT_EQ(sessions.at(0)["machineName"], Value("Beta"));
   close(b);
@@ -108,9 +109,9 @@ TEST_F(DiagnosticsTest, RecentActivityCountsOtherMachinesOfTheLastFourteenDays) 
 
 TEST_F(DiagnosticsTest, LoadingIssuesAreThePerformanceArray) {
   OpenStore s = open();
-  EXPECT_EQ(s.store->peformanceArray().count(), 0u);
+  EXPECT_EQ(StoreDiagnostics(*s.store).peformanceArray().count(), 0u);
   s.store->addLoadingIssue(s.store->loadingIssueWithType(kLoadingIssueMissingFile, package + "/x"));
-  const Value issues = s.store->peformanceArray();
+  const Value issues = StoreDiagnostics(*s.store).peformanceArray();
   ASSERT_EQ(issues.count(), 1u);
   EXPECT_EQ(issues.at(0)["type"], Value(kLoadingIssueMissingFile));
   close(s);
@@ -131,7 +132,7 @@ TEST_F(DiagnosticsTest, HistoryOfAnObjectListsItsChangesNewestFirstWithTheirValu
   env.advance(90);
   ASSERT_TRUE(save(s));
 
-  const Value history = s.store->changesHistoryForObjectID(id);
+  const Value history = StoreDiagnostics(*s.store).changesHistoryForObjectID(id);
   ASSERT_EQ(history.count(), 3u) << history.description();
   const Value& head = history.at(0);
   EXPECT_EQ(head["name"], Value("Object"));
@@ -152,9 +153,9 @@ TEST_F(DiagnosticsTest, HistoryOfAnObjectListsItsChangesNewestFirstWithTheirValu
 
   // A change file that vanished leaves its row out; an unknown object has only the first row.
   ASSERT_TRUE(env.removeItem(oldest["URL"].str(), nullptr));
-  EXPECT_EQ(s.store->changesHistoryForObjectID(id).count(), 2u);
+  EXPECT_EQ(StoreDiagnostics(*s.store).changesHistoryForObjectID(id).count(), 2u);
   auto ghost = s.store->newObjectIDForEntity(s.store->entityForName("Company"), Value("NOPE"));
-  const Value lonely = s.store->changesHistoryForObjectID(ghost);
+  const Value lonely = StoreDiagnostics(*s.store).changesHistoryForObjectID(ghost);
   ASSERT_EQ(lonely.count(), 1u);
   EXPECT_EQ(lonely.at(0)["paths"].count(), 0u);
   close(s);

@@ -21,6 +21,7 @@
 #include "corvane/graph/managed_object.h"
 #include "corvane/graph/managed_object_context.h"
 #include "corvane/graph/object_model.h"
+#include "corvane/store/store_diagnostics.h"
 #include "store_session.h"
 
 namespace corvane::cli {
@@ -212,7 +213,7 @@ int runLog(const StoreOptions& options) {
   if (!session) return fail(error);
   reportWaiting(*session);
   // The records every device left in <pkg>/Errors (newest first), then this session's own.
-  Value records = session->store().errorsArray();
+  Value records = StoreDiagnostics(session->store()).errorsArray();
   if (records.empty()) records = session->store().errorRecords();
   std::printf("Error records: %zu\n", records.count());
   for (const Value& record : records.elements()) std::printf("  %s\n", compactJSON(record).c_str());
@@ -287,12 +288,12 @@ int runDevices(const StoreOptions& options) {
   CorvaneStore& store = session->store();
   std::printf("This device: %s (%s)\n", store.machineName().c_str(), store.fullUserName().c_str());
   std::printf("Devices that wrote in the last 14 days:\n");
-  const Value devices = store.recentDeviceActivity();
+  const Value devices = StoreDiagnostics(store).recentDeviceActivity();
   for (const Value& device : devices.elements()) {
     std::printf("  %s\n", compactJSON(device).c_str());
   }
   std::printf("Sessions of the newest changes:\n");
-  const Value sessions = store.sessionInfo();
+  const Value sessions = StoreDiagnostics(store).sessionInfo();
   for (const Value& info : sessions.elements()) std::printf("  %s\n", compactJSON(info).c_str());
   session->close();
   return kExitSuccess;

@@ -294,31 +294,6 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   // Tells the watch that the store itself wrote the file, so that its event starts no pass.
   void ignoreOwnChange(const std::string& path);
 
-  // ---- Diagnostics ---------------------------------------------------------------------------
-  // Up to 20 error records of <pkg>/Errors, newest first. Records are property-list files
-  // named "<yyyy-MM-dd-HH-mm-ss.SSS GMT>.<UUID>.plist", so that names sorted descending are
-  // newest first.
-  Value errorsArray() const;
-  // Those of errorsArray() from the last 10 days.
-  Value recentErrorsArray() const;
-  // The loading issues as an array of dictionaries (the name keeps its historical spelling).
-  Value peformanceArray() const;
-  // {"machineName", "fullUserName", "date"} of each machine that wrote an applied change in
-  // the last 14 days, newest first.
-  Value recentDeviceActivity() const;
-  bool hasRecentChangesFromOtherDevices() const;
-  // "<applied changes> in Cache / <change files> on Disk".
-  std::string changesInfo() const;
-  // The cache holds at least as many applied changes as the last pass counted change files.
-  bool loadedAllChanges() const;
-
-  // ---- Object history ------------------------------------------------------------------------
-  // Rows for an outline: {"name": "Object", "value": URI path, "paths": [object files]}, then
-  // one row per change of the object, newest first: {"name": medium date and time, "value":
-  // "<full name> (<machine>, <version>)", "version"?, "date", "URL", "children": [{"name":
-  // property, "value": payload entry}]}. Reads and decrypts the files; for on-demand display.
-  Value changesHistoryForObjectID(const ObjectID& objectID, ManagedObjectContext* context = nullptr);
-
   // ---- Update pass ---------------------------------------------------------------------------
   // The change files the cache has not applied whose object or data files are missing, empty or
   // only online, oldest first; changes that are missing, unreadable or damaged themselves are
@@ -374,8 +349,6 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   [[nodiscard]] Subscription observeLog(std::function<void()> callback);
   // The error records made so far ({"domain", "description", "session", "date"}).
   Value errorRecords() const;
-  // Distinct session summaries of the newest 100 applied changes, newest first.
-  Value sessionInfo() const;
 
   // ---- Cache services ------------------------------------------------------------------------
   ObjectID objectIDForReferenceString(std::string_view reference) override;
@@ -424,7 +397,7 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   // The log on the main run loop.
   void addLogEntry(StoreLogEntry entry, const Value& change);
   bool writeRecoveryChange(const std::string& path, const Value& refreshes, Error* error);
-  // One error record as a property list in <pkg>/Errors (see errorsArray()).
+  // One error record as a property list in <pkg>/Errors (see StoreDiagnostics::errorsArray()).
   void writeErrorRecord(const Value& record);
   void presentError(const Error& error);
 
