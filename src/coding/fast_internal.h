@@ -86,6 +86,55 @@ class OpenContainers {
   std::vector<uint64_t> slots_;
 };
 
+// The read position in a stream, shared by both readers: every read either fits in the
+// input or throws the end-of-data exception, so no reader can run past the end. Values are
+// little-endian, as this host's (see the static_assert above).
+struct ByteCursor {
+  const uint8_t* data;
+  size_t size;
+  size_t pos;
+
+  size_t remaining() const { return pos < size ? size - pos : 0; }
+  void need(size_t width) const {
+    if (pos > size || width > size - pos) throwEOF(pos);
+  }
+  void alignTo(size_t a) {
+    size_t r = pos % a;
+    if (r != 0) pos += a - r;
+  }
+  template <class T>
+  T take() {
+    need(sizeof(T));
+    T v;
+    std::memcpy(&v, data + pos, sizeof(T));
+    pos += sizeof(T);
+    return v;
+  }
+  template <class T>
+  T takeAligned() {
+    alignTo(sizeof(T));
+    return take<T>();
+  }
+  uint8_t takeByte() {
+    if (pos >= size) throwEOF(pos);
+    return data[pos++];
+  }
+  // Skips `width` bytes and answers where they start.
+  const uint8_t* takeBytes(size_t width) {
+    need(width);
+    const uint8_t* start = data + pos;
+    pos += width;
+    return start;
+  }
+  // The bytes from here up to the next NUL (which must exist), without moving.
+  std::string_view peekCString() const {
+    if (pos >= size) throwEOF(pos);
+    const void* nul = std::memchr(data + pos, 0, size - pos);
+    if (nul == nullptr) throwEOF(pos);
+    return std::string_view(reinterpret_cast<const char*>(data + pos), static_cast<const uint8_t*>(nul) - (data + pos));
+  }
+};
+
 inline uint64_t mixHash(uint64_t h) {
   h ^= h >> 33;
   h *= 0xff51afd7ed558ccdULL;
@@ -338,27 +387,6 @@ class FastReader {
     bool resolved = false;
   };
 
-  size_t remaining() const { return off_ < total_ ? total_ - off_ : 0; }
-  void alignTo(size_t a) {
-    size_t r = off_ % a;
-    if (r != 0) off_ += a - r;
-  }
-  void need(size_t width) const {
-    if (off_ > total_ || width > total_ - off_) throwEOF(off_);
-  }
-  template <class T>
-  T take() {
-    need(sizeof(T));
-    T v;
-    std::memcpy(&v, in_ + off_, sizeof(T));
-    off_ += sizeof(T);
-    return v;
-  }
-  template <class T>
-  T takeAligned() {
-    alignTo(sizeof(T));
-    return take<T>();
-  }
   std::string_view takeCString();
   uint32_t capacityFor(uint64_t count, size_t bytesPerItem) const;
 
@@ -444,9 +472,7 @@ class FastReader {
     size_t depth_ = 0;
   };
 
-  const uint8_t* in_;
-  size_t total_;
-  size_t off_ = 8;
+  ByteCursor in_;
   const Constructor* constructors_;
   Scratch<Value> scratchItems_;
   Scratch<std::pair<Value, Value>> scratchEntries_;

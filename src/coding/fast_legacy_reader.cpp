@@ -22,12 +22,12 @@ enum LegacyType : uint32_t {
 class LegacyReader {
  public:
   LegacyReader(ByteView data, ReadRules rules)
-      : in_(data.data()), total_(data.size()), propertyListOnly_(rules.propertyListOnly), open_(rules.refuseCycles) {}
+      : in_{data.data(), data.size(), 0}, propertyListOnly_(rules.propertyListOnly), open_(rules.refuseCycles) {}
 
   Value parse() {
-    off_ = 8;
-    auto count = take<uint32_t>();
-    objects_.reserve(std::min<uint64_t>(count, remaining() / 4));
+    in_.pos = 8;
+    auto count = in_.take<uint32_t>();
+    objects_.reserve(std::min<uint64_t>(count, in_.remaining() / 4));
     return read();
   }
 
@@ -49,20 +49,8 @@ class LegacyReader {
     const ClassInfo* info = nullptr;
   };
 
-  size_t remaining() const { return off_ < total_ ? total_ - off_ : 0; }
-  void need(size_t width) const {
-    if (off_ > total_ || width > total_ - off_) throwEOF(off_);
-  }
-  template <class T>
-  T take() {
-    need(sizeof(T));
-    T v;
-    std::memcpy(&v, in_ + off_, sizeof(T));
-    off_ += sizeof(T);
-    return v;
-  }
   size_t capacity(uint64_t count, size_t bytesPerItem) const {
-    return static_cast<size_t>(std::min<uint64_t>(count, remaining() / bytesPerItem));
+    return static_cast<size_t>(std::min<uint64_t>(count, in_.remaining() / bytesPerItem));
   }
   Value push(Value v) {
     objects_.push_back(Entry{v});
@@ -71,19 +59,13 @@ class LegacyReader {
 
   // UTF-8, a NUL, then zero bytes up to a multiple of 4 of the string-plus-NUL length.
   std::string_view paddedString() {
-    if (off_ >= total_) throwEOF(off_);
-    const auto* start = in_ + off_;
-    const void* nul = std::memchr(start, 0, total_ - off_);
-    if (nul == nullptr) throwEOF(off_);
-    size_t n = static_cast<const uint8_t*>(nul) - start;
-    size_t padded = (n + 1 + 3) & ~size_t{3};
-    need(padded);
-    off_ += padded;
-    return std::string_view(reinterpret_cast<const char*>(start), n);
+    std::string_view s = in_.peekCString();
+    in_.takeBytes((s.size() + 1 + 3) & ~size_t{3});
+    return s;
   }
 
   Value read() {
-    auto type = take<uint32_t>();
+    auto type = in_.take<uint32_t>();
     if (type >= lTypeCount) throwUnknownType(type);
     if (propertyListOnly_ &&
         (type == lClassDefinition || type == lObjectInstance || type == lNil || type == lCodedObject))
@@ -100,7 +82,7 @@ class LegacyReader {
   }
 
   Value readDictionary(bool mutableNode) {
-    auto count = take<uint32_t>();
+    auto count = in_.take<uint32_t>();
     if (mutableNode) {
       Value dict = push(Value::mutableDictionary());
       auto scope = open_.open(objects_.size() - 1);
@@ -122,7 +104,7 @@ class LegacyReader {
   }
 
   Value readCollection(ValueKind kind, bool mutableNode) {
-    auto count = take<uint32_t>();
+    auto count = in_.take<uint32_t>();
     auto make = [kind](std::vector<Value> v, bool m) {
       if (kind == ValueKind::Set) return Value::set(std::move(v), m);
       if (kind == ValueKind::OrderedSet) return Value::orderedSet(std::move(v), m);
@@ -141,11 +123,9 @@ class LegacyReader {
   }
 
   Value readData(bool mutableNode) {
-    auto length = take<uint32_t>();
+    auto length = in_.take<uint32_t>();
     size_t padded = (static_cast<size_t>(length) + 3) & ~size_t{3};
-    need(padded);
-    Value d = Value::data(ByteView(in_ + off_, length), mutableNode);
-    off_ += padded;
+    Value d = Value::data(ByteView(in_.takeBytes(padded), length), mutableNode);
     return push(d);
   }
 
@@ -154,7 +134,7 @@ class LegacyReader {
     classes_.emplace_back();
     size_t index = classes_.size() - 1;
     std::string name(paddedString());
-    auto count = take<uint32_t>();
+    auto count = in_.take<uint32_t>();
     std::vector<Value> keys;
     keys.reserve(capacity(count, 4));
     for (uint32_t i = 0; i < count; ++i) keys.push_back(Value(paddedString()));
@@ -165,7 +145,7 @@ class LegacyReader {
   }
 
   Value readObjectInstance() {
-    auto index = take<uint32_t>();
+    auto index = in_.take<uint32_t>();
     if (index >= objects_.size()) throwBadIndex(index, objects_.size());
     int32_t classIndex = objects_[index].classDef;
     if (classIndex < 0) throwUnknownType(lObjectInstance);  // the slot holds no class definition
@@ -184,21 +164,21 @@ class LegacyReader {
   }
 
   Value readIndexSet(bool mutableNode) {
-    auto count = take<uint32_t>();
+    auto count = in_.take<uint32_t>();
     std::vector<IndexRange> ranges;
     ranges.reserve(capacity(count, 8));
     if (mutableNode) {
       Value set = push(Value::indexSet({}, true));
       for (uint32_t i = 0; i < count; ++i) {
-        auto location = take<uint32_t>();
-        auto length = take<uint32_t>();
+        auto location = in_.take<uint32_t>();
+        auto length = in_.take<uint32_t>();
         set.addIndexes(IndexRange{location, length});
       }
       return set;
     }
     for (uint32_t i = 0; i < count; ++i) {
-      auto location = take<uint32_t>();
-      auto length = take<uint32_t>();
+      auto location = in_.take<uint32_t>();
+      auto length = in_.take<uint32_t>();
       ranges.push_back(IndexRange{location, length});
     }
     return push(Value::indexSet(std::move(ranges)));
@@ -220,7 +200,7 @@ class LegacyReader {
   template <size_t N>
   std::array<double, N> doubles() {
     std::array<double, N> m;
-    for (double& d : m) d = take<double>();
+    for (double& d : m) d = in_.take<double>();
     return m;
   }
 
@@ -229,7 +209,7 @@ class LegacyReader {
       case lNull:
         return Value::null();
       case lAlias: {
-        auto index = take<uint32_t>();
+        auto index = in_.take<uint32_t>();
         if (index >= objects_.size()) throwBadIndex(index, objects_.size());
         open_.checkAlias(index);
         return objects_[index].value;
@@ -259,19 +239,19 @@ class LegacyReader {
       case lFalse:
         return Value::boolean(false);
       case lInt32:
-        return push(Value::number(NumberKind::Int, take<int32_t>()));
+        return push(Value::number(NumberKind::Int, in_.take<int32_t>()));
       case lInt64:
-        return push(Value::number(NumberKind::LongLong, take<int64_t>()));
+        return push(Value::number(NumberKind::LongLong, in_.take<int64_t>()));
       case lFloat32:
-        return push(Value::floatNumber(take<float>()));
+        return push(Value::floatNumber(in_.take<float>()));
       case lFloat64:
-        return push(Value::doubleNumber(take<double>()));
+        return push(Value::doubleNumber(in_.take<double>()));
       case lData:
         return readData(false);
       case lMutableData:
         return readData(true);
       case lDate:
-        return push(Value::date(take<double>()));
+        return push(Value::date(in_.take<double>()));
       case lClassDefinition:
         return readClassDefinition();
       case lObjectInstance:
@@ -296,7 +276,7 @@ class LegacyReader {
         return push(Value::rect(m[0], m[1], m[2], m[3]));
       }
       case lRange: {
-        uint32_t location = take<uint32_t>(), length = take<uint32_t>();
+        uint32_t location = in_.take<uint32_t>(), length = in_.take<uint32_t>();
         return push(Value::range(location, length));
       }
       case lAffineTransform: {
@@ -318,9 +298,7 @@ class LegacyReader {
     }
   }
 
-  const uint8_t* in_;
-  size_t total_;
-  size_t off_ = 8;
+  ByteCursor in_;
   bool propertyListOnly_;
   int depth_ = 0;
   OpenContainers open_;

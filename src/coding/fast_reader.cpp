@@ -120,20 +120,20 @@ Value awakeObject(const Value& object) {
 // ---- The parser -------------------------------------------------------------------------
 
 FastReader::FastReader(ByteView data, ReadRules rules)
-    : in_(data.data()), total_(data.size()), constructors_(table(rules.propertyListOnly)), open_(rules.refuseCycles) {}
+    : in_{data.data(), data.size(), 0}, constructors_(table(rules.propertyListOnly)), open_(rules.refuseCycles) {}
 
 uint32_t FastReader::capacityFor(uint64_t count, size_t bytesPerItem) const {
   // A count is only a hint: never reserve more items than the rest of the input could hold.
-  uint64_t most = remaining() / bytesPerItem;
+  uint64_t most = in_.remaining() / bytesPerItem;
   return static_cast<uint32_t>(std::min<uint64_t>({count, most, UINT32_MAX}));
 }
 
 Value FastReader::parse() {
   // Reading the counts is outside the guard of the caller: a cut header raises.
-  off_ = 8;
-  auto objectCount = take<uint32_t>();
-  auto classCount = take<uint32_t>();
-  auto stringCount = take<uint32_t>();
+  in_.pos = 8;
+  auto objectCount = in_.take<uint32_t>();
+  auto classCount = in_.take<uint32_t>();
+  auto stringCount = in_.take<uint32_t>();
   objects_.reserve(capacityFor(objectCount, 1));
   classes_.reserve(capacityFor(classCount, 2));
   strings_.reserve(capacityFor(stringCount, 1));
@@ -152,8 +152,7 @@ void breakCycles(const std::vector<Value>& nodes) {
 }
 
 Value FastReader::readObject() {
-  if (off_ >= total_) throwEOF(off_);
-  unsigned type = in_[off_++];
+  unsigned type = in_.takeByte();
   Constructor c = type < kFastTypeCount ? constructors_[type] : nullptr;
   if (c == nullptr) throwUnknownType(type);
   if (++depth_ > kFastMaxDepth) throwTooDeep();
@@ -163,13 +162,9 @@ Value FastReader::readObject() {
 }
 
 std::string_view FastReader::takeCString() {
-  if (off_ >= total_) throwEOF(off_);
-  const auto* start = in_ + off_;
-  const void* nul = std::memchr(start, 0, total_ - off_);
-  if (nul == nullptr) throwEOF(off_);
-  size_t n = static_cast<const uint8_t*>(nul) - start;
-  off_ += n + 1;
-  return std::string_view(reinterpret_cast<const char*>(start), n);
+  std::string_view s = in_.peekCString();
+  in_.pos += s.size() + 1;
+  return s;
 }
 
 Value FastReader::aliasFrom(const std::vector<Value>& table, uint64_t index) const {
@@ -185,7 +180,7 @@ Value FastReader::readStringValue(bool mutableNode) {
 }
 
 Value FastReader::readDictionary(bool mutableNode) {
-  auto count = takeAligned<uint32_t>();
+  auto count = in_.takeAligned<uint32_t>();
   if (mutableNode) {
     Value dict = Value::mutableDictionary();
     objects_.push_back(dict);
@@ -217,7 +212,7 @@ Value FastReader::readDictionary(bool mutableNode) {
 }
 
 Value FastReader::readCollection(ValueKind kind, bool mutableNode) {
-  auto count = takeAligned<uint32_t>();
+  auto count = in_.takeAligned<uint32_t>();
   if (mutableNode) {
     std::vector<Value> items;
     items.reserve(capacityFor(count, 1));
@@ -254,11 +249,9 @@ Value FastReader::readCollection(ValueKind kind, bool mutableNode) {
 }
 
 Value FastReader::readDataPayload(bool mutableNode) {
-  auto length = takeAligned<uint32_t>();
+  auto length = in_.takeAligned<uint32_t>();
   size_t padded = (static_cast<size_t>(length) + 3) & ~size_t{3};
-  need(padded);
-  Value d = Value::data(ByteView(in_ + off_, length), mutableNode);
-  off_ += padded;
+  Value d = Value::data(ByteView(in_.takeBytes(padded), length), mutableNode);
   objects_.push_back(d);
   return d;
 }
@@ -267,7 +260,7 @@ Value FastReader::readClassDefinition() {
   classes_.emplace_back();
   size_t index = classes_.size() - 1;
   std::string name(takeCString());
-  auto count = takeAligned<uint32_t>();
+  auto count = in_.takeAligned<uint32_t>();
   std::vector<Value> keys;
   keys.reserve(capacityFor(count, 1));
   for (uint32_t i = 0; i < count; ++i) keys.push_back(Value(takeCString()));
@@ -307,13 +300,13 @@ Value FastReader::readURL() {
 }
 
 Value FastReader::readIndexSet(bool mutableNode) {
-  auto count = takeAligned<uint32_t>();
+  auto count = in_.takeAligned<uint32_t>();
   if (mutableNode) {
     Value set = Value::indexSet({}, true);
     objects_.push_back(set);
     for (uint32_t i = 0; i < count; ++i) {
-      auto location = take<uint32_t>();
-      auto length = take<uint32_t>();
+      auto location = in_.take<uint32_t>();
+      auto length = in_.take<uint32_t>();
       set.addIndexes(IndexRange{location, length});
     }
     return set;
@@ -321,8 +314,8 @@ Value FastReader::readIndexSet(bool mutableNode) {
   std::vector<IndexRange> ranges;
   ranges.reserve(capacityFor(count, 8));
   for (uint32_t i = 0; i < count; ++i) {
-    auto location = take<uint32_t>();
-    auto length = take<uint32_t>();
+    auto location = in_.take<uint32_t>();
+    auto length = in_.take<uint32_t>();
     ranges.push_back(IndexRange{location, length});
   }
   Value set = Value::indexSet(std::move(ranges));
@@ -370,11 +363,8 @@ Value FastReader::readKeyedArchive() {
 }
 
 Value FastReader::readDecimal() {
-  size_t r = off_ % 20;
-  if (r != 0) off_ += 20 - r;
-  need(20);
-  std::span<const uint8_t, 20> record(in_ + off_, 20);
-  off_ += 20;
+  in_.alignTo(20);
+  std::span<const uint8_t, 20> record(in_.takeBytes(20), 20);
   return Value::decimal(Decimal::fromRecord(record));
 }
 
@@ -382,12 +372,12 @@ Value FastReader::readDecimal() {
 
 Value FastReader::c_nil(FastReader&) { return Value(); }
 Value FastReader::c_null(FastReader&) { return Value::null(); }
-Value FastReader::c_alias8(FastReader& r) { return r.aliasFrom(r.objects_, r.take<uint8_t>()); }
-Value FastReader::c_alias16(FastReader& r) { return r.aliasFrom(r.objects_, r.takeAligned<uint16_t>()); }
-Value FastReader::c_alias32(FastReader& r) { return r.aliasFrom(r.objects_, r.takeAligned<uint32_t>()); }
-Value FastReader::c_stringAlias8(FastReader& r) { return r.aliasFrom(r.strings_, r.take<uint8_t>()); }
-Value FastReader::c_stringAlias16(FastReader& r) { return r.aliasFrom(r.strings_, r.takeAligned<uint16_t>()); }
-Value FastReader::c_stringAlias32(FastReader& r) { return r.aliasFrom(r.strings_, r.takeAligned<uint32_t>()); }
+Value FastReader::c_alias8(FastReader& r) { return r.aliasFrom(r.objects_, r.in_.take<uint8_t>()); }
+Value FastReader::c_alias16(FastReader& r) { return r.aliasFrom(r.objects_, r.in_.takeAligned<uint16_t>()); }
+Value FastReader::c_alias32(FastReader& r) { return r.aliasFrom(r.objects_, r.in_.takeAligned<uint32_t>()); }
+Value FastReader::c_stringAlias8(FastReader& r) { return r.aliasFrom(r.strings_, r.in_.take<uint8_t>()); }
+Value FastReader::c_stringAlias16(FastReader& r) { return r.aliasFrom(r.strings_, r.in_.takeAligned<uint16_t>()); }
+Value FastReader::c_stringAlias32(FastReader& r) { return r.aliasFrom(r.strings_, r.in_.takeAligned<uint32_t>()); }
 Value FastReader::c_string(FastReader& r) {
   std::string_view s = r.takeCString();
   Value v;
@@ -406,15 +396,15 @@ Value FastReader::c_set(FastReader& r) { return r.readCollection(ValueKind::Set,
 Value FastReader::c_orderedSet(FastReader& r) { return r.readCollection(ValueKind::OrderedSet, false); }
 Value FastReader::c_true(FastReader&) { return Value::boolean(true); }
 Value FastReader::c_false(FastReader&) { return Value::boolean(false); }
-Value FastReader::c_int8(FastReader& r) { return Value::number(NumberKind::Char, r.take<int8_t>()); }
-Value FastReader::c_int16(FastReader& r) { return Value::number(NumberKind::Short, r.takeAligned<int16_t>()); }
-Value FastReader::c_int32(FastReader& r) { return Value::number(NumberKind::Int, r.takeAligned<int32_t>()); }
-Value FastReader::c_int64(FastReader& r) { return Value::number(NumberKind::LongLong, r.takeAligned<int64_t>()); }
-Value FastReader::c_float32(FastReader& r) { return Value::floatNumber(r.takeAligned<float>()); }
-Value FastReader::c_float64(FastReader& r) { return Value::doubleNumber(r.takeAligned<double>()); }
+Value FastReader::c_int8(FastReader& r) { return Value::number(NumberKind::Char, r.in_.take<int8_t>()); }
+Value FastReader::c_int16(FastReader& r) { return Value::number(NumberKind::Short, r.in_.takeAligned<int16_t>()); }
+Value FastReader::c_int32(FastReader& r) { return Value::number(NumberKind::Int, r.in_.takeAligned<int32_t>()); }
+Value FastReader::c_int64(FastReader& r) { return Value::number(NumberKind::LongLong, r.in_.takeAligned<int64_t>()); }
+Value FastReader::c_float32(FastReader& r) { return Value::floatNumber(r.in_.takeAligned<float>()); }
+Value FastReader::c_float64(FastReader& r) { return Value::doubleNumber(r.in_.takeAligned<double>()); }
 Value FastReader::c_data(FastReader& r) { return r.readDataPayload(false); }
 Value FastReader::c_legacyDate(FastReader& r) {
-  Value d = Value::date(r.takeAligned<double>() - kSecondsFrom1970To2001);
+  Value d = Value::date(r.in_.takeAligned<double>() - kSecondsFrom1970To2001);
   r.objects_.push_back(d);
   return d;
 }
@@ -429,54 +419,54 @@ Value FastReader::c_mutableSet(FastReader& r) { return r.readCollection(ValueKin
 Value FastReader::c_mutableOrderedSet(FastReader& r) { return r.readCollection(ValueKind::OrderedSet, true); }
 Value FastReader::c_mutableData(FastReader& r) { return r.readDataPayload(true); }
 Value FastReader::c_classDefinition(FastReader& r) { return r.readClassDefinition(); }
-Value FastReader::c_object8(FastReader& r) { return r.readCustomObject(r.take<uint8_t>()); }
-Value FastReader::c_object16(FastReader& r) { return r.readCustomObject(r.takeAligned<uint16_t>()); }
-Value FastReader::c_object32(FastReader& r) { return r.readCustomObject(r.takeAligned<uint32_t>()); }
+Value FastReader::c_object8(FastReader& r) { return r.readCustomObject(r.in_.take<uint8_t>()); }
+Value FastReader::c_object16(FastReader& r) { return r.readCustomObject(r.in_.takeAligned<uint16_t>()); }
+Value FastReader::c_object32(FastReader& r) { return r.readCustomObject(r.in_.takeAligned<uint32_t>()); }
 Value FastReader::c_url(FastReader& r) { return r.readURL(); }
 // Structure payloads are read as one block, as the platform reads the whole structure.
 Value FastReader::c_point(FastReader& r) {
-  r.alignTo(8);
-  r.need(16);
-  double x = r.take<double>(), y = r.take<double>();
+  r.in_.alignTo(8);
+  r.in_.need(16);
+  double x = r.in_.take<double>(), y = r.in_.take<double>();
   return Value::point(x, y);
 }
 Value FastReader::c_size(FastReader& r) {
-  r.alignTo(8);
-  r.need(16);
-  double w = r.take<double>(), h = r.take<double>();
+  r.in_.alignTo(8);
+  r.in_.need(16);
+  double w = r.in_.take<double>(), h = r.in_.take<double>();
   return Value::size(w, h);
 }
 Value FastReader::c_rect(FastReader& r) {
-  r.alignTo(8);
-  r.need(32);
-  double x = r.take<double>(), y = r.take<double>(), w = r.take<double>(), h = r.take<double>();
+  r.in_.alignTo(8);
+  r.in_.need(32);
+  double x = r.in_.take<double>(), y = r.in_.take<double>(), w = r.in_.take<double>(), h = r.in_.take<double>();
   return Value::rect(x, y, w, h);
 }
 Value FastReader::c_range(FastReader& r) {
-  r.alignTo(4);
-  r.need(8);
-  uint32_t location = r.take<uint32_t>(), length = r.take<uint32_t>();
+  r.in_.alignTo(4);
+  r.in_.need(8);
+  uint32_t location = r.in_.take<uint32_t>(), length = r.in_.take<uint32_t>();
   return Value::range(location, length);
 }
 Value FastReader::c_vector(FastReader& r) {
-  r.alignTo(8);
-  r.need(16);
-  double dx = r.take<double>(), dy = r.take<double>();
+  r.in_.alignTo(8);
+  r.in_.need(16);
+  double dx = r.in_.take<double>(), dy = r.in_.take<double>();
   return Value::vector(dx, dy);
 }
 Value FastReader::c_affineTransform(FastReader& r) {
   // Aligned although the writer does not pad: both sides keep the platform's behaviour.
-  r.alignTo(8);
-  r.need(48);
+  r.in_.alignTo(8);
+  r.in_.need(48);
   double m[6];
-  for (double& d : m) d = r.take<double>();
+  for (double& d : m) d = r.in_.take<double>();
   return Value::affineTransform(m[0], m[1], m[2], m[3], m[4], m[5]);
 }
 Value FastReader::c_transform3D(FastReader& r) {
-  r.alignTo(8);
-  r.need(128);
+  r.in_.alignTo(8);
+  r.in_.need(128);
   std::array<double, 16> m;
-  for (double& d : m) d = r.take<double>();
+  for (double& d : m) d = r.in_.take<double>();
   return Value::transform3D(m);
 }
 Value FastReader::c_mutableIndexSet(FastReader& r) { return r.readIndexSet(true); }
@@ -487,7 +477,7 @@ Value FastReader::c_one(FastReader&) { return Value::number(NumberKind::Int, 1);
 Value FastReader::c_zero(FastReader&) { return Value::number(NumberKind::Int, 0); }
 Value FastReader::c_keyedArchive(FastReader& r) { return r.readKeyedArchive(); }
 Value FastReader::c_date(FastReader& r) {
-  Value d = Value::date(r.takeAligned<double>());
+  Value d = Value::date(r.in_.takeAligned<double>());
   r.objects_.push_back(d);
   return d;
 }

@@ -6,6 +6,7 @@
 
 #include "corvane/graph/managed_object_context.h"
 #include "corvane/graph/object_model.h"
+#include "graph/context_impl.h"
 #include "graph/graph_internal.h"
 
 namespace corvane {
@@ -94,7 +95,7 @@ std::string ManagedObject::description() const {
 void ManagedObject::assignTemporaryID() const {
   id_ = ObjectID::makeTemporary(entity_);
   // Registered from now on, so that objectWithID() finds it by this ID.
-  if (context_ != nullptr) context_->registerObject(const_cast<ManagedObject*>(this));
+  if (context_ != nullptr) context_->impl_->registry.registerObject(const_cast<ManagedObject*>(this));
 }
 
 // ---- Slots -----------------------------------------------------------------------------------
@@ -114,7 +115,7 @@ const PropertyDescription& ManagedObject::propertyAt(int index) const {
 }
 
 void ManagedObject::fireFault() const {
-  if (fault_ && context_ != nullptr) context_->fulfillFault(const_cast<ManagedObject*>(this));
+  if (fault_ && context_ != nullptr) context_->impl_->faults.fulfill(const_cast<ManagedObject*>(this));
 }
 
 const Value& ManagedObject::slot(int index) const {
@@ -124,7 +125,7 @@ const Value& ManagedObject::slot(int index) const {
   if (v.isNil() && context_ != nullptr) {
     const PropertyDescription& p = propertyAt(index);
     if (p.isRelationship() && static_cast<const RelationshipDescription&>(p).isToMany()) {
-      v = context_->loadToMany(const_cast<ManagedObject*>(this), index);
+      v = context_->impl_->faults.loadToMany(const_cast<ManagedObject*>(this), index);
       auto* self = const_cast<ManagedObject*>(this);
       if (!self->clean_ && !self->committed_.empty()) self->committed_[static_cast<size_t>(index)] = v;
     }
@@ -140,9 +141,9 @@ void ManagedObject::changeSlot(int index, const Value& newValue) {
   if (!inserted_) detachSnapshot();
   Value old = current;
   current = newValue;
-  context_->objectDidChange(this);
+  context_->impl_->changes.objectDidChange(this);
   Retained<ManagedObject> self(this);
-  context_->registerUndo(this, [self, index, old] {
+  context_->impl_->registerUndo(this, [self, index, old] {
     std::string_view key = self->propertyAt(index).name();
     withChangeHooks(self.get(), key, [&] { self->changeSlot(index, old); });
   });
@@ -175,14 +176,14 @@ void ManagedObject::addMember(int index, const Value& member, size_t position) {
   } else {
     members.append(member);
   }
-  context_->objectDidChange(this);
+  context_->impl_->changes.objectDidChange(this);
   Retained<ManagedObject> self(this);
   if (oldPosition != SIZE_MAX) {
-    context_->registerUndo(this, [self, index, member, oldPosition] {
+    context_->impl_->registerUndo(this, [self, index, member, oldPosition] {
       withChangeHooks(self.get(), self->propertyAt(index).name(), [&] { self->addMember(index, member, oldPosition); });
     });
   } else {
-    context_->registerUndo(this, [self, index, member] {
+    context_->impl_->registerUndo(this, [self, index, member] {
       withChangeHooks(self.get(), self->propertyAt(index).name(), [&] { self->removeMember(index, member); });
     });
   }
@@ -207,9 +208,9 @@ void ManagedObject::removeMember(int index, const Value& member) {
   } else {
     members.remove(member);
   }
-  context_->objectDidChange(this);
+  context_->impl_->changes.objectDidChange(this);
   Retained<ManagedObject> self(this);
-  context_->registerUndo(this, [self, index, member, oldPosition] {
+  context_->impl_->registerUndo(this, [self, index, member, oldPosition] {
     withChangeHooks(self.get(), self->propertyAt(index).name(), [&] { self->addMember(index, member, oldPosition); });
   });
 }

@@ -56,7 +56,6 @@ namespace corvane {
 class EntityDescription;
 class ObjectModel;
 class PersistentStoreCoordinator;
-class SerialQueue;
 class UndoManager;
 
 // The platform's numbers.
@@ -70,11 +69,6 @@ inline constexpr const char* kUpdatedObjectsKey = "updated";
 inline constexpr const char* kDeletedObjectsKey = "deleted";
 inline constexpr const char* kRefreshedObjectsKey = "refreshed";
 
-namespace graph_internal {
-class ObjectSet;
-class ObjectRegistry;
-}
-
 class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectContext> {
  public:
   static std::shared_ptr<ManagedObjectContext> create(ConcurrencyType type);
@@ -84,7 +78,7 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   ManagedObjectContext& operator=(const ManagedObjectContext&) = delete;
 
   // ---- Queue (any thread) -------------------------------------------------------------------
-  ConcurrencyType concurrencyType() const { return type_; }
+  ConcurrencyType concurrencyType() const;
   void perform(std::function<void()> block);
   void performAndWait(const std::function<void()>& block);
   // True when the calling thread may use the context now.
@@ -95,11 +89,11 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   // The context's own coordinator, or its parent's.
   std::shared_ptr<PersistentStoreCoordinator> persistentStoreCoordinator() const;
   void setParentContext(std::shared_ptr<ManagedObjectContext> parent);
-  const std::shared_ptr<ManagedObjectContext>& parentContext() const { return parent_; }
+  const std::shared_ptr<ManagedObjectContext>& parentContext() const;
   const ObjectModel* model() const;
   const EntityDescription* entity(std::string_view name) const;
-  const std::string& name() const { return name_; }
-  void setName(std::string name) { name_ = std::move(name); }
+  const std::string& name() const;
+  void setName(std::string name);
 
   // ---- Objects (context's queue) ------------------------------------------------------------
   // A new object of the entity, inserted, with the attributes' default values. Throws
@@ -152,14 +146,14 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   // Gives the objects permanent IDs from their store now (normally done by save).
   bool obtainPermanentIDsForObjects(const std::vector<ManagedObject*>& objects, Error* error = nullptr);
 
-  bool retainsRegisteredObjects() const { return retainsRegisteredObjects_; }
+  bool retainsRegisteredObjects() const;
   // When false (the default), objects without changes that nobody else holds are let go
   // after a save, at the end of the event or perform block (or the next time pending changes
   // are processed); they come back as faults when asked for again.
-  void setRetainsRegisteredObjects(bool retains) { retainsRegisteredObjects_ = retains; }
+  void setRetainsRegisteredObjects(bool retains);
 
   // ---- Undo (context's queue) ---------------------------------------------------------------
-  UndoManager* undoManager() const { return undoManager_.get(); }
+  UndoManager* undoManager() const;
   void setUndoManager(std::shared_ptr<UndoManager> undoManager);
   void undo();
   void redo();
@@ -171,63 +165,16 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
 
  private:
   friend class ManagedObject;
-  struct SaveLists {
-    std::vector<Retained<ManagedObject>> inserted, updated, deleted;
-  };
-  struct Transfer;
+  // What a context knows lives behind impl_; each of its jobs is a class of its own. All are
+  // private to the graph layer (src/graph/).
+  struct Impl;      // context_impl.h: the state the jobs share
+  class Registry;   // context_registry.h: registered objects and their IDs
+  class Faults;     // context_faults.h: reading values into objects, refreshing them
+  class Changes;    // context_changes.h: inserts, deletes and delete rules, change notifications
+  class Saving;     // context_saving.h: validating and writing changes, a child's changes
+  class Fetching;   // context_fetching.h: fetch requests with pending changes
 
-  ManagedObject* makeObject(const EntityDescription* entity, const ObjectID& id);
-  void registerObject(ManagedObject* object);
-  void unregister(ManagedObject* object);
-  void forgetObjects();
-  void sweepUnreferenced();
-  void fulfillFault(ManagedObject* object);
-  void fillFromNode(ManagedObject* object, const Value& values, uint64_t version);
-  Value loadToMany(ManagedObject* object, int index);
-  std::optional<Value> nodeValuesForChild(const ObjectID& id, uint64_t* version, Error* error);
-  void objectDidChange(ManagedObject* object);
-  void registerUndo(const void* target, std::function<void()> action);
-  std::function<void()> guarded(std::function<void()> action);
-  void undoInsertion(const Retained<ManagedObject>& object);
-  void revive(const Retained<ManagedObject>& object);
-  void propagateDeletes();
-  void postObjectsDidChange();
-  void scheduleEndOfEvent();
-  void runBlock(const std::function<void()>& block);
-  void turnIntoFault(ManagedObject* object);
-  void assignPermanentID(ManagedObject* object, const ObjectID& newID);
-  void rekey(const std::vector<std::pair<ObjectID, ObjectID>>& changes);
-  SaveLists saveLists() const;
-  bool validateChanges(const SaveLists& lists, Error* error);
-  bool pushToStores(const SaveLists& lists, Error* error);
-  bool pushToParent(const SaveLists& lists, Error* error);
-  void applyChildChanges(const std::vector<Transfer>& transfers, const std::vector<ObjectID>& deleted);
-  void commitSavedChanges(const SaveLists& lists);
-  std::optional<Value> executeAtSource(const FetchRequest& request, Error* error);
-  std::vector<Retained<ManagedObject>> mergePendingObjects(std::vector<Retained<ManagedObject>> fromStore,
-                                                           const FetchRequest& request,
-                                                           const EntityDescription* entity);
-  bool touchesPendingChanges(const EntityDescription* entity, const FetchRequest& request) const;
-  Retained<ManagedObject> objectForResult(const Value& element);
-
-  ConcurrencyType type_;
-  std::string name_;
-  std::unique_ptr<SerialQueue> queue_;
-  std::shared_ptr<PersistentStoreCoordinator> coordinator_;
-  std::shared_ptr<ManagedObjectContext> parent_;
-  // Changes since the last save, and since the last objects-did-change notification.
-  std::unique_ptr<graph_internal::ObjectSet> inserted_, updated_, deleted_;
-  std::unique_ptr<graph_internal::ObjectSet> pendingInserted_, pendingUpdated_, pendingDeleted_, pendingRefreshed_;
-  std::shared_ptr<UndoManager> undoManager_;
-  NotificationCenter::Observer undoObserver_;
-  bool retainsRegisteredObjects_ = false;
-  bool endOfEventScheduled_ = false;
-  bool processing_ = false;
-  bool saving_ = false;
-  bool suppressUndo_ = false;
-  bool sweepDue_ = false;
-  std::unique_ptr<graph_internal::ObjectRegistry> registered_;
-  std::shared_ptr<bool> alive_;  // lets queued work and undo actions notice a destroyed context
+  std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace corvane
