@@ -26,6 +26,7 @@
 #include "corvane/graph/fetch_request.h"
 #include "corvane/graph/managed_object_context.h"
 #include "corvane/graph/object_model.h"
+#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_store.h"
 #include "corvane/testing/sync_simulator.h"
 
@@ -271,7 +272,7 @@ int main(int argc, char** argv) {
   std::printf("  Laptop  content checksum: %s\n  Desktop content checksum: %s\n", a.c_str(), b.c_str());
   laptop->close();
   desktop->close();
-  CorvaneStore::waitForRecentFilesRegistration();
+  CorvanePackage::waitForRecentFilesRegistration();
   std::filesystem::remove_all(root);
   if (a != b) return fail("the devices disagree");
   std::printf("Both devices hold the same document.\n");

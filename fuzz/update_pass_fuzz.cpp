@@ -28,6 +28,7 @@
 #include "corvane/graph/object_model.h"
 #include "corvane/security/sea_crypto.h"
 #include "corvane/store/corvane_managed_object_context.h"
+#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
 #include "corvane/store/corvane_store_options.h"
@@ -201,7 +202,7 @@ void close(Opened& opened) {
     opened.store->close();
   }
   opened.coordinator.reset();  // the store goes, and its cache's background work stops
-  CorvaneStore::waitForRecentFilesRegistration();
+  CorvanePackage::waitForRecentFilesRegistration();
   RunLoop::main().discardPendingWork();
 }
 

@@ -20,6 +20,7 @@
 #include "corvane/security/document_password.h"
 #include "corvane/security/package_encryption.h"
 #include "corvane/store/corvane_managed_object_context.h"
+#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
 #include "corvane/store/corvane_store_options.h"
@@ -114,7 +115,7 @@ CorvaneDocument::~CorvaneDocument() {
   // class's members would otherwise outlive them); the store notes the package among the
   // recent files on a queue of its own, with this Env, which must be done first too.
   setManagedObjectContext(nullptr, nullptr);
-  CorvaneStore::waitForRecentFilesRegistration();
+  CorvanePackage::waitForRecentFilesRegistration();
   alive_.reset();
 }
 
@@ -188,7 +189,7 @@ bool CorvaneDocument::configurePersistentStoreCoordinator(const std::string& url
     return false;
   }
   // 7. The password.
-  if (exists && env->fileExists(info) && !CorvaneStore::canOpenURL(url, password_, env)) {
+  if (exists && env->fileExists(info) && !CorvanePackage::canOpenURL(url, password_, env)) {
     bool cancelled = false;
     if (!obtainPassword(url, &cancelled)) {
       if (cancelled) return false;
@@ -196,7 +197,7 @@ bool CorvaneDocument::configurePersistentStoreCoordinator(const std::string& url
     }
   }
   // 8. The package's identity.
-  if (std::string identifier = CorvaneStore::documentIdentifierForURL(url, env); !identifier.empty()) {
+  if (std::string identifier = CorvanePackage::documentIdentifierForURL(url, env); !identifier.empty()) {
     documentIdentifier_ = identifier;
   }
   // 9. The store's options.
@@ -232,12 +233,12 @@ KeychainBackend* CorvaneDocument::keychain() const {
 
 bool CorvaneDocument::obtainPassword(const std::string& path, bool* cancelled) {
   Env* env = env_.get();
-  const std::string identifier = CorvaneStore::documentIdentifierForURL(path, env);
+  const std::string identifier = CorvanePackage::documentIdentifierForURL(path, env);
   const DocumentPasswordItem item{environment_->applicationOrCurrent().identifier, identifier};
   KeychainBackend* keys = keychain();
   if (keys != nullptr && defaults_->boolForKey(dontShowPasswordPromptAgainKey(identifier))) {
     std::optional<std::string> kept = findDocumentPassword(item, nullptr, keys);
-    if (kept && CorvaneStore::canOpenURL(path, *kept, env)) {
+    if (kept && CorvanePackage::canOpenURL(path, *kept, env)) {
       password_ = std::move(kept);
       return true;
     }
@@ -252,7 +253,7 @@ bool CorvaneDocument::obtainPassword(const std::string& path, bool* cancelled) {
       *cancelled = true;
       return false;
     }
-    if (!CorvaneStore::canOpenURL(path, answer->password, env)) {
+    if (!CorvanePackage::canOpenURL(path, answer->password, env)) {
       prompt.message = "Wrong password for " + pathLastComponent(path) + ". Try again";
       continue;
     }
@@ -332,7 +333,7 @@ std::optional<std::string> CorvaneDocument::fileType(const ApplicationInfo& appl
 }
 
 bool CorvaneDocument::isCorrectFormat(const std::string& path, Env* env) {
-  return CorvaneStore::isCorrectFormat(path, env);
+  return CorvanePackage::isCorrectFormat(path, env);
 }
 
 // ---- Bindings to the store ---------------------------------------------------------------------

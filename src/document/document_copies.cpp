@@ -16,6 +16,7 @@
 #include "corvane/graph/managed_object_context.h"
 #include "corvane/security/document_password.h"
 #include "corvane/store/corvane_managed_object_context.h"
+#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
 #include "corvane/store/corvane_store_options.h"
@@ -77,7 +78,7 @@ void CorvaneDocument::consolidate(std::function<void(bool)> done) {
   }
   managedObjectContext().processPendingChanges();
   const std::string temporary = url + ".temporary";
-  CorvaneStore::prepareNewStoreAtURL(temporary, env, defaults_);
+  CorvanePackage::prepareNewStoreAtURL(temporary, env, defaults_);
 
   // The new package gets the document's identity, options and password.
   Value options = sideStoreOptions();
@@ -163,7 +164,7 @@ bool CorvaneDocument::checkConsolidatedElsewhere() {
   const std::string folder = pathDeletingLastComponent(fileURL());
   for (const std::string& name : backupsBeside()) {
     if (std::find(knownBackups_.begin(), knownBackups_.end(), name) != knownBackups_.end()) continue;
-    if (CorvaneStore::documentIdentifierForURL(pathJoin(folder, name), env_.get()) != documentIdentifier_) continue;
+    if (CorvanePackage::documentIdentifierForURL(pathJoin(folder, name), env_.get()) != documentIdentifier_) continue;
     close();
     Alert alert{"Optimize File",
                 "This file was optimized on another device and has been closed. Reopen it once syncing has finished.",
@@ -279,7 +280,7 @@ void CorvaneDocument::writeCopy(const CopyRequest& given, std::function<void(con
   job->ui->beginProgress("Saving a Copy");
   job->ui->updateProgress(0, "Saving a Copy");
 
-  CorvaneStore::prepareNewStoreAtURL(request.path, env, defaults_);
+  CorvanePackage::prepareNewStoreAtURL(request.path, env, defaults_);
   // A copy is a document of its own: a new identifier, this one's options, and a password only
   // when one is asked for, whatever this document has.
   Value options = sideStoreOptions();

@@ -1,5 +1,6 @@
 // CorvaneStore: opening, identity, entity folder names, the cipher, metadata, the cache
 // services and closing.
+#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_store.h"
 
 #include <fmt/format.h>
@@ -104,7 +105,7 @@ CorvaneStore::~CorvaneStore() {
 bool CorvaneStore::loadMetadata(Error* error) {
   const std::string& path = url();
   bool isDirectory = false;
-  if (state_->env->fileExists(path, &isDirectory) && (!isDirectory || !isCorrectFormat(path, state_->env, state_->environment))) {
+  if (state_->env->fileExists(path, &isDirectory) && (!isDirectory || !CorvanePackage::isCorrectFormat(path, state_->env, state_->environment))) {
     return setError(error, storeError(path + " is not a Corvane document"));
   }
   const bool existed = state_->env->fileExists(path);
@@ -123,7 +124,7 @@ bool CorvaneStore::loadMetadata(Error* error) {
       CorvaneCache::resetCacheForURL(path, state_->env);
     }
   }
-  const Value info = infoDictionaryForURL(path, state_->env);
+  const Value info = CorvanePackage::infoDictionaryForURL(path, state_->env);
   if (!info.isDictionary()) return setError(error, storeError(infoURL() + " could not be read"));
   if (isEncryptedPackageInfo(info)) {
     if (!state_->password) return setError(error, storeError(path + " is encrypted: a password is needed to open it"));
@@ -225,7 +226,7 @@ std::string CorvaneStore::infoURL() const { return pathJoin(url(), "Info.plist")
 Value CorvaneStore::infoDictionary() const {
   std::lock_guard<std::mutex> lock(state_->package.mutex);
   if (state_->package.info.isNil()) {
-    Value read = infoDictionaryForURL(url(), state_->env);
+    Value read = CorvanePackage::infoDictionaryForURL(url(), state_->env);
     state_->package.info = read.isDictionary() ? read.mutableCopy() : Value::mutableDictionary();
   }
   return state_->package.info;
@@ -234,7 +235,7 @@ Value CorvaneStore::infoDictionary() const {
 std::string CorvaneStore::documentIdentifier() const { return infoDictionary()["DocumentIdentifier"].str(); }
 
 bool CorvaneStore::setDocumentIdentifier(const std::string& identifier, Error* error) {
-  Value info = store_internal::mutableDictionaryCopy(infoDictionaryForURL(url(), state_->env));
+  Value info = store_internal::mutableDictionaryCopy(CorvanePackage::infoDictionaryForURL(url(), state_->env));
   info.set(Value("DocumentIdentifier"), Value(identifier));
   if (!writePropertyListFile(state_->env, infoURL(), info, error)) return false;
   std::lock_guard<std::mutex> lock(state_->package.mutex);
@@ -259,7 +260,7 @@ void CorvaneStore::refreshURLs() {
   state_->cache->setStoreURL(path);
   // The package the cache is bound to may hold changes it lacks.
   updateChanges();
-  registerURL(path, infoDictionary().copy(), Value(), state_->env, state_->environment->defaults, state_->volumes);
+  CorvanePackage::registerURL(path, infoDictionary().copy(), Value(), state_->env, state_->environment->defaults, state_->volumes);
 }
 
 void CorvaneStore::setPackageURL(const std::string& newURL) {
@@ -323,19 +324,12 @@ std::string CorvaneStore::upToChange() { return state_->upToChange["name"].str()
 
 // ---- Entity folder names -------------------------------------------------------------------
 
-std::string CorvaneStore::entityFolderName(const std::string& entityName, bool encrypted) {
-  if (!encrypted) return entityName;
-  // The salt slot says "(null)": when these names were first made the cipher did not exist yet,
-  // and every encrypted package in existence depends on that.
-  return storeSHA256String(fmt::format("(null).{}.{}", entityName, kFrameworkBundleIdentifier));
-}
-
 void CorvaneStore::setupEntityKeys() {
   PersistentStoreCoordinator* coordinator = persistentStoreCoordinator();
   if (coordinator == nullptr || !coordinator->managedObjectModel()) return;
   state_->package.entityList = coordinator->managedObjectModel()->entities();
   for (const EntityDescription* entity : state_->package.entityList) {
-    std::string folder = entityFolderName(entity->name(), state_->password.has_value());
+    std::string folder = CorvanePackage::entityFolderName(entity->name(), state_->password.has_value());
     state_->package.entityKeys[entity->name()] = folder;
     state_->package.reverseEntityKeys[folder] = entity->name();
   }
@@ -368,7 +362,7 @@ const EntityDescription* CorvaneStore::entityForName(std::string_view name) {
 std::shared_ptr<const SeaCrypto> CorvaneStore::cipher() {
   std::lock_guard<std::mutex> lock(state_->package.cryptoMutex);
   if (!state_->package.crypto && state_->password) {
-    const Value info = infoDictionaryForURL(url(), state_->env);
+    const Value info = CorvanePackage::infoDictionaryForURL(url(), state_->env);
     state_->package.crypto = std::make_shared<const SeaCrypto>(seaCryptoForPackageInfo(info, *state_->password, state_->env));
   }
   return state_->package.crypto;

@@ -1,4 +1,4 @@
-// CorvaneStore: the class operations the document layer calls before a store exists.
+// CorvanePackage: what the document layer asks of a package before a store exists.
 #include <fmt/format.h>
 
 #include "corvane/cache/cache.h"
@@ -8,8 +8,10 @@
 #include "corvane/foundation/serial_queue.h"
 #include "corvane/foundation/user_defaults.h"
 #include "corvane/graph/predicate.h"
+#include "corvane/security/digest.h"
 #include "corvane/security/package_encryption.h"
 #include "corvane/security/string_utils.h"
+#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_store.h"
 #include "corvane/store/corvane_store_options.h"
 #include "store/store_state.h"
@@ -30,7 +32,7 @@ SerialQueue& recentQueue() {
 
 }  // namespace
 
-std::optional<std::string> CorvaneStore::fileExtension() {
+std::optional<std::string> CorvanePackage::fileExtension() {
   const Value types = ApplicationInfo::current().documentTypes;
   for (const Value& type : types.elements()) {
     if (type["NSPersistentStoreTypeKey"] != Value(kCorvaneStoreType)) continue;
@@ -40,23 +42,23 @@ std::optional<std::string> CorvaneStore::fileExtension() {
   return std::nullopt;
 }
 
-Value CorvaneStore::infoDictionaryForURL(const std::string& url, Env* env) {
+Value CorvanePackage::infoDictionaryForURL(const std::string& url, Env* env) {
   Value info;
   if (!readPropertyListFile(env, pathJoin(url, "Info.plist"), &info) || !info.isDictionary()) return Value();
   return info;
 }
 
-std::string CorvaneStore::documentIdentifierForURL(const std::string& url, Env* env) {
+std::string CorvanePackage::documentIdentifierForURL(const std::string& url, Env* env) {
   return infoDictionaryForURL(url, env)["DocumentIdentifier"].str();
 }
 
-bool CorvaneStore::documentExistsAtURL(const std::string& url, const std::string& identifier, Env* env) {
+bool CorvanePackage::documentExistsAtURL(const std::string& url, const std::string& identifier, Env* env) {
   const Value info = infoDictionaryForURL(url, env);
   const Value& found = info["DocumentIdentifier"];
   return found.isString() && found.str() == identifier;
 }
 
-bool CorvaneStore::isCorrectFormat(const std::string& path, Env* env, const StoreEnvironment* environment) {
+bool CorvanePackage::isCorrectFormat(const std::string& path, Env* env, const StoreEnvironment* environment) {
   for (const char* name : {"Info.plist", "Changes", "Entities"}) {
     if (!env->fileExists(pathJoin(path, name))) return false;
   }
@@ -77,13 +79,13 @@ bool CorvaneStore::isCorrectFormat(const std::string& path, Env* env, const Stor
   return !info["Corvane"]["CFBundleIdentifier"].isNil();
 }
 
-bool CorvaneStore::canOpenURL(const std::string& url, const std::optional<std::string>& password, Env* env) {
+bool CorvanePackage::canOpenURL(const std::string& url, const std::optional<std::string>& password, Env* env) {
   const Value info = infoDictionaryForURL(url, env);
   if (password) return canOpenWithPassword(info, std::string_view(*password), env);
   return canOpenWithPassword(info, std::nullopt, env);
 }
 
-void CorvaneStore::prepareNewStoreAtURL(const std::string& url, Env* env, std::shared_ptr<UserDefaults> defaults) {
+void CorvanePackage::prepareNewStoreAtURL(const std::string& url, Env* env, std::shared_ptr<UserDefaults> defaults) {
   if (env->fileExists(url)) {
     if (std::optional<std::string> trashed = env->trashItem(url, nullptr)) {
       std::shared_ptr<UserDefaults> settings = defaultsOr(std::move(defaults));
@@ -98,7 +100,7 @@ void CorvaneStore::prepareNewStoreAtURL(const std::string& url, Env* env, std::s
   CorvaneCache::resetCacheForURL(url, env);
 }
 
-void CorvaneStore::registerURL(const std::string& url, const Value& info, const Value& volume, Env* env,
+void CorvanePackage::registerURL(const std::string& url, const Value& info, const Value& volume, Env* env,
                                std::shared_ptr<UserDefaults> defaults, std::shared_ptr<StoreVolumeQueries> volumes) {
   recentQueue().async([url, info, volume, env, defaults = std::move(defaults), volumes = std::move(volumes)] {
     if (!env->fileExists(url)) return;
@@ -127,6 +129,13 @@ void CorvaneStore::registerURL(const std::string& url, const Value& info, const 
   });
 }
 
-void CorvaneStore::waitForRecentFilesRegistration() { recentQueue().sync([] {}); }
+void CorvanePackage::waitForRecentFilesRegistration() { recentQueue().sync([] {}); }
+
+std::string CorvanePackage::entityFolderName(const std::string& entityName, bool encrypted) {
+  if (!encrypted) return entityName;
+  // The salt slot says "(null)": when these names were first made the cipher did not exist yet,
+  // and every encrypted package in existence depends on that.
+  return storeSHA256String(fmt::format("(null).{}.{}", entityName, kFrameworkBundleIdentifier));
+}
 
 }  // namespace corvane

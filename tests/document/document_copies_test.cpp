@@ -6,6 +6,7 @@
 
 #include "corvane/cache/cache.h"
 #include "corvane/graph/managed_object_context.h"
+#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_store.h"
 #include "corvane/testing/sync_simulator.h"
 #include "document/document_test_support.h"
@@ -58,9 +59,9 @@ TEST_F(DocumentTest, ConsolidationKeepsIdentityOptionsAndPasswordAndLeavesADated
     ASSERT_TRUE(env.listDirectory(backup + "/Changes", true, &old, nullptr));
     EXPECT_EQ(old.size(), 3u);
     EXPECT_FALSE(env.fileExists(package + ".temporary"));
-    EXPECT_EQ(CorvaneStore::documentIdentifierForURL(package, &env), identifier);
-    EXPECT_EQ(CorvaneStore::infoDictionaryForURL(package, &env)["DocumentOptions"], o.documentOptions);
-    EXPECT_EQ(CorvaneStore::canOpenURL(package, encrypted ? std::optional<std::string>("secret") : std::nullopt, &env),
+    EXPECT_EQ(CorvanePackage::documentIdentifierForURL(package, &env), identifier);
+    EXPECT_EQ(CorvanePackage::infoDictionaryForURL(package, &env)["DocumentOptions"], o.documentOptions);
+    EXPECT_EQ(CorvanePackage::canOpenURL(package, encrypted ? std::optional<std::string>("secret") : std::nullopt, &env),
               true);
     FetchRequest people("Person");
     EXPECT_EQ(doc->context().count(people), std::optional<size_t>(3));
@@ -212,8 +213,8 @@ TEST_F(DocumentTest, ACopyUpToAChangeHoldsTheStateRightAfterItAndLeavesTheDocume
       doc->writeCopy(request, [&result](const CopyResult& r) { result = r; });
       ASSERT_TRUE(RunLoop::main().runUntil([&] { return result.has_value(); }, 30));
       ASSERT_TRUE(result->written) << result->error.description();
-      EXPECT_EQ(CorvaneStore::canOpenURL(request.path, std::nullopt, &env), !request.password.has_value());
-      const Value info = CorvaneStore::infoDictionaryForURL(request.path, &env);
+      EXPECT_EQ(CorvanePackage::canOpenURL(request.path, std::nullopt, &env), !request.password.has_value());
+      const Value info = CorvanePackage::infoDictionaryForURL(request.path, &env);
       EXPECT_NE(info["DocumentIdentifier"].str(), doc->documentIdentifier());
       EXPECT_EQ(info["DocumentOptions"], o.documentOptions);
       DocumentOptions reading = options(fmt::format("copy{}{}", encrypted, i));
@@ -272,7 +273,7 @@ TEST_F(DocumentTest, SaveAsProposesADatedNameAndOpensOnlyACopyUpToAChange) {
   doc->saveDocumentAs([&result](const CopyResult& r) { result = r; });
   ASSERT_TRUE(RunLoop::main().runUntil([&] { return result.has_value(); }, 30));
   ASSERT_TRUE(result->written);
-  EXPECT_TRUE(CorvaneStore::canOpenURL(dir / "Now.corvane", std::nullopt, &env));
+  EXPECT_TRUE(CorvanePackage::canOpenURL(dir / "Now.corvane", std::nullopt, &env));
   EXPECT_TRUE(env.fileExists(dir / "Now.corvane/Cache"));  // the copy carries its cache
   EXPECT_TRUE(ui->opened.empty());
 
@@ -282,7 +283,7 @@ TEST_F(DocumentTest, SaveAsProposesADatedNameAndOpensOnlyACopyUpToAChange) {
   doc->saveDocumentUpToChange(first, [&result](const CopyResult& r) { result = r; });
   ASSERT_TRUE(RunLoop::main().runUntil([&] { return result.has_value(); }, 30));
   ASSERT_TRUE(result->written);
-  EXPECT_TRUE(CorvaneStore::canOpenURL(dir / "Then.corvane", std::string("other"), &env));
+  EXPECT_TRUE(CorvanePackage::canOpenURL(dir / "Then.corvane", std::string("other"), &env));
   EXPECT_EQ(ui->opened, std::vector<std::string>{dir / "Then.corvane"});
 
   doc->close();

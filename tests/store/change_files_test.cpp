@@ -5,6 +5,7 @@
 #include "corvane/foundation/plist.h"
 #include "corvane/security/digest.h"
 #include "corvane/security/package_encryption.h"
+#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_store_options.h"
 #include "store/store_test_support.h"
 
@@ -349,7 +350,7 @@ TEST_F(ChangeFilesTest, WithAPasswordNoFileButInfoPlistShowsAValueOrAnEntityName
   auto plain = cipher.decryptData(asBytes(readTextFile(package + "/Changes/" + name)));
   ASSERT_TRUE(plain);
   const Value change = *jsonToValue(asStringView(*plain));
-  const std::string personFolder = CorvaneStore::entityFolderName("Person", true);
+  const std::string personFolder = CorvanePackage::entityFolderName("Person", true);
   const Value& records = change["changes"]["insert"]["Person"];
   ASSERT_EQ(records.count(), 1u);
   const std::string annUID = records.keys()[0].str();

@@ -5,6 +5,7 @@
 #include "corvane/foundation/plist.h"
 #include "corvane/security/digest.h"
 #include "corvane/security/sea_crypto.h"
+#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_store_options.h"
 #include "store/store_test_support.h"
 
@@ -131,7 +132,7 @@ class HandWrittenPackageTest : public StoreTest {
 TEST_F(HandWrittenPackageTest, APlainPackageOpensAndReads) {
   write("Info.plist", kInfoPlist);
   writePackage([](const std::string& plain) { return plain; }, [](const std::string& entity) { return entity; });
-  ASSERT_TRUE(CorvaneStore::isCorrectFormat(package, &env));
+  ASSERT_TRUE(CorvanePackage::isCorrectFormat(package, &env));
   OpenStore s = open();
   ASSERT_TRUE(s);
   expectContent(s);
@@ -164,7 +165,7 @@ TEST_F(HandWrittenPackageTest, AnEncryptedPackageOpensAndReads) {
       {"Gadget", "8D33098BD86D5DCA30FBA12268027D8C66459A0A12A5F781F939D3FE942372F1"}};
   writePackage([&](const std::string& plain) { return toString(*cipher.encryptData(asBytes(plain))); },
                [&](const std::string& entity) { return folders.at(entity); });
-  EXPECT_TRUE(CorvaneStore::canOpenURL(package, std::string("pw"), &env));
+  EXPECT_TRUE(CorvanePackage::canOpenURL(package, std::string("pw"), &env));
   OpenStore s = open(dict({{"password", "pw"}}));
   ASSERT_TRUE(s);
   expectContent(s);

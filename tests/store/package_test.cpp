@@ -1,6 +1,7 @@
 // The package: Info.plist, recognition, passwords, entity folder names, the class operations.
 #include "corvane/foundation/application_info.h"
 #include "corvane/foundation/plist.h"
+#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_store_options.h"
 #include "store/store_test_support.h"
 
@@ -48,10 +49,10 @@ TEST_F(PackageTest, NewPackageHasEveryInfoKeyAndItsFolders) {
   EXPECT_NEAR(i["DateCreation"].dateValue(), env.now(), 1.0);
   EXPECT_TRUE(i["Encryption"].isNil());
   for (const char* folder : {"Changes", "Entities", "Errors"}) EXPECT_TRUE(pathExists(package + "/" + folder)) << folder;
-  EXPECT_TRUE(CorvaneStore::isCorrectFormat(package, &env));
-  EXPECT_EQ(CorvaneStore::documentIdentifierForURL(package, &env), i["DocumentIdentifier"].str());
-  EXPECT_TRUE(CorvaneStore::documentExistsAtURL(package, i["DocumentIdentifier"].str(), &env));
-  EXPECT_FALSE(CorvaneStore::documentExistsAtURL(package, "other", &env));
+  EXPECT_TRUE(CorvanePackage::isCorrectFormat(package, &env));
+  EXPECT_EQ(CorvanePackage::documentIdentifierForURL(package, &env), i["DocumentIdentifier"].str());
+  EXPECT_TRUE(CorvanePackage::documentExistsAtURL(package, i["DocumentIdentifier"].str(), &env));
+  EXPECT_FALSE(CorvanePackage::documentExistsAtURL(package, "other", &env));
   // The store's identity in object-ID URIs is the document's.
   EXPECT_EQ(s.store->identifier(), i["DocumentIdentifier"].str());
   const Value metadata = s.store->metadata();
@@ -84,8 +85,8 @@ TEST_F(PackageTest, ACreationThatFailsLeavesNoHalfMadePackage) {
   env.unwritableNames.clear();
   OpenStore s = open(dict({{"password", "secret"}}), &error);
   ASSERT_TRUE(s) << error.localizedDescription;
-  EXPECT_TRUE(CorvaneStore::isCorrectFormat(package, &env));
-  EXPECT_TRUE(CorvaneStore::canOpenURL(package, "secret", &env));
+  EXPECT_TRUE(CorvanePackage::isCorrectFormat(package, &env));
+  EXPECT_TRUE(CorvanePackage::canOpenURL(package, "secret", &env));
   close(s);
 }
 
@@ -96,9 +97,9 @@ TEST_F(PackageTest, EncryptedPackageEntryPasswordsAndHashedFolderNames) {
   EXPECT_EQ(encryption["Salt"].bytes().size(), 64u);
   EXPECT_EQ(encryption["Rounds"], Value(1000));
   EXPECT_TRUE(encryption["Info"].isData());
-  EXPECT_TRUE(CorvaneStore::canOpenURL(package, std::string("secret"), &env));
-  EXPECT_FALSE(CorvaneStore::canOpenURL(package, std::string("Secret"), &env));
-  EXPECT_FALSE(CorvaneStore::canOpenURL(package, std::nullopt, &env));
+  EXPECT_TRUE(CorvanePackage::canOpenURL(package, std::string("secret"), &env));
+  EXPECT_FALSE(CorvanePackage::canOpenURL(package, std::string("Secret"), &env));
+  EXPECT_FALSE(CorvanePackage::canOpenURL(package, std::nullopt, &env));
   // SHA-256 of "(null).Person.org.corvane.Corvane": the salt slot never held the salt.
   EXPECT_EQ(s.store->fileNameForEntityName("Person"), "8D76580C0EFC1B41F39C3DE2227191D2F901C22B18FADBC9EA825184DA5071AD");
   EXPECT_EQ(s.store->fileNameForEntityName("Company"),
@@ -125,21 +126,21 @@ TEST_F(PackageTest, PlainPackagesKeepEntityNamesAndRefuseAPassword) {
   Error error;
   EXPECT_FALSE(open(dict({{"password", "secret"}}), &error));
   EXPECT_NE(error.localizedDescription.find("not encrypted"), std::string::npos);
-  EXPECT_TRUE(CorvaneStore::canOpenURL(package, std::nullopt, &env));
-  EXPECT_FALSE(CorvaneStore::canOpenURL(package, std::string("secret"), &env));
+  EXPECT_TRUE(CorvanePackage::canOpenURL(package, std::nullopt, &env));
+  EXPECT_FALSE(CorvanePackage::canOpenURL(package, std::string("secret"), &env));
 }
 
 TEST_F(PackageTest, RecognitionNeedsAllThreeEntriesAndTheFrameworkKey) {
   OpenStore s = open();
   close(s);
-  EXPECT_TRUE(CorvaneStore::isCorrectFormat(package, &env));
+  EXPECT_TRUE(CorvanePackage::isCorrectFormat(package, &env));
   env.removeItem(package + "/Entities", nullptr);
-  EXPECT_FALSE(CorvaneStore::isCorrectFormat(package, &env));
+  EXPECT_FALSE(CorvanePackage::isCorrectFormat(package, &env));
   env.createDirectory(package + "/Entities", false, nullptr);
   Value i = info().mutableCopy();
   i.remove(Value("Corvane"));
   ASSERT_TRUE(writePropertyListFile(&env, package + "/Info.plist", i));
-  EXPECT_FALSE(CorvaneStore::isCorrectFormat(package, &env));
+  EXPECT_FALSE(CorvanePackage::isCorrectFormat(package, &env));
   Error error;
   EXPECT_FALSE(open(Value(), &error));
   EXPECT_NE(error.localizedDescription.find("is not a Corvane document"), std::string::npos);
@@ -147,26 +148,26 @@ TEST_F(PackageTest, RecognitionNeedsAllThreeEntriesAndTheFrameworkKey) {
   // An Info.plist that is an online-only placeholder: the user is told.
   writeTextFile(package + "/Info.plist", "");
   volumes->remote.insert(package + "/Info.plist");
-  EXPECT_FALSE(CorvaneStore::isCorrectFormat(package, &env, environment_));
+  EXPECT_FALSE(CorvanePackage::isCorrectFormat(package, &env, environment_));
   EXPECT_EQ(interaction->alerts, std::vector<std::string>{"The files of this document are not on this computer"});
 }
 
 TEST_F(PackageTest, FileExtensionComesFromTheDocumentTypes) {
   ApplicationInfo host;
   ApplicationInfo::setCurrent(host);
-  EXPECT_EQ(CorvaneStore::fileExtension(), std::nullopt);
+  EXPECT_EQ(CorvanePackage::fileExtension(), std::nullopt);
   host.documentTypes = arr({dict({{"NSPersistentStoreTypeKey", "SQLite"}, {"CFBundleTypeExtensions", arr({"sql"})}}),
                             dict({{"NSPersistentStoreTypeKey", "CorvaneStore"},
                                   {"CFBundleTypeExtensions", arr({"ledger", "ldg"})}})});
   ApplicationInfo::setCurrent(host);
-  EXPECT_EQ(CorvaneStore::fileExtension(), std::optional<std::string>("ledger"));
+  EXPECT_EQ(CorvanePackage::fileExtension(), std::optional<std::string>("ledger"));
   ApplicationInfo::setCurrent(ApplicationInfo());
 }
 
 TEST_F(PackageTest, PrepareNewStoreTrashesTheOldPackageAndResetsItsCache) {
   OpenStore s = open();
   close(s);
-  CorvaneStore::prepareNewStoreAtURL(package, &env, environment_->defaults);
+  CorvanePackage::prepareNewStoreAtURL(package, &env, environment_->defaults);
   EXPECT_FALSE(pathExists(package));
   const Value records = environment_->defaults->arrayForKey(kCorvaneOverwrittenFilesKey);
   ASSERT_EQ(records.count(), 1u);
@@ -180,7 +181,7 @@ TEST_F(PackageTest, RecentFilesKeepOneRecordPerPackage) {
   close(s);
   OpenStore again = open();
   close(again);
-  CorvaneStore::waitForRecentFilesRegistration();
+  CorvanePackage::waitForRecentFilesRegistration();
   const Value records = environment_->defaults->arrayForKey(kCorvaneRecentFilesKey);
   ASSERT_EQ(records.count(), 1u);
   EXPECT_EQ(records.at(0)["Path"], Value(package));

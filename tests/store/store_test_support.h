@@ -21,6 +21,7 @@
 #include "corvane/graph/object_model.h"
 #include "corvane/store/corvane_change.h"
 #include "corvane/store/corvane_managed_object_context.h"
+#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
 #include "corvane/store/store_environment.h"
@@ -143,7 +144,7 @@ class StoreTest : public ::testing::Test {
                                                                      [this](const Notification&) { ++readyCount_; });
   }
   ~StoreTest() override {
-    CorvaneStore::waitForRecentFilesRegistration();
+    CorvanePackage::waitForRecentFilesRegistration();
     RunLoop::main().discardPendingWork();
     for (const auto& [variable, old] : savedVariables_) {
       if (old) {

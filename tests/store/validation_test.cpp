@@ -5,6 +5,7 @@
 
 #include "corvane/foundation/plist.h"
 #include "corvane/security/package_encryption.h"
+#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_store_options.h"
 #include "store/store_test_support.h"
 
@@ -57,7 +58,7 @@ class ValidationTest : public StoreTest {
     EXPECT_EQ(names.size(), 2u);
     h.c1 = names.at(0);
     h.c2 = names.at(1);
-    const std::string folder = CorvaneStore::entityFolderName("Person", extra["password"].isString());
+    const std::string folder = CorvanePackage::entityFolderName("Person", extra["password"].isString());
     h.bobShort = "Entities/" + folder + "/" + h.bob + "/" + h.c2;
     h.bobFile = package + "/" + h.bobShort;
     const std::vector<std::string> data = list(package + "/Entities/" + folder + "/" + h.bob + "/Data");
@@ -201,7 +202,7 @@ TEST_F(ValidationTest, UndecryptableObjectFileIsReportedWithoutStoppingTheChecks
   const Value password = dict({{"password", "secret"}});
   History h = twoDevices(password);
   // Companies (updated) are checked before people (inserted).
-  const std::string companies = "Entities/" + CorvaneStore::entityFolderName("Company", true);
+  const std::string companies = "Entities/" + CorvanePackage::entityFolderName("Company", true);
   const std::string acmeShort = companies + "/" + list(package + "/" + companies).at(0) + "/" + h.c2;
   writeTextFile(package + "/" + acmeShort, std::string(100, 'x'));
   env.removeItem(h.bobFile, nullptr);

@@ -18,6 +18,7 @@
 #include "corvane/graph/fetch_request.h"
 #include "corvane/graph/object_model.h"
 #include "corvane/store/corvane_managed_object_context.h"
+#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
 #include "corvane/store/store_environment.h"
@@ -96,7 +97,7 @@ class MultiDeviceCommandsTest : public ::testing::Test {
     context.reset();
     store->close();
     coordinator.reset();
-    CorvaneStore::waitForRecentFilesRegistration();
+    CorvanePackage::waitForRecentFilesRegistration();
     RunLoop::main().discardPendingWork();
     return uid;
   }

@@ -8,6 +8,7 @@
 #include "command.h"
 #include "corvane/foundation/run_loop.h"
 #include "corvane/security/package_encryption.h"
+#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_store.h"
 #include "package_password.h"
 #include "store_session.h"
@@ -34,8 +35,8 @@ std::string sourcePasswordFile(const CopyOptions& options) {
   if (options.copyPasswordFile.empty()) return {};
   std::string ignored;
   std::optional<std::string> password = passwordFromFile(options.copyPasswordFile, &ignored);
-  if (password && isEncryptedPackageInfo(CorvaneStore::infoDictionaryForURL(options.store.package, env)) &&
-      CorvaneStore::canOpenURL(options.store.package, password, env)) {
+  if (password && isEncryptedPackageInfo(CorvanePackage::infoDictionaryForURL(options.store.package, env)) &&
+      CorvanePackage::canOpenURL(options.store.package, password, env)) {
     return options.copyPasswordFile;
   }
   return {};

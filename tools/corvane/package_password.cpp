@@ -11,6 +11,7 @@
 #include "corvane/foundation/plist.h"
 #include "corvane/security/document_password.h"
 #include "corvane/security/package_encryption.h"
+#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_store.h"
 #include "store_session.h"
 
@@ -61,7 +62,7 @@ namespace {
 // The password kept for the package when the tool's setting says to use it; nullopt otherwise,
 // also when the keychain fails (the person is asked then, as the document does).
 std::optional<std::string> keptPassword(Env* env, const std::string& package) {
-  const std::string identifier = CorvaneStore::documentIdentifierForURL(package, env);
+  const std::string identifier = CorvanePackage::documentIdentifierForURL(package, env);
   if (identifier.empty() || !toolDefaults()->boolForKey(dontShowPasswordPromptAgainKey(identifier))) return std::nullopt;
   return findDocumentPassword({toolApplication().identifier, identifier}, nullptr, defaultKeychain());
 }

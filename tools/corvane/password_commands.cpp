@@ -13,6 +13,7 @@
 #include "corvane/foundation/env.h"
 #include "corvane/security/document_password.h"
 #include "corvane/security/package_encryption.h"
+#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_store.h"
 #include "package_password.h"
 #include "store_session.h"
@@ -38,14 +39,14 @@ std::optional<PackageIdentity> identify(Env* env, const std::string& package, st
     *error = package + " is not a folder: a Corvane document is a package folder";
     return std::nullopt;
   }
-  const Value info = CorvaneStore::infoDictionaryForURL(package, env);
+  const Value info = CorvanePackage::infoDictionaryForURL(package, env);
   if (!info.isDictionary()) {
     *error = package + " is not a Corvane package (its Info.plist is missing or unreadable)";
     return std::nullopt;
   }
   PackageIdentity identity;
   identity.encrypted = isEncryptedPackageInfo(info);
-  identity.item = {toolApplication().identifier, CorvaneStore::documentIdentifierForURL(package, env)};
+  identity.item = {toolApplication().identifier, CorvanePackage::documentIdentifierForURL(package, env)};
   if (identity.item.documentIdentifier.empty()) {
     *error = package + "/Info.plist has no \"DocumentIdentifier\" to keep a password under";
     return std::nullopt;
@@ -74,7 +75,7 @@ int runSave(const PasswordCommandOptions& options) {
   std::optional<std::string> password =
       obtainPassword(env, options.password, "Password for " + options.package + ": ", &error);
   if (!password) return fail(error);
-  if (!CorvaneStore::canOpenURL(options.package, *password, env)) return fail("wrong password for " + options.package);
+  if (!CorvanePackage::canOpenURL(options.package, *password, env)) return fail("wrong password for " + options.package);
 
   KeychainBackend* keychain = defaultKeychain();
   Error saveError;
@@ -131,7 +132,7 @@ int runStatus(const PasswordCommandOptions& options) {
   const bool used = toolDefaults()->boolForKey(dontShowPasswordPromptAgainKey(identity->item.documentIdentifier));
   if (!kept) {
     std::printf("no password of %s is kept in %s; commands ask for it\n", package, where.c_str());
-  } else if (!CorvaneStore::canOpenURL(options.package, *kept, env)) {
+  } else if (!CorvanePackage::canOpenURL(options.package, *kept, env)) {
     std::printf("the password of %s kept in %s no longer opens it; commands ask for it "
                 "(`corvane password save` replaces it)\n",
                 package, where.c_str());

@@ -18,6 +18,7 @@
 #include "corvane/security/digest.h"
 #include "corvane/security/package_encryption.h"
 #include "corvane/security/sea_crypto.h"
+#include "corvane/store/corvane_package.h"
 #include "store_session.h"
 
 namespace corvane::cli {
@@ -371,7 +372,7 @@ int runInfo(const InfoOptions& options) {
   if (!env->fileExists(options.package, &isDirectory) || !isDirectory) {
     return fail(options.package + " is not a folder: a Corvane document is a package folder");
   }
-  const Value info = CorvaneStore::infoDictionaryForURL(options.package, env);
+  const Value info = CorvanePackage::infoDictionaryForURL(options.package, env);
   std::vector<std::string> names;
   size_t changes = 0;
   if (env->listDirectory(pathJoin(options.package, "Changes"), true, &names, nullptr)) {
@@ -392,7 +393,7 @@ int runInfo(const InfoOptions& options) {
   out.set(Value("application"), Value(creator));
   out.set(Value("encrypted"), Value(isEncryptedPackageInfo(info)));
   out.set(Value("changeFiles"), Value(static_cast<long long>(changes)));
-  out.set(Value("correctPackage"), Value(CorvaneStore::isCorrectFormat(options.package, env)));
+  out.set(Value("correctPackage"), Value(CorvanePackage::isCorrectFormat(options.package, env)));
   out.set(Value("service"), service ? Value(*service) : Value::null());
   out.set(Value("localVolume"), Value(CorvaneIsLocalURL(env, options.package)));
   if (options.json) {
@@ -426,7 +427,7 @@ long long countObjects(const Value& byEntity) {
 
 int runChanges(const ChangesOptions& options) {
   Env* env = Env::defaultEnv();
-  if (!CorvaneStore::isCorrectFormat(options.package, env)) {
+  if (!CorvanePackage::isCorrectFormat(options.package, env)) {
     return fail(options.package + " is not a Corvane package (it needs Info.plist, Changes and Entities)");
   }
   std::string error;

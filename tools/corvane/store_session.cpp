@@ -8,6 +8,7 @@
 #include "corvane/foundation/run_loop.h"
 #include "corvane/security/digest.h"
 #include "corvane/security/package_encryption.h"
+#include "corvane/store/corvane_package.h"
 
 namespace corvane::cli {
 namespace {
@@ -143,7 +144,7 @@ std::unique_ptr<StoreSession> StoreSession::open(const StoreOptions& options, st
     *error = options.package + " is not a folder: a Corvane document is a package folder";
     return nullptr;
   }
-  if (!CorvaneStore::isCorrectFormat(options.package, env)) {
+  if (!CorvanePackage::isCorrectFormat(options.package, env)) {
     *error = options.package + " is not a Corvane package (it needs Info.plist, Changes and Entities)";
     return nullptr;
   }
@@ -152,7 +153,7 @@ std::unique_ptr<StoreSession> StoreSession::open(const StoreOptions& options, st
   // kept in the keychain. Without one the document asks the keychain (when `corvane password
   // save` or the prompt kept one there), then the person at the terminal.
   DocumentOptions documentOptions;
-  if (isEncryptedPackageInfo(CorvaneStore::infoDictionaryForURL(options.package, env))) {
+  if (isEncryptedPackageInfo(CorvanePackage::infoDictionaryForURL(options.package, env))) {
     if (!options.password.passwordFile.empty() || env->environmentVariable(kPasswordEnvironmentVariable)) {
       std::optional<std::string> password = obtainPassword(env, options.password, "", error);
       if (!password) return nullptr;
@@ -313,7 +314,7 @@ void StoreSession::close() {
   }
   // The store notes the package among the recent files on a queue of its own, with the
   // document's Env: that must be over before the document (and its Env) goes away.
-  CorvaneStore::waitForRecentFilesRegistration();
+  CorvanePackage::waitForRecentFilesRegistration();
   document_.reset();
   // The retries a pass scheduled are for a live document; this one is gone.
   RunLoop::main().discardPendingWork();
