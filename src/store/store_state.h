@@ -150,4 +150,17 @@ struct CorvaneStore::State {
   State(RunLoop* loop) : updates(loop), log(loop) {}
 };
 
+// One change file as a pass read it: what to do with it, the change itself (an empty one for a
+// damaged file read while recovering) and what validation made of it.
+struct CorvaneStore::ChangeRead {
+  ChangeReading outcome = ChangeReading::Apply;
+  Value change;
+  Value combined;
+  Value parsedObjects;
+  ChangeRead& as(ChangeReading reading) {
+    outcome = reading;
+    return *this;
+  }
+};
+
 }  // namespace corvane

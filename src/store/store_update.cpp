@@ -155,12 +155,8 @@ void CorvaneStore::checkBeforeForgetting(std::shared_ptr<Pass> pass, std::vector
   for (size_t i = pass->start; i < last && !state_->updates.closed; ++i) {
     if (old.contains(pass->names[i])) continue;
     Pass quiet;
-    Value change, combined, parsedObjects;
-    if (readChange(quiet, pass->names[i], false, &change, &combined, &parsedObjects) == ChangeReading::Apply &&
-        !quiet.missing) {
-      continue;
-    }
-    readChange(*pass, pass->names[i], true, &change, &combined, &parsedObjects);
+    if (readChange(quiet, pass->names[i], false).outcome == ChangeReading::Apply && !quiet.missing) continue;
+    (void)readChange(*pass, pass->names[i], true);
     onMain([this, pass] {
       state_->updates.hasRemoteFiles = pass->notOnDisk;
       pass->completion(false);
@@ -187,8 +183,8 @@ void CorvaneStore::beginPass(std::shared_ptr<Pass> pass) {
 // Reads, decrypts, parses and validates one change file of a pass, logging each problem with its
 // repair menu when `report` is set. Apply: the change goes into the cache (in recovery mode even a
 // damaged one, as an empty change). Stop: the pass ends here. Invalid: validation refused it.
-CorvaneStore::ChangeReading CorvaneStore::readChange(Pass& pass, const std::string& fileName, bool report,
-                                                     Value* changeOut, Value* combined, Value* parsedObjects) {
+CorvaneStore::ChangeRead CorvaneStore::readChange(Pass& pass, const std::string& fileName, bool report) {
+  ChangeRead read;
   const std::string folder = changesURL();
   const bool recovering = recover();
   const std::string path = pathJoin(folder, fileName);
@@ -210,24 +206,24 @@ CorvaneStore::ChangeReading CorvaneStore::readChange(Pass& pass, const std::stri
   if (std::optional<Bytes> bytes = readBytes(state_->env, path); !bytes) {
     say(fmt::format("Missing change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore});
     pass.missing = true;
-    if (!recovering) return ChangeReading::Stop;
+    if (!recovering) return read.as(ChangeReading::Stop);
     damaged = true;
   } else if (std::optional<Bytes> plain = decrypt(*bytes); !plain) {
     say(fmt::format("Could not decrypt change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore});
     pass.missing = true;
-    if (!recovering) return ChangeReading::Stop;
+    if (!recovering) return read.as(ChangeReading::Stop);
     say(fmt::format("Incomplete change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore, show});
     damaged = true;
   } else if (std::optional<Value> parsed = jsonToValue(asStringView(*plain)); !parsed || !parsed->isDictionary()) {
     say(fmt::format("Incomplete change file: {}", shortPath), kCorvaneLogTypeWarning, Value(), {ignore, show});
     pass.missing = true;
-    if (!recovering) return ChangeReading::Stop;
+    if (!recovering) return read.as(ChangeReading::Stop);
     damaged = true;
   } else if (std::optional<std::string> bad = store_internal::nonPlainNameInChange(*parsed)) {
     // A name that would lead out of its folder: the file is damaged, whoever wrote it, and none
     // of its names is used.
     if (report) reportNonPlainName(path, *bad, *parsed);
-    if (!recovering) return ChangeReading::Invalid;
+    if (!recovering) return read.as(ChangeReading::Invalid);
     damaged = true;
   } else {
     change = *parsed;
@@ -238,7 +234,7 @@ CorvaneStore::ChangeReading CorvaneStore::readChange(Pass& pass, const std::stri
     change = dict({{"name", Value(fileName)}});
     pass.replay = false;
   }
-  *changeOut = change;
+  read.change = change;
 
   if (const Value& previous = change["previousName"]; previous.isString()) {
     if (change["name"].str() < previous.str() && report) {
@@ -252,29 +248,31 @@ CorvaneStore::ChangeReading CorvaneStore::readChange(Pass& pass, const std::stri
       say(fmt::format("Missing change file: {}", previous.str()), kCorvaneLogTypeWarning, change,
           {StoreMenuItem{"Ignore", kStoreMenuActionInsertChange, previousPath}, show});
       pass.missing = true;
-      if (!recovering) return ChangeReading::Stop;
+      if (!recovering) return read.as(ChangeReading::Stop);
     }
   }
-  if (!validateChange(change, false, report, combined, parsedObjects)) return ChangeReading::Invalid;
-  return ChangeReading::Apply;
+  ValidatedChange validated = validateChange(change, false, report);
+  read.combined = std::move(validated.combined);
+  read.parsedObjects = std::move(validated.parsedObjects);
+  return read.as(validated.valid ? ChangeReading::Apply : ChangeReading::Invalid);
 }
 
 void CorvaneStore::runPass(std::shared_ptr<Pass> pass) {
   for (size_t i = pass->start; i < pass->names.size() && !state_->updates.closed; ++i) {
-    Value change, combined, parsedObjects;
-    const ChangeReading reading = readChange(*pass, pass->names[i], true, &change, &combined, &parsedObjects);
-    if (reading == ChangeReading::Stop) break;
-    if (reading == ChangeReading::Invalid) {
+    ChangeRead read = readChange(*pass, pass->names[i], true);
+    if (read.outcome == ChangeReading::Stop) break;
+    if (read.outcome == ChangeReading::Invalid) {
       onMain([pass] { pass->completion(false); });
       return;
     }
     setErrorLevel(kCorvaneLogTypeSuccess);
+    const Value& change = read.change;
     const bool recovery = change["type"] == Value(kChangeTypeRecovery);
     const Value& content = recovery ? change["refreshes"] : change["changes"];
     if (content["insert"].isDictionary()) mergeWithDictionary(pass->inserted, content["insert"]);
     if (content["update"].isDictionary()) mergeWithDictionary(pass->updated, content["update"]);
     if (content["delete"].isDictionary()) mergeWithDictionary(pass->deleted, content["delete"]);
-    if (recovery || pass->replay) foldReplayedChange(*pass, change, content, parsedObjects);
+    if (recovery || pass->replay) foldReplayedChange(*pass, change, content, read.parsedObjects);
     const bool external = !pass->replay;
     onMain([this, change, external] { state_->cache->addChange(change, external); });
   }
@@ -361,27 +359,24 @@ Value CorvaneStore::combineChangeDictionary(const Value& updates, const Value& i
 }
 
 Value CorvaneStore::validatedChanges(const Value& change, bool lightWeight) {
-  Value combined, parsedObjects;
-  if (!validateChange(change, lightWeight, true, &combined, &parsedObjects)) return Value();
-  return combined;
+  ValidatedChange validated = validateChange(change, lightWeight, true);
+  return validated.valid ? validated.combined : Value();
 }
 
-bool CorvaneStore::validateChange(const Value& change, bool lightWeight, bool report, Value* combinedOut,
-                                  Value* parsedObjects) {
+CorvaneStore::ValidatedChange CorvaneStore::validateChange(const Value& change, bool lightWeight, bool report) {
   const Value& changes = change["changes"];
-  const Value combined = combineChangeDictionary(changes["update"], changes["insert"]);
-  *combinedOut = combined;
-  *parsedObjects = Value::mutableDictionary();
+  ValidatedChange result{false, combineChangeDictionary(changes["update"], changes["insert"]),
+                         Value::mutableDictionary()};
   if (change["name"].isNil()) {
     if (report) log(fmt::format("Change incomplete {}", change.description()), kCorvaneLogTypeError);
-    return false;
+    return result;
   }
   // Every name below becomes part of a path; a change with one that is not a plain file name is
   // refused even when recovering, since recovering would apply it.
   if (std::optional<std::string> bad = store_internal::nonPlainNameInChange(change)) {
-    *combinedOut = Value::mutableDictionary();
+    result.combined = Value::mutableDictionary();
     if (report) reportNonPlainName(std::string(), *bad, change);
-    return false;
+    return result;
   }
   const std::string& name = change["name"].str();
   const std::string changePath = pathJoin(changesURL(), name);
@@ -401,75 +396,84 @@ bool CorvaneStore::validateChange(const Value& change, bool lightWeight, bool re
     return !recovering;
   };
   const std::string entities = entitiesURL();
-  bool stop = false;
-  for (const auto& [entityName, byUID] : combined.entries()) {
-    if (report) log(fmt::format("Begin validation of {}", entityName.str()), kCorvaneLogTypeSuccess);
-    const std::string folder = fileNameForEntityName(entityName.str());
-    if (folder.empty()) continue;
-    for (const auto& [uid, record] : byUID.entries()) {
-      const std::string objectFolder = pathJoin(pathJoin(entities, folder), uid.str());
-      const std::string objectFile = pathJoin(objectFolder, name);
-      const std::string shortFile = shortURL(objectFile);
-      if (!lightWeight) {
-        std::optional<FileAttributes> attributes = state_->env->attributes(objectFile);
-        std::optional<Bytes> bytes;
-        if (!attributes) {
-          stop = fail(fmt::format("Missing file: {}", shortFile), kCorvaneLogTypeWarning);
-        } else if (!state_->volumes->isOnDisk(state_->env, objectFile)) {
-          stop = fail(fmt::format("File not on disk: {}", shortFile), kCorvaneLogTypeError);
-        } else if (attributes->size == 0) {
-          stop = fail(fmt::format("Empty file: {}", shortFile), kCorvaneLogTypeWarning);
-        } else if (bytes = readBytes(state_->env, objectFile); !bytes) {
-          stop = fail(fmt::format("Missing file: {}", shortFile), kCorvaneLogTypeWarning);
-        } else if (std::optional<Bytes> plain = decrypt(*bytes); !plain) {
-          // Reported, but the other files are still checked.
-          if (report) {
-            log(fmt::format("Decryption error on file: {} {}", entityName.str(), shortFile), kCorvaneLogTypeWarning,
-                change);
-            setErrorLevel(kCorvaneLogTypeWarning);
-          }
-          failed = true;
-        } else if (std::optional<Value> parsed = jsonToValue(asStringView(*plain)); !parsed || !parsed->isDictionary()) {
-          stop = fail(fmt::format("Incomplete file: {}", shortFile), kCorvaneLogTypeWarning);
-        } else {
-          parsedObjects->set(Value(entityName.str() + "/" + uid.str()), *parsed);
-        }
-        if (stop) break;
-      }
-      for (const Value& data : record["data"].elements()) {
-        const int64_t length = data["length"].longLongValue();
-        if (length == 0) continue;
-        const std::string dataFile = correctedDataURL(pathJoin(pathJoin(objectFolder, "Data"), data["name"].str()));
-        const std::string shortData = shortURL(dataFile);
-        std::optional<FileAttributes> attributes = state_->env->attributes(dataFile);
-        if (!attributes || !state_->volumes->isOnDisk(state_->env, dataFile)) {
-          stop = fail(fmt::format("Data file is not on disk: {}", shortData), kCorvaneLogTypeError);
-        } else if (static_cast<int64_t>(attributes->size) != length) {
-          stop = fail(fmt::format("Missing or incomplete data file: {}", shortData), kCorvaneLogTypeWarning);
-        } else if (data["hash"].isString() && !lightWeight) {
-          std::optional<Bytes> bytes = readBytes(state_->env, dataFile);
-          if (!bytes || corvaneSHA256HexDigest(*bytes) != data["hash"].str()) {
-            stop = fail(fmt::format("Hash mismatch for data file: {}", shortData), kCorvaneLogTypeWarning);
-          }
-        }
-        if (stop) break;
-      }
-      if (stop) break;
+  // One object's file; true when its failure stops validation.
+  auto objectFileStops = [&](const std::string& entityName, const std::string& uid, const std::string& objectFile) {
+    const std::string shortFile = shortURL(objectFile);
+    std::optional<FileAttributes> attributes = state_->env->attributes(objectFile);
+    if (!attributes) return fail(fmt::format("Missing file: {}", shortFile), kCorvaneLogTypeWarning);
+    if (!state_->volumes->isOnDisk(state_->env, objectFile)) {
+      return fail(fmt::format("File not on disk: {}", shortFile), kCorvaneLogTypeError);
     }
-    if (stop) break;
-  }
+    if (attributes->size == 0) return fail(fmt::format("Empty file: {}", shortFile), kCorvaneLogTypeWarning);
+    std::optional<Bytes> bytes = readBytes(state_->env, objectFile);
+    if (!bytes) return fail(fmt::format("Missing file: {}", shortFile), kCorvaneLogTypeWarning);
+    std::optional<Bytes> plain = decrypt(*bytes);
+    if (!plain) {
+      // Reported, but the other files are still checked.
+      if (report) {
+        log(fmt::format("Decryption error on file: {} {}", entityName, shortFile), kCorvaneLogTypeWarning, change);
+        setErrorLevel(kCorvaneLogTypeWarning);
+      }
+      failed = true;
+      return false;
+    }
+    std::optional<Value> parsed = jsonToValue(asStringView(*plain));
+    if (!parsed || !parsed->isDictionary()) {
+      return fail(fmt::format("Incomplete file: {}", shortFile), kCorvaneLogTypeWarning);
+    }
+    result.parsedObjects.set(Value(entityName + "/" + uid), *parsed);
+    return false;
+  };
+  // One data file named by an object's record; true when its failure stops validation.
+  auto dataFileStops = [&](const std::string& objectFolder, const Value& data) {
+    const int64_t length = data["length"].longLongValue();
+    if (length == 0) return false;
+    const std::string dataFile = correctedDataURL(pathJoin(pathJoin(objectFolder, "Data"), data["name"].str()));
+    const std::string shortData = shortURL(dataFile);
+    std::optional<FileAttributes> attributes = state_->env->attributes(dataFile);
+    if (!attributes || !state_->volumes->isOnDisk(state_->env, dataFile)) {
+      return fail(fmt::format("Data file is not on disk: {}", shortData), kCorvaneLogTypeError);
+    }
+    if (static_cast<int64_t>(attributes->size) != length) {
+      return fail(fmt::format("Missing or incomplete data file: {}", shortData), kCorvaneLogTypeWarning);
+    }
+    if (data["hash"].isString() && !lightWeight) {
+      std::optional<Bytes> bytes = readBytes(state_->env, dataFile);
+      if (!bytes || corvaneSHA256HexDigest(*bytes) != data["hash"].str()) {
+        return fail(fmt::format("Hash mismatch for data file: {}", shortData), kCorvaneLogTypeWarning);
+      }
+    }
+    return false;
+  };
+  // Every object's file and data files, until a failure stops validation.
+  [&] {
+    for (const auto& [entityName, byUID] : result.combined.entries()) {
+      if (report) log(fmt::format("Begin validation of {}", entityName.str()), kCorvaneLogTypeSuccess);
+      const std::string folder = fileNameForEntityName(entityName.str());
+      if (folder.empty()) continue;
+      for (const auto& [uid, record] : byUID.entries()) {
+        const std::string objectFolder = pathJoin(pathJoin(entities, folder), uid.str());
+        if (!lightWeight && objectFileStops(entityName.str(), uid.str(), pathJoin(objectFolder, name))) return;
+        for (const Value& data : record["data"].elements()) {
+          if (dataFileStops(objectFolder, data)) return;
+        }
+      }
+    }
+  }();
   if (failed) {
     if (report) {
       log(fmt::format("Failed validation {}", shortChange), kCorvaneLogTypeError, change);
       setErrorLevel(kCorvaneLogTypeError);
     }
-    return recovering;
+    result.valid = recovering;
+    return result;
   }
   if (report) {
     log(fmt::format("Completed validation {}", shortChange), kCorvaneLogTypeSuccess);
     setErrorLevel(kCorvaneLogTypeSuccess);
   }
-  return true;
+  result.valid = true;
+  return result;
 }
 
 std::vector<ChangeWaitingForFiles> CorvaneStore::changesWaitingForFiles() {

@@ -354,12 +354,19 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   void registerContext(ManagedObjectContext* context);
   // The update pass on the read queue.
   enum class ChangeReading { Apply, Stop, Invalid };
-  ChangeReading readChange(Pass& pass, const std::string& fileName, bool report, Value* change, Value* combined,
-                           Value* parsedObjects);
+  struct ChangeRead;
+  ChangeRead readChange(Pass& pass, const std::string& fileName, bool report);
   void checkBeforeForgetting(std::shared_ptr<Pass> pass, std::vector<std::string> forgotten);
   void beginPass(std::shared_ptr<Pass> pass);
   void runPass(std::shared_ptr<Pass> pass);
-  bool validateChange(const Value& change, bool lightWeight, bool report, Value* combined, Value* parsedObjects);
+  // Whether the change may be applied, its updates and inserts combined (as validatedChanges()
+  // answers them) and the object files it read, parsed, by "Entity/UID".
+  struct ValidatedChange {
+    bool valid;
+    Value combined;
+    Value parsedObjects;
+  };
+  ValidatedChange validateChange(const Value& change, bool lightWeight, bool report);
   // Reports a change holding `name`, which may not become part of a path, as validation reports
   // a damaged change (with the repair menu when the change file's path is known).
   void reportNonPlainName(const std::string& changePath, const std::string& name, const Value& change);
