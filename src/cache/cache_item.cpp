@@ -33,7 +33,7 @@ std::string storeUID(const ObjectID& objectID) {
 
 CorvaneCacheItem::Lock::Lock(const CorvaneCacheItem& item) : own_(&item.mutex_) {
   {
-    std::lock_guard<std::mutex> guard(item.collectionMutex_);
+    MutexLock guard(&item.collectionMutex_);
     collection_ = item.collection_.lock();
   }
   if (collection_) collection_->mutex().lock();
@@ -383,12 +383,12 @@ bool CorvaneCacheItem::hasValueMemo() const {
 // ---- Collection ------------------------------------------------------------------------------
 
 std::shared_ptr<CorvaneCacheDictionary> CorvaneCacheItem::collection() const {
-  std::lock_guard<std::mutex> guard(collectionMutex_);
+  MutexLock guard(&collectionMutex_);
   return std::static_pointer_cast<CorvaneCacheDictionary>(collection_.lock());
 }
 
 void CorvaneCacheItem::setCollection(const std::shared_ptr<CorvaneCacheDictionary>& collection) {
-  std::lock_guard<std::mutex> guard(collectionMutex_);
+  MutexLock guard(&collectionMutex_);
   collection_ = collection;
 }
 
