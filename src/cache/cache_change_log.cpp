@@ -219,6 +219,7 @@ void CorvaneCache::loadChangeLogIfNeeded() {
 // ---- Announcements -------------------------------------------------------------------------
 
 Subscription CorvaneCache::observeChanges(std::function<void(CacheChangeStage)> callback) {
+  CORVANE_DCHECK(mainLoop_->isMainThread());
   return ChangesObservers::subscribe(changesObservers_, std::move(callback));
 }
 

@@ -384,6 +384,7 @@ void CorvaneDocument::deliverExternalChanges(const Value& userInfo) {
 }
 
 Subscription CorvaneDocument::onExternalChanges(std::function<void(const ExternalChanges&)> callback) {
+  CORVANE_DCHECK(mainLoop().isMainThread());
   const uint64_t id = ++subscribers_->next;
   subscribers_->callbacks.emplace_back(id, std::move(callback));
   return Subscription([weak = std::weak_ptr<Subscribers>(subscribers_), id] {
@@ -432,6 +433,7 @@ void CorvaneDocument::updateChangeCount(ChangeKind kind) {
 // ---- Saving and closing ------------------------------------------------------------------------
 
 bool CorvaneDocument::save(Error* error) {
+  CORVANE_DCHECK(mainLoop().isMainThread());
   if (!ready_) return setError(error, documentError("The document is not ready to save yet"));
   if (!PersistentDocument::save(error)) return false;
   didSaveDocument();
@@ -461,6 +463,7 @@ bool CorvaneDocument::canClose() {
 }
 
 void CorvaneDocument::close() {
+  CORVANE_DCHECK(mainLoop().isMainThread());
   if (closed_) return;
   // Copies on their way finish first: their stores read this document's package and Env.
   mainLoop().runUntil([this] { return copies_.empty(); }, options_.openTimeout);
@@ -552,6 +555,7 @@ std::optional<std::string> CorvaneDocument::checkServiceDropboxIsRunning() const
 // ---- The cache -----------------------------------------------------------------------------------
 
 void CorvaneDocument::rebuildCache(std::function<void()> done) {
+  CORVANE_DCHECK(mainLoop().isMainThread());
   if (store_ == nullptr) return;
   setReady(false);
   std::shared_ptr<Interaction> ui = interaction();
@@ -593,6 +597,7 @@ void CorvaneDocument::rebuildCache(std::function<void()> done) {
 }
 
 void CorvaneDocument::resetCache() {
+  CORVANE_DCHECK(mainLoop().isMainThread());
   if (store_ == nullptr) return;
   Error error;
   if (!store_->resetCache(&error)) logLine("Resetting the cache failed: " + error.localizedDescription, LogLevel::Error);
