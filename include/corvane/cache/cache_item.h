@@ -144,26 +144,37 @@ class CorvaneCacheItem final : public FastCodingObject {
   std::shared_ptr<CorvaneCacheDictionary> collection() const;
   void setCollection(const std::shared_ptr<CorvaneCacheDictionary>& collection);
 
-  // Holds the item's lock (see the top of this file) while it lives. Move-only. (Its body
-  // takes the collection's lock too, which the analysis cannot name from here.)
-  class CORVANE_SCOPED_CAPABILITY Lock {
+  // Holds the item's lock (see the top of this file) while it lives. Move-only.
+  class Lock {
    public:
     Lock(Lock&& other) noexcept;
-    ~Lock() CORVANE_RELEASE() CORVANE_NO_THREAD_SAFETY_ANALYSIS;
+    ~Lock();
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;
     Lock& operator=(Lock&&) = delete;
 
    private:
     friend class CorvaneCacheItem;
-    explicit Lock(const CorvaneCacheItem& item) CORVANE_ACQUIRE(item.mutex_) CORVANE_NO_THREAD_SAFETY_ANALYSIS;
+    explicit Lock(const CorvaneCacheItem& item);
     std::shared_ptr<CorvaneCacheCollection> collection_;
     RecursiveMutex* own_;
   };
-  // Not annotated: a lock handed out by value is beyond what the analysis follows.
-  [[nodiscard]] Lock corvaneLock() const CORVANE_NO_THREAD_SAFETY_ANALYSIS { return Lock(*this); }
+  [[nodiscard]] Lock corvaneLock() const { return Lock(*this); }
 
  private:
+  // corvaneLock() for the item's own methods, in the form the lock analysis follows: it holds
+  // mutex_ for its scope (and the collection's lock, which the analysis cannot name here).
+  class CORVANE_SCOPED_CAPABILITY Guard {
+   public:
+    explicit Guard(const CorvaneCacheItem& item) CORVANE_ACQUIRE(item.mutex_) : lock_(item) {}
+    ~Guard() CORVANE_RELEASE() {}
+    Guard(const Guard&) = delete;
+    Guard& operator=(const Guard&) = delete;
+
+   private:
+    Lock lock_;
+  };
+
   void dropDerived(bool relationsChanged) CORVANE_REQUIRES(mutex_);
   void foldAttribute(const Value& entry, const class AttributeDescription& attribute, const Value& version,
                      Value& attributes, Value& data) CORVANE_REQUIRES(mutex_);
