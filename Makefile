@@ -1,6 +1,6 @@
 # One word for each everyday job. Each target bootstraps the machine first, so on a fresh
 # Debian machine `make test` alone installs, configures, builds and runs every test.
-.PHONY: all bootstrap build test test-fast test-slow asan-test tsan-test bench fuzz demo install check-install clean
+.PHONY: all bootstrap build test test-fast test-slow asan-test tsan-test thread-safety-check bench fuzz demo install check-install clean
 
 JOBS ?= 2
 # Let ccache share results between checkouts at different paths (CI builds a fresh clone).
@@ -36,6 +36,12 @@ tsan-test: bootstrap
 	cmake --build --preset tsan -j $(JOBS) --target \
 	  $$(ninja -C build/tsan -t targets all | sed -n 's/^\(test_[a-z_]*_concurrent\): .*/\1/p' | sort -u)
 	ctest --preset tsan
+
+# Builds the libraries, tools and tests with clang, whose -Wthread-safety checks the lock
+# annotations (thread_annotations.h) as errors. Nothing runs: the check is the compilation.
+thread-safety-check: bootstrap
+	cmake --preset thread-safety
+	cmake --build --preset thread-safety -j $(JOBS)
 
 bench: bootstrap
 	cmake --preset release

@@ -14,6 +14,14 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_G
    AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   target_compile_options(corvane_options INTERFACE $<$<CONFIG:Release>:-Wno-restrict>)
 endif()
+# Clang checks the lock annotations of thread_annotations.h: state read or written without the
+# mutex that guards it, a helper called without the lock it requires, locks taken out of order.
+if(CORVANE_THREAD_SAFETY)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "CORVANE_THREAD_SAFETY needs clang (the thread-safety preset sets it)")
+  endif()
+  target_compile_options(corvane_options INTERFACE -Wthread-safety)
+endif()
 if(CORVANE_SANITIZE)
   target_compile_options(corvane_options INTERFACE
     -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)

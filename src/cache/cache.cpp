@@ -79,7 +79,7 @@ CorvaneCache::~CorvaneCache() {
   stopping_ = true;
   std::unique_ptr<OperationQueue> index;
   {
-    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    RecursiveMutexLock lock(&mutex_);
     index = std::move(indexQueue_);
   }
   if (index) {
@@ -155,7 +155,7 @@ std::string CorvaneCache::defaultCacheFolderParent() const { return cachesRoot(s
 void CorvaneCache::setStoreURL(const std::string& storeURL) {
   Env* env = store_->env();
   {
-    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    RecursiveMutexLock lock(&mutex_);
     storeURL_ = storeURL;
   }
   std::string folder;
@@ -181,24 +181,24 @@ void CorvaneCache::setStoreURL(const std::string& storeURL) {
     folder = cacheURLForStoreURL(storeURL, env).value_or(std::string());
   }
   {
-    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    RecursiveMutexLock lock(&mutex_);
     url_ = folder;
   }
   if (store_->upToChange().empty()) loadChangeLogIfNeeded();
 }
 
 std::string CorvaneCache::storeURL() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   return storeURL_;
 }
 
 std::string CorvaneCache::URL() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   return url_;
 }
 
 std::string CorvaneCache::URLForKey(const std::string& key) const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   if (key.empty() || url_.empty()) return {};
   return pathJoin(url_, key);
 }
@@ -217,7 +217,7 @@ std::shared_ptr<CorvaneCacheDictionary> CorvaneCache::cacheForObjectID(const Obj
   const EntityDescription* entity = objectID.entity();
   if (uid.empty() || entity == nullptr) return nullptr;
   const std::string key = storeKey(entity->name(), uid);
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   auto& table = entities_[key];
   if (!table) table = CorvaneCacheDictionary::dictionaryWithStore(store_, URLForKey(key));
   return table;
@@ -253,7 +253,7 @@ CorvaneCacheItemPtr CorvaneCache::findItem(const ObjectID& objectID, ManagedObje
   loaded->setCollection(table);
   // Removals increment the generation and drop items under the cache's lock, so comparing and
   // storing under it cannot slip between the two.
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   if (CorvaneCacheItemPtr faster = table->itemForKey(uid); faster && !(faster == existing)) {
     faster->setCollection(table);
     return faster;
@@ -292,7 +292,7 @@ void CorvaneCache::updateCacheForObjectID(const ObjectID& objectID, const Value&
   const std::string uid = storeUID(objectID);
   // Finding or making the item and storing it is one step, so that two writes of the same new
   // object cannot each make their own item.
-  std::lock_guard<std::recursive_mutex> tableLock(table->mutex());
+  RecursiveMutexLock tableLock(&table->mutex());
   CorvaneCacheItemPtr item = table->itemForKey(uid);
   if (!item) item = CorvaneCacheItem::create();
   item->setCollection(table);
@@ -301,7 +301,7 @@ void CorvaneCache::updateCacheForObjectID(const ObjectID& objectID, const Value&
 }
 
 bool CorvaneCache::removeObjectID(const ObjectID& objectID) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   ++generation_;
   auto table = cacheForObjectID(objectID);
   if (!table) return false;
@@ -322,12 +322,12 @@ void CorvaneCache::compactObjectIDs(const std::vector<ObjectID>& objectIDs) {
 }
 
 void CorvaneCache::needsRefresh(const ObjectID& objectID) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   objectIDsToRefresh_.insert(objectID);
 }
 
 std::vector<ObjectID> CorvaneCache::objectIDsToRefresh() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   return std::vector<ObjectID>(objectIDsToRefresh_.begin(), objectIDsToRefresh_.end());
 }
 
@@ -353,7 +353,7 @@ void CorvaneCache::reset() {
     store_->logError(error, "CorvaneCache");
   }
   {
-    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    RecursiveMutexLock lock(&mutex_);
     ++generation_;
     // The tables are made again on demand, empty, since their files are gone.
     entities_.clear();
@@ -369,14 +369,14 @@ void CorvaneCache::reset() {
 }
 
 void CorvaneCache::setSnapshotCommand(std::optional<SnapshotCommand> command) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   snapshot_ = std::move(command);
 }
 
 void CorvaneCache::terminate() {
   std::optional<SnapshotCommand> command;
   {
-    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    RecursiveMutexLock lock(&mutex_);
     command = snapshot_;
   }
   if (!command) return;

@@ -29,13 +29,13 @@ std::shared_ptr<CorvaneCacheArray> CorvaneCache::newChangeLogCollection() {
 void CorvaneCache::addChange(const Value& change, bool isExternal) {
   // The cache's lock is held throughout, so that the lock order (cache, then log, then tables)
   // holds although the UID updates take the cache's lock again.
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   if (!changeLog_) {
     changeLog_ = newChangeLogCollection();
     updateChangeNames();
   }
   std::shared_ptr<CorvaneCacheArray> log = changeLog_;
-  std::lock_guard<std::recursive_mutex> logLock(log->mutex());
+  RecursiveMutexLock logLock(&log->mutex());
   const Value& changes = change["changes"];
   log->addObject(change);
   if (!changes.empty()) {
@@ -51,7 +51,7 @@ void CorvaneCache::addChange(const Value& change, bool isExternal) {
 }
 
 void CorvaneCache::removeChange(const Value& change, bool isExternal) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   announceChanges(CacheChangeStage::WillChange);
   // The top-level "inserts" of the older record shape, not "changes"/"insert": records of the
   // current shape therefore leave the UID tables alone. Kept as the other devices expect.
@@ -109,7 +109,7 @@ Value CorvaneCache::objectUIDsForEntityName(const std::string& entityName) {
 
 std::shared_ptr<CorvaneCacheSet> CorvaneCache::cacheForEntityUIDs(const std::string& entityName) {
   const std::string key = entityName + "_uids";
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   auto& table = uids_[key];
   if (!table) table = CorvaneCacheSet::setWithStore(store_, URLForKey(key));
   return table;
@@ -118,7 +118,7 @@ std::shared_ptr<CorvaneCacheSet> CorvaneCache::cacheForEntityUIDs(const std::str
 // ---- The log -------------------------------------------------------------------------------
 
 std::shared_ptr<CorvaneCacheArray> CorvaneCache::changeLog() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   return changeLog_;
 }
 
@@ -147,7 +147,7 @@ Value CorvaneCache::changesChain() const {
 }
 
 void CorvaneCache::updateChangeNames() {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   std::vector<Value> names;
   if (changeLog_) {
     const Value all = changeLog_->content();
@@ -161,13 +161,13 @@ void CorvaneCache::updateChangeNames() {
 }
 
 Value CorvaneCache::changeNames() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   if (changeNamesStale_) const_cast<CorvaneCache*>(this)->updateChangeNames();
   return changeNames_.isNil() ? Value::set() : changeNames_;
 }
 
 void CorvaneCache::installChangeLog(const std::shared_ptr<CorvaneCacheArray>& log) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   announceChanges(CacheChangeStage::WillChange);
   changeLog_ = log;
   announceChanges(CacheChangeStage::DidChange);
@@ -183,7 +183,7 @@ void CorvaneCache::loadChangeLogIfNeeded() {
   const Value& first = records.at(0);
   if (!log->fromBundle() || records.empty()) {
     {
-      std::lock_guard<std::recursive_mutex> lock(mutex_);
+      RecursiveMutexLock lock(&mutex_);
       if (changeLog_) return;  // another thread was first
       installChangeLog(log);
     }
@@ -200,14 +200,14 @@ void CorvaneCache::loadChangeLogIfNeeded() {
   if (!valid) {
     store_->log("Aborting for now. Trying later", kCorvaneLogTypeWarning);
     std::weak_ptr<CorvaneCache> weak = weak_from_this();
-    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    RecursiveMutexLock lock(&mutex_);
     retryToken_ = mainLoop_->postAfter(kChangeLogRetrySeconds, [weak] {
       if (auto self = weak.lock()) self->loadChangeLogIfNeeded();
     });
     return;
   }
   {
-    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    RecursiveMutexLock lock(&mutex_);
     if (changeLog_) return;
     installChangeLog(log);
   }
@@ -219,6 +219,7 @@ void CorvaneCache::loadChangeLogIfNeeded() {
 // ---- Announcements -------------------------------------------------------------------------
 
 Subscription CorvaneCache::observeChanges(std::function<void(CacheChangeStage)> callback) {
+  CORVANE_DCHECK(mainLoop_->isMainThread());
   return ChangesObservers::subscribe(changesObservers_, std::move(callback));
 }
 

@@ -55,7 +55,7 @@ Value CorvaneCacheCollection::loadTransformer(const Value& root) const { return 
 Value CorvaneCacheCollection::saveTransformer(const Value& content) const { return content; }
 
 void CorvaneCacheCollection::loadIfNeeded() {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   if (!content_.isNil()) return;
   CorvaneCacheItem::registerClass();
   Bytes bytes;
@@ -84,7 +84,7 @@ std::optional<Bytes> CorvaneCacheCollection::encodedContent() {
 }
 
 bool CorvaneCacheCollection::saveIfNeeded() {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   if (!invalid_ || url_.empty()) return true;  // a cache without a folder keeps its changes in memory
   Env* env = store_->env();
   std::optional<Bytes> bytes;
@@ -104,7 +104,7 @@ bool CorvaneCacheCollection::saveIfNeeded() {
 }
 
 bool CorvaneCacheCollection::removeSavedFile() {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   invalid_ = true;
   if (url_.empty()) return true;
   Env* env = store_->env();
@@ -112,7 +112,7 @@ bool CorvaneCacheCollection::removeSavedFile() {
 }
 
 void CorvaneCacheCollection::saveInBundle() {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   std::optional<Bytes> bytes;
   try {
@@ -128,7 +128,7 @@ void CorvaneCacheCollection::saveInBundle() {
 }
 
 void CorvaneCacheCollection::invalidate() {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   invalid_ = true;
 }
 
@@ -139,12 +139,12 @@ void CorvaneCacheCollection::removeFile() {
 }
 
 void CorvaneCacheCollection::initContent() {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   content_ = emptyContent();
 }
 
 void CorvaneCacheCollection::handleCorruption(const std::string& message) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   store_->log("Cache corruption detected in " + pathLastComponent(url_) + ": " + message, kCorvaneLogTypeError);
   removeFile();
   initContent();
@@ -153,32 +153,32 @@ void CorvaneCacheCollection::handleCorruption(const std::string& message) {
 }
 
 bool CorvaneCacheCollection::isLoaded() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   return !content_.isNil();
 }
 
 bool CorvaneCacheCollection::invalid() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   return invalid_;
 }
 
 bool CorvaneCacheCollection::fromBundle() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   return fromBundle_;
 }
 
 void CorvaneCacheCollection::setFromBundle(bool fromBundle) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   fromBundle_ = fromBundle;
 }
 
 bool CorvaneCacheCollection::corruptionDetected() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   return corruptionDetected_;
 }
 
 size_t CorvaneCacheCollection::count() {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   return content_.count();
 }
@@ -199,19 +199,19 @@ Value CorvaneCacheDictionary::loadTransformer(const Value& root) const {
 Value CorvaneCacheDictionary::emptyContent() const { return Value::mutableDictionary(); }
 
 Value CorvaneCacheDictionary::content() {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   return content_;
 }
 
 Value CorvaneCacheDictionary::valueForKey(const Value& key) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   return content_.get(key);
 }
 
 CorvaneCacheItemPtr CorvaneCacheDictionary::itemForKey(std::string_view uid) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   return CorvaneCacheItemPtr::fromValue(content_.lookup(uid));
 }
@@ -222,14 +222,14 @@ Value& CorvaneCacheDictionary::writableContent() {
 }
 
 void CorvaneCacheDictionary::setValue(const Value& value, const Value& key) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   writableContent().set(key.copy(), value);
   invalid_ = true;
 }
 
 void CorvaneCacheDictionary::removeObjectForKey(const Value& key) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   writableContent().remove(key);
   invalid_ = true;
@@ -250,40 +250,40 @@ Value CorvaneCacheArray::loadTransformer(const Value& root) const {
 Value CorvaneCacheArray::emptyContent() const { return Value::mutableArray(); }
 
 Value CorvaneCacheArray::content() {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   return content_.copy();
 }
 
 void CorvaneCacheArray::setContent(const Value& array) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   content_ = array.isCollection() ? Value::mutableArray(array.elements()) : Value::mutableArray();
   invalid_ = true;
 }
 
 void CorvaneCacheArray::addObject(const Value& object) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   content_.append(object);
   invalid_ = true;
 }
 
 void CorvaneCacheArray::addObjects(const Value& array) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   appendAll(content_, array);
   invalid_ = true;
 }
 
 void CorvaneCacheArray::removeObject(const Value& object) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   content_.remove(object);
   invalid_ = true;
 }
 
 void CorvaneCacheArray::removeObjects(const Value& collection) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   content_ = Value::mutableArray(withoutMembers(content_, collection));
   invalid_ = true;
@@ -305,47 +305,47 @@ Value CorvaneCacheSet::saveTransformer(const Value& content) const { return Valu
 Value CorvaneCacheSet::emptyContent() const { return Value::mutableSet(); }
 
 Value CorvaneCacheSet::content() {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   return content_.copy();
 }
 
 void CorvaneCacheSet::setContent(const Value& collection) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   content_ = Value::mutableSet(collection.elements());
   invalid_ = true;
 }
 
 void CorvaneCacheSet::addObject(const Value& object) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   if (!object.isNil()) content_.append(object);
   invalid_ = true;
 }
 
 void CorvaneCacheSet::addObjects(const Value& collection) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   appendAll(content_, collection);
   invalid_ = true;
 }
 
 void CorvaneCacheSet::removeObject(const Value& object) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   content_.remove(object);
   invalid_ = true;
 }
 
 void CorvaneCacheSet::removeObjects(const Value& collection) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   content_ = Value::mutableSet(withoutMembers(content_, collection));
   invalid_ = true;
 }
 
 bool CorvaneCacheSet::containsObject(const Value& object) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   loadIfNeeded();
   return content_.contains(object);
 }

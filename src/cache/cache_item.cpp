@@ -33,7 +33,7 @@ std::string storeUID(const ObjectID& objectID) {
 
 CorvaneCacheItem::Lock::Lock(const CorvaneCacheItem& item) : own_(&item.mutex_) {
   {
-    std::lock_guard<std::mutex> guard(item.collectionMutex_);
+    MutexLock guard(&item.collectionMutex_);
     collection_ = item.collection_.lock();
   }
   if (collection_) collection_->mutex().lock();
@@ -70,7 +70,7 @@ void CorvaneCacheItem::registerClass() {
 }
 
 void CorvaneCacheItem::encodeWithCoder(FCNSCoder& coder) const {
-  Lock lock(*this);
+  Guard lock(*this);
   coder.encodeObject(attributes_, "attributes");
   coder.encodeObject(relations_, "relations");
   coder.encodeObject(extraData_, "extraData");
@@ -79,7 +79,7 @@ void CorvaneCacheItem::encodeWithCoder(FCNSCoder& coder) const {
 }
 
 Value CorvaneCacheItem::valueForKey(std::string_view key) const {
-  Lock lock(*this);
+  Guard lock(*this);
   if (key == "attributes") return attributes_;
   if (key == "relations") return relations_;
   if (key == "extraData") return extraData_;
@@ -100,7 +100,7 @@ using ValueSet = std::unordered_set<Value, ValueHash>;
 
 void CorvaneCacheItem::updateValues(const Value& values, const EntityDescription& entity, const std::string& /*url*/,
                                     const Value& version) {
-  Lock lock(*this);
+  Guard lock(*this);
   extraData_ = Value::mutableDictionary();
   // Work on copies, so that an exception half way (an attribute without a transformer) leaves
   // the item as it was.
@@ -205,7 +205,7 @@ void CorvaneCacheItem::parseMissing(const ObjectID& objectID, CorvaneCacheStoreS
 
 Value CorvaneCacheItem::valueForKey(std::string_view key, const ObjectID& objectID, CorvaneCacheStoreServices* store,
                                     ManagedObjectContext* /*context*/) {
-  Lock lock(*this);
+  Guard lock(*this);
   if (attributes_.isDictionary()) {
     const Value& value = attributes_.lookup(key);
     if (!value.isNil()) return value;
@@ -220,13 +220,13 @@ Value CorvaneCacheItem::valueForKey(std::string_view key, const ObjectID& object
 
 Value CorvaneCacheItem::attributesForObjectID(const ObjectID& /*objectID*/, CorvaneCacheStoreServices* /*store*/,
                                               ManagedObjectContext* /*context*/) {
-  Lock lock(*this);
+  Guard lock(*this);
   return attributes_.copy();
 }
 
 Value CorvaneCacheItem::valuesForObjectID(const ObjectID& objectID, CorvaneCacheStoreServices* store,
                                           ManagedObjectContext* /*context*/) {
-  Lock lock(*this);
+  Guard lock(*this);
   parseMissing(objectID, store, true, false, true);
   Value values = Value::mutableDictionary();
   for (const Value* part : {&attributes_, &parsedToOneRelations_, &parsedData_}) {
@@ -237,7 +237,7 @@ Value CorvaneCacheItem::valuesForObjectID(const ObjectID& objectID, CorvaneCache
 
 Value CorvaneCacheItem::allValuesForObjectID(const ObjectID& objectID, CorvaneCacheStoreServices* store,
                                              ManagedObjectContext* /*context*/) {
-  Lock lock(*this);
+  Guard lock(*this);
   if (!dictionary_.isNil()) return dictionary_;
   parseMissing(objectID, store, true, true, true);
   Value values = Value::mutableDictionary();
@@ -250,7 +250,7 @@ Value CorvaneCacheItem::allValuesForObjectID(const ObjectID& objectID, CorvaneCa
 
 Value CorvaneCacheItem::parseRelationsForObjectID(const ObjectID& objectID, CorvaneCacheStoreServices* store,
                                                   bool toMany) {
-  Lock lock(*this);
+  Guard lock(*this);
   Value result = Value::mutableDictionary();
   const EntityDescription* entity = objectID.entity();
   if (relations_.empty() || entity == nullptr || store == nullptr) return result;
@@ -288,7 +288,7 @@ Value CorvaneCacheItem::parseRelationsForObjectID(const ObjectID& objectID, Corv
 }
 
 Value CorvaneCacheItem::parseDataForObjectID(const ObjectID& objectID, CorvaneCacheStoreServices* store) {
-  Lock lock(*this);
+  Guard lock(*this);
   Value result = Value::mutableDictionary();
   const EntityDescription* entity = objectID.entity();
   if (data_.empty() || entity == nullptr || store == nullptr) return result;
@@ -317,24 +317,24 @@ Value CorvaneCacheItem::parseDataForObjectID(const ObjectID& objectID, CorvaneCa
 // ---- Extra data, compaction, fields --------------------------------------------------------
 
 void CorvaneCacheItem::setExtraData(const Value& data, const Value& key) {
-  Lock lock(*this);
+  Guard lock(*this);
   if (!extraData_.isDictionary() || !extraData_.isMutable()) extraData_ = mutableDictionaryOf(extraData_);
   extraData_.set(key, data);
 }
 
 Value CorvaneCacheItem::extraDataForKey(const Value& key) {
   if (!key.isString()) return Value();
-  Lock lock(*this);
+  Guard lock(*this);
   return extraData_.get(key);
 }
 
 void CorvaneCacheItem::resetExtraData() {
-  Lock lock(*this);
+  Guard lock(*this);
   extraData_ = Value::mutableDictionary();
 }
 
 void CorvaneCacheItem::compact() {
-  Lock lock(*this);
+  Guard lock(*this);
   // The memo of all values holds the binary values too; it goes with them, or compacting
   // would free nothing.
   if (!parsedData_.isNil()) {
@@ -344,51 +344,51 @@ void CorvaneCacheItem::compact() {
 }
 
 Value CorvaneCacheItem::attributes() const {
-  Lock lock(*this);
+  Guard lock(*this);
   return attributes_;
 }
 Value CorvaneCacheItem::relations() const {
-  Lock lock(*this);
+  Guard lock(*this);
   return relations_;
 }
 Value CorvaneCacheItem::data() const {
-  Lock lock(*this);
+  Guard lock(*this);
   return data_;
 }
 Value CorvaneCacheItem::extraData() const {
-  Lock lock(*this);
+  Guard lock(*this);
   return extraData_;
 }
 Value CorvaneCacheItem::state() const {
-  Lock lock(*this);
+  Guard lock(*this);
   return state_;
 }
 void CorvaneCacheItem::setState(const Value& state) {
-  Lock lock(*this);
+  Guard lock(*this);
   state_ = state;
 }
 bool CorvaneCacheItem::hasParsedData() const {
-  Lock lock(*this);
+  Guard lock(*this);
   return !parsedData_.isNil();
 }
 bool CorvaneCacheItem::hasParsedRelations() const {
-  Lock lock(*this);
+  Guard lock(*this);
   return !parsedToOneRelations_.isNil() || !parsedToManyRelations_.isNil();
 }
 bool CorvaneCacheItem::hasValueMemo() const {
-  Lock lock(*this);
+  Guard lock(*this);
   return !dictionary_.isNil();
 }
 
 // ---- Collection ------------------------------------------------------------------------------
 
 std::shared_ptr<CorvaneCacheDictionary> CorvaneCacheItem::collection() const {
-  std::lock_guard<std::mutex> guard(collectionMutex_);
+  MutexLock guard(&collectionMutex_);
   return std::static_pointer_cast<CorvaneCacheDictionary>(collection_.lock());
 }
 
 void CorvaneCacheItem::setCollection(const std::shared_ptr<CorvaneCacheDictionary>& collection) {
-  std::lock_guard<std::mutex> guard(collectionMutex_);
+  MutexLock guard(&collectionMutex_);
   collection_ = collection;
 }
 

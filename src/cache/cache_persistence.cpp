@@ -23,7 +23,7 @@ constexpr const char* kTableCharacters = "0123456789ABCDEF";
 
 std::vector<std::shared_ptr<CorvaneCacheCollection>> CorvaneCache::collectionsToSave(
     std::shared_ptr<CorvaneCacheArray>* log) {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   std::vector<std::shared_ptr<CorvaneCacheCollection>> tables;
   for (const auto& entry : entities_) tables.push_back(entry.second);
   for (const auto& entry : uids_) tables.push_back(entry.second);
@@ -74,7 +74,7 @@ void CorvaneCache::saveInBundle() {
 void CorvaneCache::loadCachesForEntity(const EntityDescription& entity) {
   bool corrupt = false;
   {
-    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    RecursiveMutexLock lock(&mutex_);
     for (const char* c = kTableCharacters; *c != '\0'; ++c) {
       const std::string key = entity.name() + "_" + *c;
       if (entities_.contains(key)) continue;
@@ -92,7 +92,7 @@ void CorvaneCache::loadCachesForEntity(const EntityDescription& entity) {
 // ---- Background filling ----------------------------------------------------------------------
 
 void CorvaneCache::cacheMissingItems() {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   if ((indexQueue_ && indexQueue_->operationCount() > 0) || cachedMissingItems_) return;
   progress_->done = 0;
   progress_->total = 0;
@@ -110,12 +110,12 @@ void CorvaneCache::cacheMissingItems() {
 }
 
 bool CorvaneCache::cachedMissingItems() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   return cachedMissingItems_;
 }
 
 OperationQueue* CorvaneCache::indexQueue() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  RecursiveMutexLock lock(&mutex_);
   return indexQueue_.get();
 }
 

@@ -39,13 +39,13 @@ ValueTransformerRegistry& ValueTransformerRegistry::shared() {
 }
 
 void ValueTransformerRegistry::registerFactory(std::string name, Factory factory) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(&mutex_);
   instances_.erase(name);
   factories_[std::move(name)] = std::move(factory);
 }
 
 void ValueTransformerRegistry::setValueTransformer(std::shared_ptr<ValueTransformer> transformer, std::string name) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(&mutex_);
   if (transformer) {
     instances_[std::move(name)] = std::move(transformer);
   } else {
@@ -54,7 +54,7 @@ void ValueTransformerRegistry::setValueTransformer(std::shared_ptr<ValueTransfor
 }
 
 std::shared_ptr<ValueTransformer> ValueTransformerRegistry::valueTransformerForName(std::string_view name) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(&mutex_);
   std::string key(name);
   if (auto it = instances_.find(key); it != instances_.end()) return it->second;
   auto factory = factories_.find(key);

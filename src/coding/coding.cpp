@@ -193,7 +193,7 @@ ClassRegistry& ClassRegistry::shared() {
 }
 
 void ClassRegistry::registerClass(ClassInfo info) {
-  std::unique_lock lock(mutex_);
+  WriterMutexLock lock(&mutex_);
   auto owned = std::make_unique<ClassInfo>(std::move(info));
   byName_[owned->name] = owned.get();
   all_.push_back(std::move(owned));
@@ -201,20 +201,20 @@ void ClassRegistry::registerClass(ClassInfo info) {
 }
 
 const ClassInfo* ClassRegistry::find(std::string_view name) const {
-  std::shared_lock lock(mutex_);
+  ReaderMutexLock lock(&mutex_);
   auto it = byName_.find(std::string(name));
   return it != byName_.end() ? it->second : nullptr;
 }
 
 std::vector<std::string> ClassRegistry::aggregatePropertyKeys(std::string_view name) const {
   {
-    std::shared_lock lock(mutex_);
+    ReaderMutexLock lock(&mutex_);
     auto it = byName_.find(std::string(name));
     if (it == byName_.end()) return {};
     auto cached = aggregated_.find(it->second);
     if (cached != aggregated_.end()) return cached->second;
   }
-  std::unique_lock lock(mutex_);
+  WriterMutexLock lock(&mutex_);
   auto it = byName_.find(std::string(name));
   if (it == byName_.end()) return {};
   std::vector<std::string> keys;

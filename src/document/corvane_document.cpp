@@ -385,6 +385,7 @@ void CorvaneDocument::deliverExternalChanges(const Value& userInfo) {
 }
 
 Subscription CorvaneDocument::onExternalChanges(std::function<void(const ExternalChanges&)> callback) {
+  CORVANE_DCHECK(mainLoop().isMainThread());
   const uint64_t id = ++subscribers_->next;
   subscribers_->callbacks.emplace_back(id, std::move(callback));
   return Subscription([weak = std::weak_ptr<Subscribers>(subscribers_), id] {
@@ -433,6 +434,7 @@ void CorvaneDocument::updateChangeCount(ChangeKind kind) {
 // ---- Saving and closing ------------------------------------------------------------------------
 
 bool CorvaneDocument::save(Error* error) {
+  CORVANE_DCHECK(mainLoop().isMainThread());
   if (!ready_) return setError(error, documentError("The document is not ready to save yet"));
   if (!PersistentDocument::save(error)) return false;
   didSaveDocument();
@@ -462,6 +464,7 @@ bool CorvaneDocument::canClose() {
 }
 
 void CorvaneDocument::close() {
+  CORVANE_DCHECK(mainLoop().isMainThread());
   if (closed_) return;
   // Copies on their way finish first: their stores read this document's package and Env.
   mainLoop().runUntil([this] { return copies_.empty(); }, options_.openTimeout);
@@ -553,6 +556,7 @@ std::optional<std::string> CorvaneDocument::checkServiceDropboxIsRunning() const
 // ---- The cache -----------------------------------------------------------------------------------
 
 void CorvaneDocument::rebuildCache(std::function<void()> done) {
+  CORVANE_DCHECK(mainLoop().isMainThread());
   if (store_ == nullptr) return;
   setReady(false);
   std::shared_ptr<Interaction> ui = interaction();
@@ -594,6 +598,7 @@ void CorvaneDocument::rebuildCache(std::function<void()> done) {
 }
 
 void CorvaneDocument::resetCache() {
+  CORVANE_DCHECK(mainLoop().isMainThread());
   if (store_ == nullptr) return;
   Error error;
   if (!store_->resetCache(&error)) logLine("Resetting the cache failed: " + error.localizedDescription, LogLevel::Error);

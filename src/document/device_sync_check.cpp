@@ -122,6 +122,7 @@ Value DeviceSyncCheck::deviceRecord() const {
 }
 
 void DeviceSyncCheck::pollDeviceInfo() {
+  CORVANE_DCHECK(loop_.isMainThread());
   pollCount_ = 0;
   detail_.reset();
   loadDeviceInfo();
@@ -233,6 +234,7 @@ std::optional<std::string> DeviceSyncCheck::devicesStatusText() const {
 }
 
 Subscription DeviceSyncCheck::onUpdate(std::function<void()> callback) {
+  CORVANE_DCHECK(loop_.isMainThread());
   return updates_.subscribe([callback = std::move(callback)](const int&, const int&) { callback(); });
 }
 

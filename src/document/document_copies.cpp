@@ -59,6 +59,7 @@ std::string CorvaneDocument::backupPathForConsolidation(double secondsSince2001)
 }
 
 void CorvaneDocument::consolidate(std::function<void(bool)> done) {
+  CORVANE_DCHECK(mainLoop().isMainThread());
   auto finish = [done](bool swapped) {
     if (done) done(swapped);
   };
@@ -160,6 +161,7 @@ std::vector<std::string> CorvaneDocument::backupsBeside() const {
 }
 
 bool CorvaneDocument::checkConsolidatedElsewhere() {
+  CORVANE_DCHECK(mainLoop().isMainThread());
   if (consolidating_ || closed_ || store_ == nullptr) return false;
   const std::string folder = pathDeletingLastComponent(fileURL());
   for (const std::string& name : backupsBeside()) {

@@ -1,17 +1,17 @@
 #include "corvane/foundation/application_info.h"
 
-#include <mutex>
+#include "corvane/foundation/mutex.h"
 
 namespace corvane {
 
 namespace {
 
-std::mutex& currentMutex() {
-  static auto* m = new std::mutex;
+Mutex& currentMutex() {
+  static auto* m = new Mutex;
   return *m;
 }
 
-ApplicationInfo& currentInfo() {
+ApplicationInfo& currentInfo() CORVANE_REQUIRES(currentMutex()) {
   static auto* info = new ApplicationInfo;
   return *info;
 }
@@ -47,12 +47,12 @@ Value ApplicationInfo::dictionary() const {
 }
 
 ApplicationInfo ApplicationInfo::current() {
-  std::lock_guard<std::mutex> lock(currentMutex());
+  MutexLock lock(&currentMutex());
   return currentInfo();
 }
 
 void ApplicationInfo::setCurrent(ApplicationInfo info) {
-  std::lock_guard<std::mutex> lock(currentMutex());
+  MutexLock lock(&currentMutex());
   currentInfo() = std::move(info);
 }
 

@@ -8,9 +8,10 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <set>
 #include <thread>
+
+#include "corvane/foundation/mutex.h"
 
 namespace corvane {
 
@@ -30,13 +31,14 @@ struct FileEventStream::State {
   Callback callback;
   RunLoop* loop = nullptr;
 
-  std::mutex mutex;
+  Mutex mutex;
+  // Set by start() and stop() while no reader thread runs.
   int inotifyFd = -1;
   int stopFd = -1;
-  int folderWatch = -1;
-  int parentWatch = -1;
-  bool running = false;
-  std::map<std::string, double> ownChanges;  // path -> until (loop clock)
+  int folderWatch CORVANE_GUARDED_BY(mutex) = -1;
+  int parentWatch CORVANE_GUARDED_BY(mutex) = -1;
+  bool running CORVANE_GUARDED_BY(mutex) = false;
+  std::map<std::string, double> ownChanges CORVANE_GUARDED_BY(mutex);  // path -> until (loop clock)
   std::thread reader;
 
   std::set<std::string> pending;  // (loop)
@@ -44,13 +46,13 @@ struct FileEventStream::State {
   // (discardPendingWork), the next event must schedule a new one.
   RunLoop::Token flushTimer;
 
-  bool armFolder() {
+  bool armFolder() CORVANE_REQUIRES(mutex) {
     folderWatch = inotify_add_watch(inotifyFd, folder.c_str(), kFolderEvents);
     return folderWatch >= 0;
   }
 
-  bool isOwn(const std::string& path) {
-    std::lock_guard<std::mutex> lock(mutex);
+  bool isOwn(const std::string& path) CORVANE_EXCLUDES(mutex) {
+    MutexLock lock(&mutex);
     auto it = ownChanges.find(path);
     if (it == ownChanges.end()) return false;
     if (it->second < loop->env()->monotonicNow()) {
@@ -63,7 +65,7 @@ struct FileEventStream::State {
   // (loop) Adds paths to the open batch and makes sure a flush is scheduled.
   static void deliver(const std::shared_ptr<State>& self, std::vector<std::string> paths) {
     {
-      std::lock_guard<std::mutex> lock(self->mutex);
+      MutexLock lock(&self->mutex);
       if (!self->running) return;
     }
     for (std::string& p : paths)
@@ -77,7 +79,7 @@ struct FileEventStream::State {
 
   static void flush(const std::shared_ptr<State>& self) {
     {
-      std::lock_guard<std::mutex> lock(self->mutex);
+      MutexLock lock(&self->mutex);
       if (!self->running) return;
     }
     std::vector<std::string> batch(self->pending.begin(), self->pending.end());
@@ -104,7 +106,7 @@ struct FileEventStream::State {
       for (char* p = buffer; p < buffer + n;) {
         auto* event = reinterpret_cast<inotify_event*>(p);
         p += sizeof(inotify_event) + event->len;
-        std::lock_guard<std::mutex> lock(self->mutex);
+        MutexLock lock(&self->mutex);
         if (event->wd == self->folderWatch) {
           if (event->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) {
             // The folder went away; the parent's watch brings it back when it reappears. A
@@ -146,13 +148,14 @@ FileEventStream::~FileEventStream() { stop(); }
 const std::string& FileEventStream::folder() const { return state_->folder; }
 
 bool FileEventStream::isRunning() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  MutexLock lock(&state_->mutex);
   return state_->running;
 }
 
 bool FileEventStream::start(Error* error) {
   stop();
   State& s = *state_;
+  MutexLock lock(&s.mutex);  // the reader thread started below waits for it
   s.inotifyFd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
   s.stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (s.inotifyFd < 0 || s.stopFd < 0 || !s.armFolder()) {
@@ -171,7 +174,7 @@ bool FileEventStream::start(Error* error) {
 void FileEventStream::stop() {
   State& s = *state_;
   {
-    std::lock_guard<std::mutex> lock(s.mutex);
+    MutexLock lock(&s.mutex);
     if (!s.running) return;
     s.running = false;
   }
@@ -182,12 +185,15 @@ void FileEventStream::stop() {
   ::close(s.inotifyFd);
   ::close(s.stopFd);
   s.inotifyFd = s.stopFd = -1;
-  s.folderWatch = s.parentWatch = -1;
+  {
+    MutexLock lock(&s.mutex);
+    s.folderWatch = s.parentWatch = -1;
+  }
   s.pending.clear();
 }
 
 void FileEventStream::ignoreOwnChange(const std::string& path, double seconds) {
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  MutexLock lock(&state_->mutex);
   state_->ownChanges[path] = state_->loop->env()->monotonicNow() + seconds;
 }
 

@@ -1,8 +1,7 @@
 #include "corvane/foundation/interaction.h"
 
-#include <mutex>
-
 #include "corvane/foundation/log.h"
+#include "corvane/foundation/mutex.h"
 
 namespace corvane {
 
@@ -40,12 +39,12 @@ std::optional<std::string> HeadlessInteraction::askPassword(const std::string& m
 
 namespace {
 
-std::mutex& defaultMutex() {
-  static std::mutex mutex;
+Mutex& defaultMutex() {
+  static Mutex mutex;
   return mutex;
 }
 
-std::shared_ptr<Interaction>& defaultSlot() {
+std::shared_ptr<Interaction>& defaultSlot() CORVANE_REQUIRES(defaultMutex()) {
   // Never destroyed: a store may still show something while the process exits.
   static auto* interaction = new std::shared_ptr<Interaction>(std::make_shared<HeadlessInteraction>());
   return *interaction;
@@ -54,12 +53,12 @@ std::shared_ptr<Interaction>& defaultSlot() {
 }  // namespace
 
 void setDefaultInteraction(std::shared_ptr<Interaction> interaction) {
-  std::lock_guard<std::mutex> lock(defaultMutex());
+  MutexLock lock(&defaultMutex());
   defaultSlot() = interaction ? std::move(interaction) : std::make_shared<HeadlessInteraction>();
 }
 
 std::shared_ptr<Interaction> defaultInteraction() {
-  std::lock_guard<std::mutex> lock(defaultMutex());
+  MutexLock lock(&defaultMutex());
   return defaultSlot();
 }
 

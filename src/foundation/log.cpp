@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
-#include <shared_mutex>
 
 #include <fmt/format.h>
 
@@ -29,12 +28,12 @@ void writeToStandardError(LogLevel /*level*/, std::string_view message) {
 // Loggers hold the lock shared while the sink runs, so that replacing the sink (exclusive)
 // waits until no thread is still inside the old one: a LogCapture can then die safely.
 // A sink must therefore not log itself.
-std::shared_mutex& sinkMutex() {
-  static std::shared_mutex m;
+SharedMutex& sinkMutex() {
+  static SharedMutex m;
   return m;
 }
 
-LogSink& currentSink() {
+LogSink& currentSink() CORVANE_REQUIRES_SHARED(sinkMutex()) {
   static LogSink sink;
   return sink;
 }
@@ -42,7 +41,7 @@ LogSink& currentSink() {
 }  // namespace
 
 void logLine(std::string_view message, LogLevel level) {
-  std::shared_lock lock(sinkMutex());
+  ReaderMutexLock lock(&sinkMutex());
   const LogSink& sink = currentSink();
   if (sink) {
     sink(level, message);
@@ -52,7 +51,7 @@ void logLine(std::string_view message, LogLevel level) {
 }
 
 LogSink setLogSink(LogSink sink) {
-  std::unique_lock lock(sinkMutex());
+  WriterMutexLock lock(&sinkMutex());
   LogSink previous = std::move(currentSink());
   currentSink() = std::move(sink);
   return previous;
@@ -62,7 +61,7 @@ LogSink standardErrorLogSink() { return writeToStandardError; }
 
 LogCapture::LogCapture() {
   previous_ = setLogSink([this](LogLevel, std::string_view message) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(&mutex_);
     lines_.emplace_back(message);
   });
 }
@@ -70,12 +69,12 @@ LogCapture::LogCapture() {
 LogCapture::~LogCapture() { setLogSink(std::move(previous_)); }
 
 std::vector<std::string> LogCapture::lines() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(&mutex_);
   return lines_;
 }
 
 bool LogCapture::contains(std::string_view fragment) const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(&mutex_);
   for (const std::string& line : lines_) {
     if (line.find(fragment) != std::string::npos) return true;
   }
@@ -83,7 +82,7 @@ bool LogCapture::contains(std::string_view fragment) const {
 }
 
 void LogCapture::clear() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(&mutex_);
   lines_.clear();
 }
 

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <mutex>
 #include <vector>
 
+#include "corvane/foundation/mutex.h"
 #include "corvane/foundation/run_loop.h"
 
 namespace corvane {
@@ -22,27 +22,27 @@ struct NotificationCenter::Entry {
   }
 
   // Ends the observation; waits for callbacks running on other threads.
-  void deactivate() {
+  void deactivate() CORVANE_EXCLUDES(mutex) {
     const auto onThisThread = static_cast<int>(std::count(tlsDelivering.begin(), tlsDelivering.end(), this));
-    std::unique_lock<std::mutex> lock(mutex);
+    MutexLock lock(&mutex);
     active = false;
-    idle.wait(lock, [&] { return running <= onThisThread; });
+    while (running > onThisThread) mutex.wait(idle);
   }
 
   const std::string name;
   const void* const object;
   const Callback callback;
-  std::mutex mutex;
+  Mutex mutex;
   std::condition_variable idle;
-  bool active = true;
-  int running = 0;
+  bool active CORVANE_GUARDED_BY(mutex) = true;
+  int running CORVANE_GUARDED_BY(mutex) = 0;
 };
 
 struct NotificationCenter::Impl {
   void post(const Notification& note) {
     std::vector<std::shared_ptr<Entry>> matching;
     {
-      std::lock_guard<std::mutex> lock(mutex);
+      MutexLock lock(&mutex);
       for (const auto& e : entries) {
         if (e->matches(note)) matching.push_back(e);
       }
@@ -52,7 +52,7 @@ struct NotificationCenter::Impl {
 
   static void deliver(Entry& e, const Notification& note) {
     {
-      std::lock_guard<std::mutex> lock(e.mutex);
+      MutexLock lock(&e.mutex);
       if (!e.active) return;  // removed by an earlier observer of this notification
       ++e.running;
     }
@@ -60,7 +60,7 @@ struct NotificationCenter::Impl {
       Entry& e;
       ~Done() {
         tlsDelivering.pop_back();
-        std::lock_guard<std::mutex> lock(e.mutex);
+        MutexLock lock(&e.mutex);
         --e.running;
         e.idle.notify_all();
       }
@@ -72,13 +72,14 @@ struct NotificationCenter::Impl {
 
   void remove(const std::shared_ptr<Entry>& entry) {
     {
-      std::lock_guard<std::mutex> lock(mutex);
+      MutexLock lock(&mutex);
       entries.erase(std::remove(entries.begin(), entries.end(), entry), entries.end());
     }
   }
 
-  std::mutex mutex;
-  std::vector<std::shared_ptr<Entry>> entries;
+  // Never held while an entry's lock is taken or a callback runs.
+  Mutex mutex;
+  std::vector<std::shared_ptr<Entry>> entries CORVANE_GUARDED_BY(mutex);
 };
 
 NotificationCenter::Observer& NotificationCenter::Observer::operator=(Observer&& other) noexcept {
@@ -112,7 +113,7 @@ NotificationCenter::Observer NotificationCenter::addObserver(std::string name, c
                                                               Callback callback) {
   auto entry = std::make_shared<Entry>(std::move(name), object, std::move(callback));
   {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
+    MutexLock lock(&impl_->mutex);
     impl_->entries.push_back(entry);
   }
   return Observer(impl_, entry);
@@ -120,7 +121,7 @@ NotificationCenter::Observer NotificationCenter::addObserver(std::string name, c
 
 bool NotificationCenter::hasObservers(const std::string& name, const void* object) const {
   Notification probe{name, object, Value()};
-  std::lock_guard<std::mutex> lock(impl_->mutex);
+  MutexLock lock(&impl_->mutex);
   for (const auto& e : impl_->entries) {
     if (e->matches(probe)) return true;
   }

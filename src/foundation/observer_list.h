@@ -10,10 +10,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
+#include "corvane/foundation/mutex.h"
 #include "corvane/foundation/observable.h"
 
 namespace corvane {
@@ -27,7 +27,7 @@ class ObserverList {
   static Subscription subscribe(const std::shared_ptr<ObserverList>& list, Callback callback) {
     uint64_t id;
     {
-      std::lock_guard<std::mutex> lock(list->mutex_);
+      MutexLock lock(&list->mutex_);
       id = list->nextId_++;
       list->entries_.emplace_back(id, std::make_shared<Callback>(std::move(callback)));
     }
@@ -39,7 +39,7 @@ class ObserverList {
   void deliver(Args... args) {
     std::vector<std::pair<uint64_t, std::shared_ptr<Callback>>> targets;
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      MutexLock lock(&mutex_);
       targets = entries_;
     }
     for (const auto& [id, callback] : targets) {
@@ -50,7 +50,7 @@ class ObserverList {
  private:
   void remove(uint64_t id) {
     std::shared_ptr<Callback> removed;  // released after the lock
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(&mutex_);
     auto it = std::find_if(entries_.begin(), entries_.end(), [id](const auto& entry) { return entry.first == id; });
     if (it != entries_.end()) {
       removed = std::move(it->second);
@@ -58,13 +58,13 @@ class ObserverList {
     }
   }
   bool isSubscribed(uint64_t id) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(&mutex_);
     return std::any_of(entries_.begin(), entries_.end(), [id](const auto& entry) { return entry.first == id; });
   }
 
-  std::mutex mutex_;
-  uint64_t nextId_ = 1;
-  std::vector<std::pair<uint64_t, std::shared_ptr<Callback>>> entries_;
+  Mutex mutex_;
+  uint64_t nextId_ CORVANE_GUARDED_BY(mutex_) = 1;
+  std::vector<std::pair<uint64_t, std::shared_ptr<Callback>>> entries_ CORVANE_GUARDED_BY(mutex_);
 };
 
 }  // namespace corvane

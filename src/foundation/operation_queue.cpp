@@ -3,10 +3,10 @@
 #include <array>
 #include <condition_variable>
 #include <exception>
-#include <mutex>
 
 #include "corvane/foundation/error.h"
 #include "corvane/foundation/log.h"
+#include "corvane/foundation/mutex.h"
 #include "foundation/thread_pool.h"
 
 namespace corvane {
@@ -16,8 +16,8 @@ namespace corvane {
 // work itself runs outside it, and operations are coarse (a file write each), so the lock
 // is held only briefly and rarely.
 struct OperationGraph {
-  static std::mutex& mutex() {
-    static auto* m = new std::mutex;
+  static Mutex& mutex() {
+    static auto* m = new Mutex;
     return *m;
   }
   // Signalled whenever an operation finishes.
@@ -26,7 +26,7 @@ struct OperationGraph {
     return *cv;
   }
 
-  static bool readyLocked(const Operation& op) { return op.cancelled_ || op.unfinishedDependencies_ == 0; }
+  static bool readyLocked(const Operation& op) CORVANE_REQUIRES(mutex()) { return op.cancelled_ || op.unfinishedDependencies_ == 0; }
 
   // Queue priorities as the index of their count (VeryLow ... VeryHigh).
   static size_t level(QueuePriority priority) {
@@ -34,18 +34,20 @@ struct OperationGraph {
     return static_cast<size_t>(index < 0 ? 0 : index > 4 ? 4 : index);
   }
 
-  static void startReadyLocked(const std::shared_ptr<OperationQueue::Impl>& queue);
-  static void run(const std::shared_ptr<OperationQueue::Impl>& queue, const std::shared_ptr<Operation>& op);
+  static void startReadyLocked(const std::shared_ptr<OperationQueue::Impl>& queue) CORVANE_REQUIRES(mutex());
+  static void run(const std::shared_ptr<OperationQueue::Impl>& queue, const std::shared_ptr<Operation>& op)
+      CORVANE_EXCLUDES(mutex());
 };
 
 struct OperationQueue::Impl : std::enable_shared_from_this<OperationQueue::Impl> {
   std::string name;
-  int maxConcurrent = kDefaultMaxConcurrentOperationCount;
-  QueuePriority priority = QueuePriority::Normal;
-  // Guarded by the graph lock.
-  std::list<std::shared_ptr<Operation>> operations;  // unfinished, in the order added
-  std::array<size_t, 5> pendingAtLevel{};            // not started, by priority level
-  int executing = 0;
+  int maxConcurrent CORVANE_GUARDED_BY(OperationGraph::mutex()) = kDefaultMaxConcurrentOperationCount;
+  QueuePriority priority CORVANE_GUARDED_BY(OperationGraph::mutex()) = QueuePriority::Normal;
+  // Unfinished, in the order added.
+  std::list<std::shared_ptr<Operation>> operations CORVANE_GUARDED_BY(OperationGraph::mutex());
+  // Not started, by priority level.
+  std::array<size_t, 5> pendingAtLevel CORVANE_GUARDED_BY(OperationGraph::mutex()){};
+  int executing CORVANE_GUARDED_BY(OperationGraph::mutex()) = 0;
 };
 
 // Starts ready operations while the queue has room. The first ready one of the highest level
@@ -83,7 +85,7 @@ void OperationGraph::run(const std::shared_ptr<OperationQueue::Impl>& queue, con
   }
   std::function<void()> completion;
   {
-    std::lock_guard<std::mutex> lock(mutex());
+    MutexLock lock(&mutex());
     completion = std::move(op->completion_);
     op->completion_ = nullptr;
   }
@@ -100,7 +102,7 @@ void OperationGraph::run(const std::shared_ptr<OperationQueue::Impl>& queue, con
 
   std::vector<std::shared_ptr<OperationQueue::Impl>> affected;
   {
-    std::lock_guard<std::mutex> lock(mutex());
+    MutexLock lock(&mutex());
     op->state_ = Operation::State::Finished;
     op->queue_.reset();
     queue->operations.erase(op->position_);
@@ -129,7 +131,7 @@ void Operation::main() {
 
 void Operation::addDependency(std::shared_ptr<Operation> operation) {
   if (!operation || operation.get() == this) return;
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   constexpr size_t kListed = 16;  // up to this many, a walk over the list finds a repeat
   if (!dependencySet_ && dependencies_.size() >= kListed) {
     dependencySet_ = std::make_unique<std::unordered_set<const Operation*>>();
@@ -151,12 +153,12 @@ void Operation::addDependency(std::shared_ptr<Operation> operation) {
 }
 
 std::vector<std::shared_ptr<Operation>> Operation::dependencies() const {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   return dependencies_;
 }
 
 void Operation::cancel() {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   cancelled_ = true;
   // A cancelled operation is ready at once, so that the queue lets it go soon.
   if (queue_) OperationGraph::startReadyLocked(std::static_pointer_cast<OperationQueue::Impl>(queue_));
@@ -165,27 +167,27 @@ void Operation::cancel() {
 bool Operation::isCancelled() const { return cancelled_; }
 
 bool Operation::isExecuting() const {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   return state_ == State::Executing;
 }
 
 bool Operation::isFinished() const {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   return state_ == State::Finished;
 }
 
 bool Operation::isReady() const {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   return OperationGraph::readyLocked(*this);
 }
 
 void Operation::setCompletionBlock(std::function<void()> block) {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   completion_ = std::move(block);
 }
 
 void Operation::setQueuePriority(QueuePriority priority) {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   if (queue_ && state_ == State::Pending) {
     auto& counts = std::static_pointer_cast<OperationQueue::Impl>(queue_)->pendingAtLevel;
     --counts[OperationGraph::level(priority_)];
@@ -195,24 +197,24 @@ void Operation::setQueuePriority(QueuePriority priority) {
 }
 
 QueuePriority Operation::queuePriority() const {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   return priority_;
 }
 
 void Operation::setName(std::string name) {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   name_ = std::move(name);
 }
 
 std::string Operation::name() const {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   return name_;
 }
 
 void Operation::waitUntilFinished() {
   ThreadPool::BlockingScope blocking;
-  std::unique_lock<std::mutex> lock(OperationGraph::mutex());
-  OperationGraph::finished().wait(lock, [this] { return state_ == State::Finished; });
+  MutexLock lock(&OperationGraph::mutex());
+  while (state_ != State::Finished) OperationGraph::mutex().wait(OperationGraph::finished());
 }
 
 // ---- OperationQueue --------------------------------------------------------------------------
@@ -224,29 +226,29 @@ OperationQueue::~OperationQueue() { waitUntilAllOperationsAreFinished(); }
 std::string OperationQueue::name() const { return impl_->name; }
 
 void OperationQueue::setMaxConcurrentOperationCount(int count) {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   impl_->maxConcurrent = count;
   OperationGraph::startReadyLocked(impl_);
 }
 
 int OperationQueue::maxConcurrentOperationCount() const {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   return impl_->maxConcurrent;
 }
 
 void OperationQueue::setPriority(QueuePriority priority) {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   impl_->priority = priority;
 }
 
 QueuePriority OperationQueue::priority() const {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   return impl_->priority;
 }
 
 void OperationQueue::addOperation(std::shared_ptr<Operation> operation) {
   if (!operation) return;
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   if (operation->queue_ || operation->state_ != Operation::State::Pending) {
     throw Exception("NSInvalidArgumentException", "operation is already enqueued on a queue or finished");
   }
@@ -263,24 +265,24 @@ std::shared_ptr<Operation> OperationQueue::addOperationWithBlock(std::function<v
 }
 
 void OperationQueue::cancelAllOperations() {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   for (const auto& op : impl_->operations) op->cancelled_ = true;
   OperationGraph::startReadyLocked(impl_);
 }
 
 void OperationQueue::waitUntilAllOperationsAreFinished() {
   ThreadPool::BlockingScope blocking;
-  std::unique_lock<std::mutex> lock(OperationGraph::mutex());
-  OperationGraph::finished().wait(lock, [this] { return impl_->operations.empty(); });
+  MutexLock lock(&OperationGraph::mutex());
+  while (!impl_->operations.empty()) OperationGraph::mutex().wait(OperationGraph::finished());
 }
 
 size_t OperationQueue::operationCount() const {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   return impl_->operations.size();
 }
 
 std::vector<std::shared_ptr<Operation>> OperationQueue::operations() const {
-  std::lock_guard<std::mutex> lock(OperationGraph::mutex());
+  MutexLock lock(&OperationGraph::mutex());
   return {impl_->operations.begin(), impl_->operations.end()};
 }
 

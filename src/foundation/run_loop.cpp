@@ -9,11 +9,12 @@
 #include <condition_variable>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <thread>
 #include <unordered_map>
 #include <utility>
 #include <vector>
+
+#include "corvane/foundation/mutex.h"
 
 namespace corvane {
 
@@ -59,8 +60,9 @@ struct RunLoop::Impl {
 
   // Blocks the loop's thread until work is posted, stop() or wakeUp() is called, a timer or
   // `clockDeadline` (on the loop's clock) is due, or `realDeadline` passes.
-  void waitForWork(std::optional<double> clockDeadline, std::optional<SteadyClock::time_point> realDeadline) {
-    std::unique_lock<std::mutex> lock(mutex);
+  void waitForWork(std::optional<double> clockDeadline, std::optional<SteadyClock::time_point> realDeadline)
+      CORVANE_EXCLUDES(mutex) {
+    MutexLock lock(&mutex);
     for (;;) {
       if (!posted.empty() || stopRequested || woken) {
         woken = false;
@@ -76,22 +78,22 @@ struct RunLoop::Impl {
       }
       auto until = realTimeAfter(wait);
       if (realDeadline && *realDeadline < until) until = *realDeadline;
-      cv.wait_until(lock, until);
+      mutex.waitUntil(cv, until);
       if (realDeadline && SteadyClock::now() >= *realDeadline) return;
     }
   }
 
   using TimerKey = std::pair<double, uint64_t>;  // deadline, id (ids grow, so ties keep order)
 
-  mutable std::mutex mutex;
+  mutable Mutex mutex;
   std::condition_variable cv;
-  Env* env;
-  std::deque<Task> posted;
-  std::map<TimerKey, Task> timers;
-  std::unordered_map<uint64_t, double> deadlines;  // id -> deadline, for cancelling
-  uint64_t nextId = 1;
-  bool stopRequested = false;
-  bool woken = false;
+  Env* env CORVANE_GUARDED_BY(mutex);
+  std::deque<Task> posted CORVANE_GUARDED_BY(mutex);
+  std::map<TimerKey, Task> timers CORVANE_GUARDED_BY(mutex);
+  std::unordered_map<uint64_t, double> deadlines CORVANE_GUARDED_BY(mutex);  // id -> deadline, for cancelling
+  uint64_t nextId CORVANE_GUARDED_BY(mutex) = 1;
+  bool stopRequested CORVANE_GUARDED_BY(mutex) = false;
+  bool woken CORVANE_GUARDED_BY(mutex) = false;
   std::atomic<std::thread::id> owner;
   int eventFd = -1;
 };
@@ -102,7 +104,7 @@ bool RunLoop::Token::cancel() {
   auto impl = std::static_pointer_cast<Impl>(loop_.lock());
   if (!impl) return false;
   Task discarded;  // destroyed after the lock is released: its captures may call back into the loop
-  std::lock_guard<std::mutex> lock(impl->mutex);
+  MutexLock lock(&impl->mutex);
   auto it = impl->deadlines.find(id_);
   if (it == impl->deadlines.end()) return false;
   auto timer = impl->timers.find({it->second, id_});
@@ -115,7 +117,7 @@ bool RunLoop::Token::cancel() {
 bool RunLoop::Token::isPending() const {
   auto impl = std::static_pointer_cast<Impl>(loop_.lock());
   if (!impl) return false;
-  std::lock_guard<std::mutex> lock(impl->mutex);
+  MutexLock lock(&impl->mutex);
   return impl->deadlines.count(id_) != 0;
 }
 
@@ -135,20 +137,20 @@ RunLoop& RunLoop::main() {
 }
 
 void RunLoop::setEnv(Env* env) {
-  std::lock_guard<std::mutex> lock(impl_->mutex);
+  MutexLock lock(&impl_->mutex);
   impl_->env = env;
   impl_->woken = true;
   impl_->cv.notify_all();
 }
 
 Env* RunLoop::env() const {
-  std::lock_guard<std::mutex> lock(impl_->mutex);
+  MutexLock lock(&impl_->mutex);
   return impl_->env;
 }
 
 void RunLoop::post(Task task) {
   {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
+    MutexLock lock(&impl_->mutex);
     impl_->posted.push_back(std::move(task));
     impl_->cv.notify_all();
   }
@@ -158,7 +160,7 @@ void RunLoop::post(Task task) {
 RunLoop::Token RunLoop::postAfter(double delaySeconds, Task task) {
   uint64_t id;
   {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
+    MutexLock lock(&impl_->mutex);
     // A NaN or negative delay means "as soon as possible", as on the platform.
     double delay = delaySeconds > 0 ? delaySeconds : 0;
     double deadline = impl_->env->monotonicNow() + delay;
@@ -179,14 +181,14 @@ size_t RunLoop::runOnce() {
 
   size_t postedCount;
   {
-    std::lock_guard<std::mutex> lock(s.mutex);
+    MutexLock lock(&s.mutex);
     postedCount = s.posted.size();
   }
   // One task at a time, so that a task that throws leaves the rest queued.
   for (size_t i = 0; i < postedCount; ++i) {
     Task task;
     {
-      std::lock_guard<std::mutex> lock(s.mutex);
+      MutexLock lock(&s.mutex);
       if (s.posted.empty()) break;
       task = std::move(s.posted.front());
       s.posted.pop_front();
@@ -198,14 +200,14 @@ size_t RunLoop::runOnce() {
   double now;
   uint64_t firstNewId;
   {
-    std::lock_guard<std::mutex> lock(s.mutex);
+    MutexLock lock(&s.mutex);
     now = s.env->monotonicNow();
     firstNewId = s.nextId;  // timers scheduled by this pass wait for the next one
   }
   for (;;) {
     Task task;
     {
-      std::lock_guard<std::mutex> lock(s.mutex);
+      MutexLock lock(&s.mutex);
       auto it = s.timers.begin();
       while (it != s.timers.end() && it->first.first <= now && it->first.second >= firstNewId) ++it;
       if (it == s.timers.end() || it->first.first > now) break;
@@ -219,7 +221,7 @@ size_t RunLoop::runOnce() {
 
   bool morePosted;
   {
-    std::lock_guard<std::mutex> lock(s.mutex);
+    MutexLock lock(&s.mutex);
     morePosted = !s.posted.empty();
   }
   if (morePosted) s.signalFd();
@@ -230,7 +232,7 @@ void RunLoop::run() {
   impl_->owner = std::this_thread::get_id();
   for (;;) {
     {
-      std::lock_guard<std::mutex> lock(impl_->mutex);
+      MutexLock lock(&impl_->mutex);
       if (impl_->stopRequested) {
         impl_->stopRequested = false;
         return;
@@ -243,7 +245,7 @@ void RunLoop::run() {
 
 void RunLoop::stop() {
   {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
+    MutexLock lock(&impl_->mutex);
     impl_->stopRequested = true;
     impl_->cv.notify_all();
   }
@@ -271,7 +273,7 @@ void RunLoop::runFor(double seconds) {
 
 void RunLoop::wakeUp() {
   {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
+    MutexLock lock(&impl_->mutex);
     impl_->woken = true;
     impl_->cv.notify_all();
   }
@@ -282,7 +284,7 @@ size_t RunLoop::discardPendingWork() {
   std::deque<Task> posted;
   std::map<Impl::TimerKey, Task> timers;
   {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
+    MutexLock lock(&impl_->mutex);
     posted.swap(impl_->posted);
     timers.swap(impl_->timers);
     impl_->deadlines.clear();
@@ -307,7 +309,7 @@ bool RunLoop::hasPendingWork() const {
 }
 
 std::optional<double> RunLoop::secondsUntilNextTimer() const {
-  std::lock_guard<std::mutex> lock(impl_->mutex);
+  MutexLock lock(&impl_->mutex);
   if (!impl_->posted.empty()) return 0.0;
   if (impl_->timers.empty()) return std::nullopt;
   double delay = impl_->timers.begin()->first.first - impl_->env->monotonicNow();

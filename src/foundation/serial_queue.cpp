@@ -4,11 +4,11 @@
 #include <condition_variable>
 #include <deque>
 #include <exception>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "corvane/foundation/log.h"
+#include "corvane/foundation/mutex.h"
 #include "foundation/thread_pool.h"
 
 namespace corvane {
@@ -45,23 +45,23 @@ struct SerialQueue::Impl : std::enable_shared_from_this<SerialQueue::Impl> {
   bool isCurrent() const { return std::find(tlsRunning.begin(), tlsRunning.end(), this) != tlsRunning.end(); }
 
   // Called with the lock held when the queue has items and nobody is draining it.
-  void scheduleLocked() {
+  void scheduleLocked() CORVANE_REQUIRES(mutex) {
     active = true;
     ThreadPool::shared().submit(0, [self = shared_from_this()] { self->drain(); });
   }
 
-  void enqueue(Task task) {
-    std::lock_guard<std::mutex> lock(mutex);
+  void enqueue(Task task) CORVANE_EXCLUDES(mutex) {
+    MutexLock lock(&mutex);
     items.push_back(Item{std::move(task), nullptr});
     if (!active) scheduleLocked();
   }
 
-  void drain() {
+  void drain() CORVANE_EXCLUDES(mutex) {
     RunningMark mark(this);
     for (int n = 0; n < kItemsPerDrain; ++n) {
       Item item;
       {
-        std::lock_guard<std::mutex> lock(mutex);
+        MutexLock lock(&mutex);
         if (items.empty()) {
           active = false;
           cv.notify_all();
@@ -78,7 +78,7 @@ struct SerialQueue::Impl : std::enable_shared_from_this<SerialQueue::Impl> {
       }
       runItem(item.task);
     }
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(&mutex);
     scheduleLocked();
   }
 
@@ -94,25 +94,26 @@ struct SerialQueue::Impl : std::enable_shared_from_this<SerialQueue::Impl> {
   }
 
   // Ends a sync() turn: the queue goes on with what was queued meanwhile.
-  void finishTurn() {
-    std::lock_guard<std::mutex> lock(mutex);
+  void finishTurn() CORVANE_EXCLUDES(mutex) {
+    MutexLock lock(&mutex);
     active = false;
     if (!items.empty()) scheduleLocked();
     cv.notify_all();
   }
 
-  void waitUntilIdle() {
+  void waitUntilIdle() CORVANE_EXCLUDES(mutex) {
     ThreadPool::BlockingScope blocking;
-    std::unique_lock<std::mutex> lock(mutex);
-    cv.wait(lock, [this] { return !active && items.empty(); });
+    MutexLock lock(&mutex);
+    while (active || !items.empty()) mutex.wait(cv);
   }
 
   const std::string label;
-  std::mutex mutex;
+  Mutex mutex;
   std::condition_variable cv;
-  std::deque<Item> items;
-  bool active = false;  // a drain is scheduled or running, or a sync() caller has its turn
-  bool closed = false;  // the SerialQueue object is gone: drop delayed work
+  std::deque<Item> items CORVANE_GUARDED_BY(mutex);
+  // A drain is scheduled or running, or a sync() caller has its turn.
+  bool active CORVANE_GUARDED_BY(mutex) = false;
+  bool closed CORVANE_GUARDED_BY(mutex) = false;  // the SerialQueue object is gone: drop delayed work
 };
 
 SerialQueue::SerialQueue(std::string label, RunLoop* timerLoop)
@@ -120,7 +121,7 @@ SerialQueue::SerialQueue(std::string label, RunLoop* timerLoop)
 
 SerialQueue::~SerialQueue() {
   {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
+    MutexLock lock(&impl_->mutex);
     impl_->closed = true;
   }
   if (!impl_->isCurrent()) impl_->waitUntilIdle();
@@ -139,14 +140,14 @@ void SerialQueue::sync(const Task& task) {
   }
   SyncTurn turn;
   {
-    std::unique_lock<std::mutex> lock(q.mutex);
+    MutexLock lock(&q.mutex);
     if (!q.active) {
       q.active = true;
       turn.granted = true;
     } else {
       q.items.push_back(Impl::Item{nullptr, &turn});
       ThreadPool::BlockingScope blocking;
-      q.cv.wait(lock, [&turn] { return turn.granted; });
+      while (!turn.granted) q.mutex.wait(q.cv);
     }
   }
   struct EndTurn {
@@ -161,7 +162,7 @@ RunLoop::Token SerialQueue::asyncAfter(double delaySeconds, Task task) {
   RunLoop& loop = timerLoop_ != nullptr ? *timerLoop_ : RunLoop::main();
   return loop.postAfter(delaySeconds, [impl = impl_, task = std::move(task)]() mutable {
     {
-      std::lock_guard<std::mutex> lock(impl->mutex);
+      MutexLock lock(&impl->mutex);
       if (impl->closed) return;
     }
     impl->enqueue(std::move(task));

@@ -22,21 +22,31 @@ ThreadPool::ThreadPool(size_t width) : width_(std::max<size_t>(1, width)) {}
 
 ThreadPool::~ThreadPool() {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(&mutex_);
     shutdown_ = true;
     cv_.notify_all();
   }
-  for (std::thread& t : threads_) t.join();
+  // Joined outside the lock, which the workers need to finish. A worker may still start a
+  // stand-in for jobs queued before the shutdown, so the list is taken again until it stays empty.
+  for (;;) {
+    std::vector<std::thread> threads;
+    {
+      MutexLock lock(&mutex_);
+      threads.swap(threads_);
+    }
+    if (threads.empty()) break;
+    for (std::thread& t : threads) t.join();
+  }
 }
 
 void ThreadPool::submit(int priority, std::function<void()> job) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(&mutex_);
   jobs_.emplace(std::make_pair(-priority, sequence_++), std::move(job));
   wakeOrStartLocked();
 }
 
 size_t ThreadPool::threadCount() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(&mutex_);
   return threads_.size();
 }
 
@@ -57,17 +67,17 @@ void ThreadPool::startThreadLocked() {
 
 void ThreadPool::workerLoop() {
   tlsPool = this;
-  std::unique_lock<std::mutex> lock(mutex_);
+  mutex_.lock();
   for (;;) {
     ++idle_;
-    cv_.wait(lock, [this] { return (shutdown_ && jobs_.empty()) || (!jobs_.empty() && running_ < width_); });
+    while (!(shutdown_ && jobs_.empty()) && !(!jobs_.empty() && running_ < width_)) mutex_.wait(cv_);
     --idle_;
-    if (jobs_.empty()) return;  // shut down
+    if (jobs_.empty()) break;  // shut down
     auto first = jobs_.begin();
     std::function<void()> job = std::move(first->second);
     jobs_.erase(first);
     ++running_;
-    lock.unlock();
+    mutex_.unlock();
     try {
       job();
     } catch (const std::exception& e) {
@@ -76,15 +86,16 @@ void ThreadPool::workerLoop() {
       logLine("Uncaught exception in queued work", LogLevel::Error);
     }
     job = nullptr;  // captures are released before the next job starts
-    lock.lock();
+    mutex_.lock();
     --running_;
     wakeOrStartLocked();
   }
+  mutex_.unlock();
 }
 
 ThreadPool::BlockingScope::BlockingScope() : pool_(tlsBlockingDepth++ == 0 ? tlsPool : nullptr) {
   if (pool_ == nullptr) return;
-  std::lock_guard<std::mutex> lock(pool_->mutex_);
+  MutexLock lock(&pool_->mutex_);
   --pool_->running_;
   pool_->wakeOrStartLocked();
 }
@@ -92,7 +103,7 @@ ThreadPool::BlockingScope::BlockingScope() : pool_(tlsBlockingDepth++ == 0 ? tls
 ThreadPool::BlockingScope::~BlockingScope() {
   --tlsBlockingDepth;
   if (pool_ == nullptr) return;
-  std::lock_guard<std::mutex> lock(pool_->mutex_);
+  MutexLock lock(&pool_->mutex_);
   ++pool_->running_;
 }
 

@@ -14,10 +14,11 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "corvane/foundation/mutex.h"
 
 namespace corvane {
 
@@ -55,19 +56,20 @@ class ThreadPool {
   };
 
  private:
-  void workerLoop();
-  void startThreadLocked();
-  void wakeOrStartLocked();
+  void workerLoop() CORVANE_EXCLUDES(mutex_);
+  void startThreadLocked() CORVANE_REQUIRES(mutex_);
+  void wakeOrStartLocked() CORVANE_REQUIRES(mutex_);
 
   const size_t width_;
-  mutable std::mutex mutex_;
+  mutable Mutex mutex_;
   std::condition_variable cv_;
-  std::map<std::pair<int, uint64_t>, std::function<void()>> jobs_;  // (-priority, sequence)
-  uint64_t sequence_ = 0;
-  std::vector<std::thread> threads_;
-  size_t running_ = 0;  // jobs running and not blocked
-  size_t idle_ = 0;     // threads waiting for a job
-  bool shutdown_ = false;
+  // (-priority, sequence) -> job
+  std::map<std::pair<int, uint64_t>, std::function<void()>> jobs_ CORVANE_GUARDED_BY(mutex_);
+  uint64_t sequence_ CORVANE_GUARDED_BY(mutex_) = 0;
+  std::vector<std::thread> threads_ CORVANE_GUARDED_BY(mutex_);
+  size_t running_ CORVANE_GUARDED_BY(mutex_) = 0;  // jobs running and not blocked
+  size_t idle_ CORVANE_GUARDED_BY(mutex_) = 0;     // threads waiting for a job
+  bool shutdown_ CORVANE_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace corvane

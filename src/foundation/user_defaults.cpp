@@ -28,12 +28,12 @@ Value deepImmutableCopy(const Value& v) {
   return v;
 }
 
-std::mutex& standardMutex() {
-  static auto* m = new std::mutex;
+Mutex& standardMutex() {
+  static auto* m = new Mutex;
   return *m;
 }
 
-std::shared_ptr<UserDefaults>& standardDefaults() {
+std::shared_ptr<UserDefaults>& standardDefaults() CORVANE_REQUIRES(standardMutex()) {
   static auto* d = new std::shared_ptr<UserDefaults>;
   return *d;
 }
@@ -42,7 +42,7 @@ std::shared_ptr<UserDefaults>& standardDefaults() {
 
 UserDefaults::UserDefaults(Env* env, std::string path)
     : env_(env), path_(std::move(path)), values_(Value::mutableDictionary()), registered_(Value::mutableDictionary()) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(&mutex_);
   Error error;
   if (!loadLocked(&error)) logLine("Cannot read user defaults " + path_ + ": " + error.description(), LogLevel::Warning);
 }
@@ -52,7 +52,7 @@ std::shared_ptr<UserDefaults> UserDefaults::forApplication(const std::string& id
 }
 
 std::shared_ptr<UserDefaults> UserDefaults::standard() {
-  std::lock_guard<std::mutex> lock(standardMutex());
+  MutexLock lock(&standardMutex());
   auto& d = standardDefaults();
   if (!d) {
     std::string identifier = ApplicationInfo::current().identifier;
@@ -62,12 +62,12 @@ std::shared_ptr<UserDefaults> UserDefaults::standard() {
 }
 
 void UserDefaults::setStandard(std::shared_ptr<UserDefaults> defaults) {
-  std::lock_guard<std::mutex> lock(standardMutex());
+  MutexLock lock(&standardMutex());
   standardDefaults() = std::move(defaults);
 }
 
 Value UserDefaults::objectForKey(const std::string& key) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(&mutex_);
   const Value& stored = values_[key];
   return stored.isNil() ? registered_[key] : stored;
 }
@@ -76,13 +76,13 @@ bool UserDefaults::setObject(const Value& value, const std::string& key) {
   if (value.isNil()) return removeObjectForKey(key);
   if (!isValidPropertyList(value)) return false;
   Value copy = deepImmutableCopy(value);
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(&mutex_);
   values_.set(Value(key), copy);
   return writeLocked(nullptr);
 }
 
 bool UserDefaults::removeObjectForKey(const std::string& key) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(&mutex_);
   if (values_[key].isNil()) return true;
   values_.remove(Value(key));
   return writeLocked(nullptr);
@@ -126,19 +126,19 @@ Value UserDefaults::dictionaryForKey(const std::string& key) const {
 
 void UserDefaults::registerDefaults(const Value& dictionary) {
   if (!dictionary.isDictionary()) return;
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(&mutex_);
   for (const auto& [key, value] : dictionary.entries()) registered_.set(key, deepImmutableCopy(value));
 }
 
 Value UserDefaults::dictionaryRepresentation() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(&mutex_);
   Value all = registered_.mutableCopy();
   for (const auto& [key, value] : values_.entries()) all.set(key, value);
   return all.copy();
 }
 
 bool UserDefaults::synchronize(Error* error) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(&mutex_);
   return dirty_ ? writeLocked(error) : loadLocked(error);
 }
 

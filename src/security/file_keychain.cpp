@@ -8,12 +8,12 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <mutex>
 #include <utility>
 
 #include <openssl/evp.h>
 
 #include "corvane/foundation/json.h"
+#include "corvane/foundation/mutex.h"
 #include "corvane/security/digest.h"
 
 namespace corvane {
@@ -209,13 +209,13 @@ class FileKeychain final : public KeychainBackend {
   }
 
   bool lock(Error*) override {
-    std::lock_guard<std::mutex> guard(mutex_);
+    MutexLock guard(&mutex_);
     locked_ = true;
     return true;
   }
 
   bool unlock(Error*) override {
-    std::lock_guard<std::mutex> guard(mutex_);
+    MutexLock guard(&mutex_);
     locked_ = false;
     return true;
   }
@@ -240,8 +240,8 @@ class FileKeychain final : public KeychainBackend {
   // Runs `body` on the items under the mutex and the lock file, and writes them back when
   // `write` is set and the body succeeded. Nothing is written after a failure.
   template <typename Body>
-  bool transact(bool write, Error* error, Body&& body) {
-    std::lock_guard<std::mutex> guard(mutex_);
+  bool transact(bool write, Error* error, Body&& body) CORVANE_EXCLUDES(mutex_) {
+    MutexLock guard(&mutex_);
     if (locked_) {
       return setError(error, keychainError(kKeychainErrorInteractionNotAllowed, "The keychain is locked."));
     }
@@ -261,7 +261,7 @@ class FileKeychain final : public KeychainBackend {
   }
 
   // The folder, readable by the user alone.
-  bool prepareFolder(Error* error) {
+  bool prepareFolder(Error* error) CORVANE_REQUIRES(mutex_) {
     Error cause;
     if (!env_->createDirectory(folder_, true, &cause)) return ioFailure(error, cause);
     return restrictToUser(folder_, 0700, error);
@@ -273,7 +273,7 @@ class FileKeychain final : public KeychainBackend {
     return true;
   }
 
-  bool load(Session* s, Error* error) {
+  bool load(Session* s, Error* error) CORVANE_REQUIRES(mutex_) {
     const std::string storePath = pathOf(kStoreName);
     if (!env_->fileExists(storePath)) return true;
     s->storeExisted = true;
@@ -301,7 +301,7 @@ class FileKeychain final : public KeychainBackend {
     return true;
   }
 
-  bool save(const Session& s, Error* error) {
+  bool save(const Session& s, Error* error) CORVANE_REQUIRES(mutex_) {
     std::vector<Value> items;
     for (const StoredItem& item : s.items) {
       items.push_back(Value::dictionary({{"Attributes", attributesValue(item.attributes)},
@@ -365,8 +365,9 @@ class FileKeychain final : public KeychainBackend {
 
   Env* const env_;
   const std::string folder_;
-  std::mutex mutex_;
-  bool locked_ = false;
+  // Serialises this process's use of the files; the lock file serialises processes.
+  Mutex mutex_;
+  bool locked_ CORVANE_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace

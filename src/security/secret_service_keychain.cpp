@@ -5,13 +5,14 @@
 #if CORVANE_HAVE_LIBSECRET
 
 #include <cstdlib>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <libsecret/secret.h>
+
+#include "corvane/foundation/mutex.h"
 
 namespace corvane {
 namespace {
@@ -126,7 +127,7 @@ class SecretServiceKeychain final : public KeychainBackend {
   std::string name() const override { return "Secret Service"; }
 
   bool add(const KeychainAttributes& attributes, const std::string& password, Error* error) override {
-    std::lock_guard<std::mutex> guard(mutex_);
+    MutexLock guard(&mutex_);
     auto found = search(keychainPrimaryKey(attributes), false, false, error);
     if (!found) return false;
     if (!found->items().empty()) {
@@ -141,7 +142,7 @@ class SecretServiceKeychain final : public KeychainBackend {
 
   bool update(const KeychainAttributes& match, const KeychainAttributes& changes,
               const std::optional<std::string>& password, Error* error) override {
-    std::lock_guard<std::mutex> guard(mutex_);
+    MutexLock guard(&mutex_);
     return changeEachItem(match, error, [&](SecretItem* item, GErrorHolder& cause) {
       KeychainAttributes attributes = attributesOf(item);
       for (const auto& [key, value] : changes) attributes[key] = value;
@@ -153,7 +154,7 @@ class SecretServiceKeychain final : public KeychainBackend {
 
   std::optional<std::vector<KeychainRecord>> find(const KeychainAttributes& match, bool all, bool withPasswords,
                                                   Error* error) override {
-    std::lock_guard<std::mutex> guard(mutex_);
+    MutexLock guard(&mutex_);
     auto found = search(match, all, withPasswords, error);
     if (!found) return std::nullopt;
     std::vector<KeychainRecord> records;
@@ -175,7 +176,7 @@ class SecretServiceKeychain final : public KeychainBackend {
   }
 
   bool remove(const KeychainAttributes& match, Error* error) override {
-    std::lock_guard<std::mutex> guard(mutex_);
+    MutexLock guard(&mutex_);
     return changeEachItem(match, error, [](SecretItem* item, GErrorHolder& cause) {
       return static_cast<bool>(secret_item_delete_sync(item, nullptr, cause.out()));
     });
@@ -184,7 +185,7 @@ class SecretServiceKeychain final : public KeychainBackend {
   // Runs `change` on every item that matches; fails when none does, one is locked, or a change
   // fails (with the service's reason). The caller holds mutex_.
   template <class Change>
-  bool changeEachItem(const KeychainAttributes& match, Error* error, Change change) {
+  bool changeEachItem(const KeychainAttributes& match, Error* error, Change change) CORVANE_REQUIRES(mutex_) {
     auto found = search(match, true, false, error);
     if (!found) return false;
     const std::vector<SecretItem*> items = found->items();
@@ -198,7 +199,7 @@ class SecretServiceKeychain final : public KeychainBackend {
   }
 
   bool lock(Error* error) override {
-    std::lock_guard<std::mutex> guard(mutex_);
+    MutexLock guard(&mutex_);
     GList objects{collection_.get(), nullptr, nullptr};
     GErrorHolder cause;
     return secret_service_lock_sync(service_.get(), &objects, nullptr, nullptr, cause.out()) >= 0 ||
@@ -206,7 +207,7 @@ class SecretServiceKeychain final : public KeychainBackend {
   }
 
   bool unlock(Error* error) override {
-    std::lock_guard<std::mutex> guard(mutex_);
+    MutexLock guard(&mutex_);
     GList objects{collection_.get(), nullptr, nullptr};
     GList* unlocked = nullptr;
     GErrorHolder cause;
@@ -224,7 +225,8 @@ class SecretServiceKeychain final : public KeychainBackend {
   static bool locked(Error* error) { return failWith(error, kKeychainErrorInteractionNotAllowed, "The keychain is locked."); }
 
   // This library's items whose attributes include all of `match`; an empty list when none.
-  std::optional<ItemList> search(const KeychainAttributes& match, bool all, bool loadSecrets, Error* error) {
+  std::optional<ItemList> search(const KeychainAttributes& match, bool all, bool loadSecrets, Error* error)
+      CORVANE_REQUIRES(mutex_) {
     int flags = all ? SECRET_SEARCH_ALL : SECRET_SEARCH_NONE;
     if (loadSecrets) flags |= SECRET_SEARCH_LOAD_SECRETS;
     GErrorHolder cause;
@@ -237,9 +239,10 @@ class SecretServiceKeychain final : public KeychainBackend {
     return std::optional<ItemList>(std::in_place, list);
   }
 
-  GObjectPtr<SecretService> service_;
-  GObjectPtr<SecretCollection> collection_;
-  std::mutex mutex_;
+  // One call into the service at a time.
+  Mutex mutex_;
+  GObjectPtr<SecretService> service_ CORVANE_GUARDED_BY(mutex_);
+  GObjectPtr<SecretCollection> collection_ CORVANE_GUARDED_BY(mutex_);
 };
 
 // The address of the user's session bus; empty when there is none. GLib would otherwise try to

@@ -17,7 +17,9 @@ const AttributeDescription& attribute(const char* name) { return *cacheTestModel
 
 template <class T>
 bool isA(const std::shared_ptr<ValueTransformer>& t) {
-  return t != nullptr && typeid(*t) == typeid(T);
+  if (t == nullptr) return false;
+  const ValueTransformer& transformer = *t;
+  return typeid(transformer) == typeid(T);
 }
 
 std::string noTransformerReason(const AttributeDescription& a, const Value& version = Value()) {

@@ -47,7 +47,7 @@ class ScopedEnvVar {
 
 std::vector<std::string> list(const std::string& dir, bool skipHidden = false) {
   std::vector<std::string> names;
-  Env::defaultEnv()->listDirectory(dir, skipHidden, &names, nullptr);
+  EXPECT_TRUE(Env::defaultEnv()->listDirectory(dir, skipHidden, &names, nullptr)) << dir;
   return names;
 }
 
@@ -252,7 +252,7 @@ TEST(PosixEnv, MoveItemAcrossFileSystemsCopiesAndRemoves) {
   ASSERT_TRUE(env->moveItem(dir / "pkg", target, &error)) << error.description();
   EXPECT_EQ(readTextFile(target + "/Changes/one.json"), "{}");
   EXPECT_FALSE(pathExists(dir / "pkg"));
-  env->removeItem(target, nullptr);
+  EXPECT_TRUE(env->removeItem(target, nullptr));
 }
 
 TEST(PosixEnv, CopyItemCopiesTreesWithLinksModesTimesAndAttributes) {

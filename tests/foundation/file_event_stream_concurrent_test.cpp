@@ -18,7 +18,7 @@ using testing::writeTextFile;
 class FileEventStreamTest : public ::testing::Test {
  protected:
   FileEventStreamTest() : loop(&env), folder(dir / "Changes") {
-    env.target()->createDirectory(folder, true, nullptr);
+    EXPECT_TRUE(env.target()->createDirectory(folder, true, nullptr));
   }
 
   FileEventStream makeStream(double latency) {

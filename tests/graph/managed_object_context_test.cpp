@@ -220,14 +220,16 @@ TEST(ManagedObjectContext, UndoRestoresReplacedPartners) {
   Error error;
   auto [ann, bob, badge, spare, inbox, archive, a] = savedPartners(c);
   c.undoManager()->removeAllActions();
+  // Named copies: clang 14 cannot capture structured bindings in a lambda.
+  auto bobRef = bob, badgeRef = badge, archiveRef = archive, aRef = a;
 
   auto undoable = [&](const std::function<void()>& change) {
     c.undoManager()->beginUndoGrouping();
     change();
     c.undoManager()->endUndoGrouping();
   };
-  undoable([&] { bob->setToOne("badge", badge.get()); });
-  undoable([&] { archive->addToMany("notes", a.get()); });
+  undoable([&] { bobRef->setToOne("badge", badgeRef.get()); });
+  undoable([&] { archiveRef->addToMany("notes", aRef.get()); });
   EXPECT_FALSE(ann->toOne("badge"));
   EXPECT_FALSE(spare->toOne("holder"));
   EXPECT_TRUE(inbox->toMany("notes").empty());

@@ -172,7 +172,7 @@ TEST_P(DamagedFileTest, StopsThePassUnlessRecovering) {
 INSTANTIATE_TEST_SUITE_P(
     ValidationTest, DamagedFileTest,
     ::testing::Values(
-        Damage{"MissingObjectFile", [](FakeVolumes&, const History& h) { Env::defaultEnv()->removeItem(h.bobFile, nullptr); },
+        Damage{"MissingObjectFile", [](FakeVolumes&, const History& h) { EXPECT_TRUE(Env::defaultEnv()->removeItem(h.bobFile, nullptr)); },
                "Missing file: ", false, kCorvaneLogTypeWarning},
         Damage{"EmptyObjectFile", [](FakeVolumes&, const History& h) { writeTextFile(h.bobFile, ""); },
                "Empty file: ", false, kCorvaneLogTypeWarning},
@@ -181,7 +181,7 @@ INSTANTIATE_TEST_SUITE_P(
                "Incomplete file: ", false, kCorvaneLogTypeWarning},
         Damage{"ObjectFileNotOnDisk", [](FakeVolumes& volumes, const History& h) { volumes.remote.insert(h.bobFile); },
                "File not on disk: ", false, kCorvaneLogTypeError},
-        Damage{"MissingDataFile", [](FakeVolumes&, const History& h) { Env::defaultEnv()->removeItem(h.bobData, nullptr); },
+        Damage{"MissingDataFile", [](FakeVolumes&, const History& h) { EXPECT_TRUE(Env::defaultEnv()->removeItem(h.bobData, nullptr)); },
                "Data file is not on disk: ", true, kCorvaneLogTypeError},
         Damage{"DataFileOfTheWrongLength",
                [](FakeVolumes&, const History& h) { writeTextFile(h.bobData, "BOBPHOTO and more"); },

@@ -16,8 +16,8 @@ using testing::writeTextFile;
 class SyncSimulatorTest : public ::testing::Test {
  protected:
   SyncSimulatorTest() {
-    env.target()->createDirectory(dir / "A", true, nullptr);
-    env.target()->createDirectory(dir / "B", true, nullptr);
+    EXPECT_TRUE(env.target()->createDirectory(dir / "A", true, nullptr));
+    EXPECT_TRUE(env.target()->createDirectory(dir / "B", true, nullptr));
   }
   SyncSimulator make(SyncKnobs knobs, uint64_t seed = 1) {
     SyncSimulator sim(&env, seed, knobs);
@@ -159,7 +159,7 @@ TEST_F(SyncSimulatorTest, SameSeedSameRun) {
   std::vector<std::string> runs[2];
   for (auto& run : runs) {
     TempDir other;
-    env.target()->createDirectory(other / "B", true, nullptr);
+    EXPECT_TRUE(env.target()->createDirectory(other / "B", true, nullptr));
     SyncSimulator sim(&env, 42, knobs);
     sim.addFolder(dir / "A");
     sim.addFolder(other / "B");

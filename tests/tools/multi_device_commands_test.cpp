@@ -104,7 +104,7 @@ class MultiDeviceCommandsTest : public ::testing::Test {
 
   std::vector<std::string> changeFiles() {
     std::vector<std::string> names;
-    Env::defaultEnv()->listDirectory(package + "/Changes", true, &names, nullptr);
+    EXPECT_TRUE(Env::defaultEnv()->listDirectory(package + "/Changes", true, &names, nullptr));
     std::sort(names.begin(), names.end());
     return names;
   }
@@ -176,7 +176,7 @@ TEST_F(MultiDeviceCommandsTest, VerifyHistoryDevicesAndLog) {
 
   // A damaged object file is found, with its level, and the exit status says so.
   std::vector<std::string> objectFiles;
-  Env::defaultEnv()->listDirectory(package + "/Entities/Person/" + uid, true, &objectFiles, nullptr);
+  EXPECT_TRUE(Env::defaultEnv()->listDirectory(package + "/Entities/Person/" + uid, true, &objectFiles, nullptr));
   std::sort(objectFiles.begin(), objectFiles.end());
   ASSERT_FALSE(objectFiles.empty());
   writeTextFile(package + "/Entities/Person/" + uid + "/" + objectFiles.back(), "{\"version\": ");

@@ -52,7 +52,7 @@ class StoreCommandsTest : public ::testing::Test {
   }
   size_t changeFiles() {
     std::vector<std::string> names;
-    Env::defaultEnv()->listDirectory(package + "/Changes", true, &names, nullptr);
+    EXPECT_TRUE(Env::defaultEnv()->listDirectory(package + "/Changes", true, &names, nullptr));
     return names.size();
   }
 
@@ -134,7 +134,7 @@ TEST_F(StoreCommandsTest, ANewUsersSessionWithEveryValueType) {
 
   // The same content without the cache, and from a second cache root (another device).
   const Value before = dump();
-  Env::defaultEnv()->removeItem(dir / "home/data", nullptr);
+  EXPECT_TRUE(Env::defaultEnv()->removeItem(dir / "home/data", nullptr));
   EXPECT_EQ(dump(), before);
   EXPECT_EQ(dump({"--cache-root", dir / "device2"}), before);
   EXPECT_TRUE(pathExists(dir / "device2"));
@@ -174,7 +174,7 @@ TEST_F(StoreCommandsTest, WithAPassword) {
   Value people = dump(password);
   ASSERT_EQ(people.count(), 1u);
   EXPECT_EQ(people.at(0)["name"], Value("Annabelle"));
-  Env::defaultEnv()->removeItem(dir / "home/data", nullptr);
+  EXPECT_TRUE(Env::defaultEnv()->removeItem(dir / "home/data", nullptr));
   EXPECT_EQ(dump({}, {"CORVANE_PASSWORD=s3cret"}), people);
 
   RunResult wrong = run({"dump", package, "--model", model}, {"CORVANE_PASSWORD=nope"});
@@ -213,7 +213,7 @@ TEST_F(StoreCommandsTest, MistakesAreNamedAndWriteNothing) {
   expectFailure({"insert", package, "--model", model, "Person", "name"}, "'name' is not KEY=VALUE", 2);
   expectFailure({"update", package, "--model", model, "Person", "NOPE", "name=x"}, "no Person with UID NOPE");
   expectFailure({"dump", dir / "elsewhere", "--model", model}, "is not a folder");
-  Env::defaultEnv()->createDirectory(dir / "plain", true, nullptr);
+  EXPECT_TRUE(Env::defaultEnv()->createDirectory(dir / "plain", true, nullptr));
   expectFailure({"dump", dir / "plain", "--model", model}, "is not a Corvane package");
   expectFailure({"create", package, "--model", model}, "already exists");
   EXPECT_EQ(run({"insert"}).status, 2);

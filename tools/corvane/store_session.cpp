@@ -293,6 +293,7 @@ std::string StoreSession::waitingNoteFor(const std::string& entity, const std::s
 }
 
 bool StoreSession::save(std::string* error) {
+  CORVANE_ASSERT_MAIN_THREAD();
   // The document returns from a save only once its files are on disk, or with the reason they
   // are not (then nothing of the save is announced to other devices).
   Error saveError;
@@ -303,6 +304,7 @@ bool StoreSession::save(std::string* error) {
 }
 
 void StoreSession::close() {
+  CORVANE_ASSERT_MAIN_THREAD();
   if (closed_) return;
   closed_ = true;
   if (!document_) return;

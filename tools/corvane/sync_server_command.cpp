@@ -9,7 +9,6 @@
 #include <iostream>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -17,6 +16,7 @@
 #include "command.h"
 #include "corvane/foundation/json.h"
 #include "corvane/foundation/log.h"
+#include "corvane/foundation/mutex.h"
 
 namespace corvane::cli {
 namespace {
@@ -40,7 +40,7 @@ class Records {
   Value post(const Value& record) {
     const auto now = std::chrono::steady_clock::now();
     const std::string document = record["documentIdentifier"].str();
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(&mutex_);
     for (auto it = records_.begin(); it != records_.end();) {
       it = std::chrono::duration<double>(now - it->second.second).count() > ttl_ ? records_.erase(it) : std::next(it);
     }
@@ -55,8 +55,9 @@ class Records {
 
  private:
   double ttl_;
-  std::mutex mutex_;
-  std::map<std::pair<std::string, std::string>, std::pair<Value, std::chrono::steady_clock::time_point>> records_;
+  Mutex mutex_;
+  std::map<std::pair<std::string, std::string>, std::pair<Value, std::chrono::steady_clock::time_point>> records_
+      CORVANE_GUARDED_BY(mutex_);
 };
 
 // Why a posted record is refused, or "" when it is a record.

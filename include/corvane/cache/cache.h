@@ -30,7 +30,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -233,18 +232,22 @@ class CorvaneCache : public std::enable_shared_from_this<CorvaneCache> {
 
   CorvaneCacheStoreServices* store_;
   RunLoop* mainLoop_;
-  mutable std::recursive_mutex mutex_;  // the cache's own lock
-  std::string storeURL_;
-  std::string url_;
-  std::unordered_map<std::string, std::shared_ptr<CorvaneCacheDictionary>> entities_;
-  std::unordered_map<std::string, std::shared_ptr<CorvaneCacheSet>> uids_;
-  std::shared_ptr<CorvaneCacheArray> changeLog_;
-  Value changeNames_;
-  bool changeNamesStale_ = false;  // records were added since changeNames_ was built
-  std::unordered_set<ObjectID, ObjectIDHash> objectIDsToRefresh_;
-  bool cachedMissingItems_ = false;
-  std::optional<SnapshotCommand> snapshot_;
-  RunLoop::Token retryToken_;
+  // The cache's own lock. Recursive because folding a change record holds it across the UID
+  // updates, the invalidation of items, the start of the background filling and the rebuild of
+  // the change names, which each take it again (and so do the table lookups they make).
+  mutable RecursiveMutex mutex_;
+  std::string storeURL_ CORVANE_GUARDED_BY(mutex_);
+  std::string url_ CORVANE_GUARDED_BY(mutex_);
+  std::unordered_map<std::string, std::shared_ptr<CorvaneCacheDictionary>> entities_ CORVANE_GUARDED_BY(mutex_);
+  std::unordered_map<std::string, std::shared_ptr<CorvaneCacheSet>> uids_ CORVANE_GUARDED_BY(mutex_);
+  std::shared_ptr<CorvaneCacheArray> changeLog_ CORVANE_GUARDED_BY(mutex_);
+  Value changeNames_ CORVANE_GUARDED_BY(mutex_);
+  // Records were added since changeNames_ was built.
+  bool changeNamesStale_ CORVANE_GUARDED_BY(mutex_) = false;
+  std::unordered_set<ObjectID, ObjectIDHash> objectIDsToRefresh_ CORVANE_GUARDED_BY(mutex_);
+  bool cachedMissingItems_ CORVANE_GUARDED_BY(mutex_) = false;
+  std::optional<SnapshotCommand> snapshot_ CORVANE_GUARDED_BY(mutex_);
+  RunLoop::Token retryToken_ CORVANE_GUARDED_BY(mutex_);
 
   std::atomic<uint64_t> generation_{0};
   std::atomic<int64_t> itemsToLoad_{0};
@@ -255,7 +258,7 @@ class CorvaneCache : public std::enable_shared_from_this<CorvaneCache> {
 
   SerialQueue queue_;
   OperationQueue saveQueue_;
-  std::unique_ptr<OperationQueue> indexQueue_;
+  std::unique_ptr<OperationQueue> indexQueue_ CORVANE_GUARDED_BY(mutex_);
   NotificationCenter::Observer saveObserver_;
   NotificationCenter::Observer terminateObserver_;
 };

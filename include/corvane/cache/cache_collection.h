@@ -13,15 +13,18 @@
 // never read back, and leaves the collection dirty for the next attempt.
 //
 // Threads: any thread. Every operation runs under the collection's recursive lock, which the
-// items of a dictionary share (see cache_item.h). Collections are made with the factories below
+// items of a dictionary share (see cache_item.h). It is recursive because writing the file
+// encodes the items under it, and each item takes its collection's lock again; and because the
+// public operations call each other (content() loads, loading may handle a corruption, which
+// installs empty content), each taking the lock. Collections are made with the factories below
 // and shared through std::shared_ptr, so that items can refer to theirs without owning it.
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "corvane/cache/cache_item.h"
+#include "corvane/foundation/mutex.h"
 #include "corvane/foundation/value.h"
 
 namespace corvane {
@@ -69,7 +72,7 @@ class CorvaneCacheCollection : public std::enable_shared_from_this<CorvaneCacheC
   size_t count();
 
   // The collection's lock; items of a dictionary share it.
-  std::recursive_mutex& mutex() const { return mutex_; }
+  RecursiveMutex& mutex() const CORVANE_RETURN_CAPABILITY(mutex_) { return mutex_; }
 
  protected:
   CorvaneCacheCollection(CorvaneCacheStoreServices* store, std::string url);
@@ -78,15 +81,15 @@ class CorvaneCacheCollection : public std::enable_shared_from_this<CorvaneCacheC
   virtual Value saveTransformer(const Value& content) const;
   virtual Value emptyContent() const = 0;
   // The encoded (and enciphered) bytes of the content, or nullopt.
-  std::optional<Bytes> encodedContent();
+  std::optional<Bytes> encodedContent() CORVANE_REQUIRES(mutex_);
 
-  mutable std::recursive_mutex mutex_;
-  CorvaneCacheStoreServices* store_;
-  std::string url_;
-  Value content_;  // nil until loaded
-  bool invalid_ = false;
-  bool fromBundle_ = false;
-  bool corruptionDetected_ = false;
+  mutable RecursiveMutex mutex_;
+  CorvaneCacheStoreServices* const store_;
+  const std::string url_;
+  Value content_ CORVANE_GUARDED_BY(mutex_);  // nil until loaded
+  bool invalid_ CORVANE_GUARDED_BY(mutex_) = false;
+  bool fromBundle_ CORVANE_GUARDED_BY(mutex_) = false;
+  bool corruptionDetected_ CORVANE_GUARDED_BY(mutex_) = false;
 };
 
 class CorvaneCacheDictionary final : public CorvaneCacheCollection {
@@ -110,7 +113,7 @@ class CorvaneCacheDictionary final : public CorvaneCacheCollection {
  private:
   using CorvaneCacheCollection::CorvaneCacheCollection;
   // The content, copied first when a reader holds it, so that it can be changed.
-  Value& writableContent();
+  Value& writableContent() CORVANE_REQUIRES(mutex_);
 };
 
 class CorvaneCacheArray final : public CorvaneCacheCollection {

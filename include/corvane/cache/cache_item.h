@@ -15,17 +15,19 @@
 // Locking: every operation runs under corvaneLock(): the owning collection's lock when the
 // item has a collection (so an item never changes while its file is encoded), and the item's
 // own lock in every case (so an item that gains a collection while another thread works on it
-// under its own lock stays consistent). Lock order: collection, then item.
+// under its own lock stays consistent). Lock order: collection, then item. The item's lock is
+// recursive because the readers resolve what is missing through the public parse methods,
+// which take it again, and call the store meanwhile.
 //
 // Threads: any thread; operations are serialised by the lock above.
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
 #include "corvane/coding/coding.h"
+#include "corvane/foundation/mutex.h"
 #include "corvane/foundation/value.h"
 #include "corvane/graph/object_id.h"
 
@@ -155,32 +157,47 @@ class CorvaneCacheItem final : public FastCodingObject {
     friend class CorvaneCacheItem;
     explicit Lock(const CorvaneCacheItem& item);
     std::shared_ptr<CorvaneCacheCollection> collection_;
-    std::recursive_mutex* own_;
+    RecursiveMutex* own_;
   };
   [[nodiscard]] Lock corvaneLock() const { return Lock(*this); }
 
  private:
-  void dropDerived(bool relationsChanged);
+  // corvaneLock() for the item's own methods, in the form the lock analysis follows: it holds
+  // mutex_ for its scope (and the collection's lock, which the analysis cannot name here).
+  class CORVANE_SCOPED_CAPABILITY Guard {
+   public:
+    explicit Guard(const CorvaneCacheItem& item) CORVANE_ACQUIRE(item.mutex_) : lock_(item) {}
+    ~Guard() CORVANE_RELEASE() {}
+    Guard(const Guard&) = delete;
+    Guard& operator=(const Guard&) = delete;
+
+   private:
+    Lock lock_;
+  };
+
+  void dropDerived(bool relationsChanged) CORVANE_REQUIRES(mutex_);
   void foldAttribute(const Value& entry, const class AttributeDescription& attribute, const Value& version,
-                     Value& attributes, Value& data);
+                     Value& attributes, Value& data) CORVANE_REQUIRES(mutex_);
   static void foldToMany(const Value& entry, const std::string& key, Value& relations);
   static void foldToOne(const Value& entry, const std::string& key, Value& relations);
-  void parseMissing(const ObjectID& objectID, CorvaneCacheStoreServices* store, bool toOne, bool toMany, bool data);
+  void parseMissing(const ObjectID& objectID, CorvaneCacheStoreServices* store, bool toOne, bool toMany, bool data)
+      CORVANE_REQUIRES(mutex_);
 
-  mutable std::recursive_mutex mutex_;
-  mutable std::mutex collectionMutex_;  // guards collection_ alone
-  std::weak_ptr<CorvaneCacheCollection> collection_;
+  mutable RecursiveMutex mutex_;
+  // Guards collection_ alone: held only to read or set it, with no other lock taken under it.
+  mutable Mutex collectionMutex_;
+  std::weak_ptr<CorvaneCacheCollection> collection_ CORVANE_GUARDED_BY(collectionMutex_);
 
-  Value attributes_;
-  Value relations_;
-  Value data_;
-  Value extraData_;
-  Value state_;
+  Value attributes_ CORVANE_GUARDED_BY(mutex_);
+  Value relations_ CORVANE_GUARDED_BY(mutex_);
+  Value data_ CORVANE_GUARDED_BY(mutex_);
+  Value extraData_ CORVANE_GUARDED_BY(mutex_);
+  Value state_ CORVANE_GUARDED_BY(mutex_);
   // Derived, never coded.
-  Value parsedToOneRelations_;
-  Value parsedToManyRelations_;
-  Value parsedData_;
-  Value dictionary_;
+  Value parsedToOneRelations_ CORVANE_GUARDED_BY(mutex_);
+  Value parsedToManyRelations_ CORVANE_GUARDED_BY(mutex_);
+  Value parsedData_ CORVANE_GUARDED_BY(mutex_);
+  Value dictionary_ CORVANE_GUARDED_BY(mutex_);
 };
 
 }  // namespace corvane

@@ -21,12 +21,12 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 
 #include "corvane/foundation/date_format.h"
+#include "corvane/foundation/mutex.h"
 #include "corvane/foundation/value.h"
 
 namespace corvane {
@@ -65,9 +65,9 @@ class ValueTransformerRegistry {
 
  private:
   ValueTransformerRegistry();
-  std::mutex mutex_;
-  std::unordered_map<std::string, Factory> factories_;
-  std::unordered_map<std::string, std::shared_ptr<ValueTransformer>> instances_;
+  Mutex mutex_;
+  std::unordered_map<std::string, Factory> factories_ CORVANE_GUARDED_BY(mutex_);
+  std::unordered_map<std::string, std::shared_ptr<ValueTransformer>> instances_ CORVANE_GUARDED_BY(mutex_);
 };
 
 // The transformer for an attribute: with c its value class name, t its attribute type number

@@ -20,7 +20,6 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <shared_mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -28,6 +27,7 @@
 #include <vector>
 
 #include "corvane/foundation/bytes.h"
+#include "corvane/foundation/mutex.h"
 #include "corvane/foundation/value.h"
 
 namespace corvane {
@@ -158,10 +158,11 @@ class ClassRegistry {
   std::vector<std::string> aggregatePropertyKeys(std::string_view name) const;
 
  private:
-  mutable std::shared_mutex mutex_;
-  std::vector<std::unique_ptr<ClassInfo>> all_;  // never shrinks, so pointers stay valid
-  std::unordered_map<std::string, const ClassInfo*> byName_;
-  mutable std::unordered_map<const ClassInfo*, std::vector<std::string>> aggregated_;
+  mutable SharedMutex mutex_;
+  // Never shrinks, so pointers stay valid.
+  std::vector<std::unique_ptr<ClassInfo>> all_ CORVANE_GUARDED_BY(mutex_);
+  std::unordered_map<std::string, const ClassInfo*> byName_ CORVANE_GUARDED_BY(mutex_);
+  mutable std::unordered_map<const ClassInfo*, std::vector<std::string>> aggregated_ CORVANE_GUARDED_BY(mutex_);
 };
 
 // Registers a class for the keyed path: T has a constructor T(FCNSDecoder&).

@@ -6,10 +6,11 @@
 #pragma once
 
 #include <functional>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "corvane/foundation/mutex.h"
 
 namespace corvane {
 
@@ -39,8 +40,8 @@ class LogCapture {
   void clear();
 
  private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
+  mutable Mutex mutex_;
+  std::vector<std::string> lines_ CORVANE_GUARDED_BY(mutex_);
   LogSink previous_;
 };
 

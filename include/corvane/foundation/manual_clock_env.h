@@ -9,12 +9,12 @@
 // Threads: every method may be called from any thread.
 #pragma once
 
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "corvane/foundation/env.h"
+#include "corvane/foundation/mutex.h"
 
 namespace corvane {
 
@@ -53,15 +53,15 @@ class ManualClockEnv : public EnvWrapper {
   std::optional<VolumeInfo> volumeForPath(const std::string& path) override;
 
  private:
-  mutable std::mutex mutex_;
-  double now_;
-  double monotonic_ = kDefaultMonotonicNow;
-  int offset_ = 0;
-  std::optional<std::string> machineName_;
-  std::optional<std::string> userName_;
-  std::optional<std::string> fullUserName_;
-  std::optional<std::string> osVersion_;
-  std::optional<std::vector<VolumeInfo>> volumes_;
+  mutable Mutex mutex_;
+  double now_ CORVANE_GUARDED_BY(mutex_);
+  double monotonic_ CORVANE_GUARDED_BY(mutex_) = kDefaultMonotonicNow;
+  int offset_ CORVANE_GUARDED_BY(mutex_) = 0;
+  std::optional<std::string> machineName_ CORVANE_GUARDED_BY(mutex_);
+  std::optional<std::string> userName_ CORVANE_GUARDED_BY(mutex_);
+  std::optional<std::string> fullUserName_ CORVANE_GUARDED_BY(mutex_);
+  std::optional<std::string> osVersion_ CORVANE_GUARDED_BY(mutex_);
+  std::optional<std::vector<VolumeInfo>> volumes_ CORVANE_GUARDED_BY(mutex_);
 };
 
 }  // namespace corvane

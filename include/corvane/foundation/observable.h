@@ -17,10 +17,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
+#include "corvane/foundation/mutex.h"
 #include "corvane/foundation/run_loop.h"
 
 namespace corvane {
@@ -62,7 +62,7 @@ class Observable {
   Observable& operator=(const Observable&) = delete;
 
   T get() const {
-    std::lock_guard<std::mutex> lock(state_->mutex);
+    MutexLock lock(&state_->mutex);
     return state_->value;
   }
 
@@ -70,7 +70,7 @@ class Observable {
     T old;
     uint64_t subscribersUpTo;
     {
-      std::lock_guard<std::mutex> lock(state_->mutex);
+      MutexLock lock(&state_->mutex);
       old = std::exchange(state_->value, value);
       subscribersUpTo = state_->nextId;
     }
@@ -83,7 +83,7 @@ class Observable {
   [[nodiscard]] Subscription subscribe(Callback callback) {
     uint64_t id;
     {
-      std::lock_guard<std::mutex> lock(state_->mutex);
+      MutexLock lock(&state_->mutex);
       id = state_->nextId++;
       state_->subscribers.emplace_back(id, std::make_shared<Callback>(std::move(callback)));
     }
@@ -99,7 +99,7 @@ class Observable {
     void deliver(const T& oldValue, const T& newValue, uint64_t upTo) {
       std::vector<std::pair<uint64_t, std::shared_ptr<Callback>>> targets;
       {
-        std::lock_guard<std::mutex> lock(mutex);
+        MutexLock lock(&mutex);
         for (const auto& s : subscribers) {
           if (s.first < upTo) targets.push_back(s);
         }
@@ -110,7 +110,7 @@ class Observable {
     }
 
     bool isSubscribed(uint64_t id) {
-      std::lock_guard<std::mutex> lock(mutex);
+      MutexLock lock(&mutex);
       for (const auto& s : subscribers) {
         if (s.first == id) return true;
       }
@@ -119,7 +119,7 @@ class Observable {
 
     void remove(uint64_t id) {
       std::shared_ptr<Callback> removed;  // released outside the lock
-      std::lock_guard<std::mutex> lock(mutex);
+      MutexLock lock(&mutex);
       for (auto it = subscribers.begin(); it != subscribers.end(); ++it) {
         if (it->first == id) {
           removed = std::move(it->second);
@@ -129,11 +129,11 @@ class Observable {
       }
     }
 
-    std::mutex mutex;
-    T value;
-    RunLoop* loop;
-    uint64_t nextId = 1;
-    std::vector<std::pair<uint64_t, std::shared_ptr<Callback>>> subscribers;
+    Mutex mutex;
+    T value CORVANE_GUARDED_BY(mutex);
+    RunLoop* const loop;
+    uint64_t nextId CORVANE_GUARDED_BY(mutex) = 1;
+    std::vector<std::pair<uint64_t, std::shared_ptr<Callback>>> subscribers CORVANE_GUARDED_BY(mutex);
   };
 
   std::shared_ptr<State> state_;

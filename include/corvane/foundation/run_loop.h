@@ -23,6 +23,7 @@
 #include <memory>
 #include <optional>
 
+#include "corvane/foundation/check.h"
 #include "corvane/foundation/env.h"
 
 namespace corvane {
@@ -124,3 +125,8 @@ class ScopedRunLoopEnv {
 };
 
 }  // namespace corvane
+
+// Stops a debug build when called off the main run loop's thread (see check.h). For methods
+// whose header says "main thread" or "on the main run loop"; a class that is given its own
+// loop checks CORVANE_DCHECK(loop.isMainThread()) instead.
+#define CORVANE_ASSERT_MAIN_THREAD() CORVANE_DCHECK(::corvane::RunLoop::main().isMainThread())

@@ -16,11 +16,11 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "corvane/foundation/env.h"
+#include "corvane/foundation/mutex.h"
 #include "corvane/foundation/value.h"
 
 namespace corvane {
@@ -69,15 +69,15 @@ class UserDefaults {
   bool synchronize(Error* error = nullptr);
 
  private:
-  bool writeLocked(Error* error);
-  bool loadLocked(Error* error);
+  bool writeLocked(Error* error) CORVANE_REQUIRES(mutex_);
+  bool loadLocked(Error* error) CORVANE_REQUIRES(mutex_);
 
   Env* const env_;
   const std::string path_;
-  mutable std::mutex mutex_;
-  Value values_;      // mutable dictionary of stored values
-  Value registered_;  // mutable dictionary of registered defaults
-  bool dirty_ = false;
+  mutable Mutex mutex_;
+  Value values_ CORVANE_GUARDED_BY(mutex_);      // mutable dictionary of stored values
+  Value registered_ CORVANE_GUARDED_BY(mutex_);  // mutable dictionary of registered defaults
+  bool dirty_ CORVANE_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace corvane
