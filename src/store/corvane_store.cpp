@@ -84,16 +84,16 @@ CorvaneStore::CorvaneStore(PersistentStoreCoordinator* coordinator, std::string 
 
 CorvaneStore::~CorvaneStore() {
   {
-    std::lock_guard<std::recursive_mutex> lock(state_->liveness->mutex);
+    RecursiveMutexLock lock(&state_->liveness->mutex);
     state_->liveness->alive = false;
   }
   {
-    std::lock_guard<std::mutex> lock(state_->updates.tokensMutex);
+    MutexLock lock(&state_->updates.tokensMutex);
     state_->updates.updateToken.cancel();
     state_->updates.processToken.cancel();
   }
   {
-    std::lock_guard<std::mutex> lock(state_->log.mutex);
+    MutexLock lock(&state_->log.mutex);
     state_->log.refreshToken.cancel();
   }
   state_->writer.queue->waitUntilAllOperationsAreFinished();
@@ -132,7 +132,7 @@ bool CorvaneStore::loadMetadata(Error* error) {
     if (!canOpenWithPassword(info, *state_->password, state_->env, &cipher)) {
       return setError(error, storeError("The password does not open " + path));
     }
-    std::lock_guard<std::mutex> lock(state_->package.cryptoMutex);
+    MutexLock lock(&state_->package.cryptoMutex);
     if (!state_->package.crypto) state_->package.crypto = std::make_shared<const SeaCrypto>(std::move(cipher));
   } else if (state_->password) {
     return setError(error, storeError(path + " is not encrypted: open it without a password"));
@@ -183,7 +183,7 @@ bool CorvaneStore::writeInfo(const Value& options, Error* error) {
     (void)state_->env->removeItem(building, nullptr);  // hidden, and never read: harmless if it stays
     if (!state_->env->fileExists(path)) return setError(error, std::move(failure));
   }
-  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  MutexLock lock(&state_->package.mutex);
   state_->package.info = Value();
   return true;
 }
@@ -224,7 +224,7 @@ const StoreEnvironment& CorvaneStore::environment() const { return *state_->envi
 std::string CorvaneStore::infoURL() const { return pathJoin(url(), "Info.plist"); }
 
 Value CorvaneStore::infoDictionary() const {
-  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  MutexLock lock(&state_->package.mutex);
   if (state_->package.info.isNil()) {
     Value read = CorvanePackage::infoDictionaryForURL(url(), state_->env);
     state_->package.info = read.isDictionary() ? read.mutableCopy() : Value::mutableDictionary();
@@ -238,7 +238,7 @@ bool CorvaneStore::setDocumentIdentifier(const std::string& identifier, Error* e
   Value info = store_internal::mutableDictionaryCopy(CorvanePackage::infoDictionaryForURL(url(), state_->env));
   info.set(Value("DocumentIdentifier"), Value(identifier));
   if (!writePropertyListFile(state_->env, infoURL(), info, error)) return false;
-  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  MutexLock lock(&state_->package.mutex);
   state_->package.info = info;
   return true;
 }
@@ -248,7 +248,7 @@ std::optional<std::string> CorvaneStore::password() const { return state_->passw
 void CorvaneStore::refreshURLs() {
   const std::string& path = url();
   {
-    std::lock_guard<std::mutex> lock(state_->package.mutex);
+    MutexLock lock(&state_->package.mutex);
     state_->package.entitiesURL = pathJoin(path, "Entities");
     state_->package.changesURL = pathJoin(path, "Changes");
     state_->package.cacheURL = pathJoin(path, "Cache");
@@ -271,7 +271,7 @@ void CorvaneStore::setPackageURL(const std::string& newURL) {
   unobserveDirectory();
   setURL(newURL);
   {
-    std::lock_guard<std::mutex> lock(state_->package.mutex);
+    MutexLock lock(&state_->package.mutex);
     state_->package.info = Value();
   }
   refreshURLs();
@@ -279,32 +279,32 @@ void CorvaneStore::setPackageURL(const std::string& newURL) {
 }
 
 std::string CorvaneStore::entitiesURL() {
-  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  MutexLock lock(&state_->package.mutex);
   return state_->package.entitiesURL;
 }
 
 std::string CorvaneStore::changesURL() const {
-  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  MutexLock lock(&state_->package.mutex);
   return state_->package.changesURL;
 }
 
 std::string CorvaneStore::cacheURL() {
-  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  MutexLock lock(&state_->package.mutex);
   return state_->package.cacheURL;
 }
 
 std::string CorvaneStore::errorsURL() const {
-  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  MutexLock lock(&state_->package.mutex);
   return state_->package.errorsURL;
 }
 
 Value CorvaneStore::userInfo() const {
-  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  MutexLock lock(&state_->package.mutex);
   return state_->package.userInfo;
 }
 
 void CorvaneStore::setUserInfo(const Value& userInfo) {
-  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  MutexLock lock(&state_->package.mutex);
   state_->package.userInfo = userInfo.isDictionary() ? userInfo.copy() : Value();
 }
 
@@ -360,7 +360,7 @@ const EntityDescription* CorvaneStore::entityForName(std::string_view name) {
 // ---- Cipher --------------------------------------------------------------------------------
 
 std::shared_ptr<const SeaCrypto> CorvaneStore::cipher() {
-  std::lock_guard<std::mutex> lock(state_->package.cryptoMutex);
+  MutexLock lock(&state_->package.cryptoMutex);
   if (!state_->package.crypto && state_->password) {
     const Value info = CorvanePackage::infoDictionaryForURL(url(), state_->env);
     state_->package.crypto = std::make_shared<const SeaCrypto>(seaCryptoForPackageInfo(info, *state_->password, state_->env));
@@ -370,10 +370,10 @@ std::shared_ptr<const SeaCrypto> CorvaneStore::cipher() {
 
 void CorvaneStore::reloadPackageInfo() {
   {
-    std::lock_guard<std::mutex> lock(state_->package.cryptoMutex);
+    MutexLock lock(&state_->package.cryptoMutex);
     state_->package.crypto.reset();
   }
-  std::lock_guard<std::mutex> lock(state_->package.mutex);
+  MutexLock lock(&state_->package.mutex);
   state_->package.info = Value();
 }
 
@@ -400,7 +400,7 @@ bool CorvaneStore::resetCache(Error* error) {
 Value CorvaneStore::metadata() const {
   uint64_t generation = 0;
   {
-    std::unique_lock<std::mutex> lock(state_->metadata.mutex);
+    MutexLock lock(&state_->metadata.mutex);
     for (;;) {
       if (state_->metadata.cached.isDictionary() && !state_->metadata.cached["Corvane"].isNil()) return state_->metadata.cached;
       if (!state_->metadata.fetching) break;
@@ -410,7 +410,7 @@ Value CorvaneStore::metadata() const {
       }
       // Anyone else waits for the one fetch rather than taking an empty answer; the lock is not
       // held while the base store and Info.plist are read.
-      state_->metadata.fetched.wait(lock);
+      state_->metadata.mutex.wait(state_->metadata.fetched);
       if (!state_->metadata.fetching && state_->metadata.cached.isDictionary()) return state_->metadata.cached;
     }
     state_->metadata.fetching = true;
@@ -422,7 +422,7 @@ Value CorvaneStore::metadata() const {
   for (const auto& [key, value] : info.entries()) merged.set(key, value);
   const Value result = merged.copy();
   {
-    std::lock_guard<std::mutex> lock(state_->metadata.mutex);
+    MutexLock lock(&state_->metadata.mutex);
     state_->metadata.fetching = false;
     state_->metadata.fetcher = std::thread::id();
     // A setMetadata() meanwhile made this result stale: the next caller fetches again.
@@ -435,7 +435,7 @@ Value CorvaneStore::metadata() const {
 void CorvaneStore::setMetadata(const Value& metadata) {
   Value info;
   {
-    std::lock_guard<std::mutex> lock(state_->metadata.mutex);
+    MutexLock lock(&state_->metadata.mutex);
     Value read;
     Error error;
     if (!readPropertyListFile(state_->env, infoURL(), &read, &error) && state_->env->fileExists(infoURL())) {
@@ -447,7 +447,7 @@ void CorvaneStore::setMetadata(const Value& metadata) {
     ++state_->metadata.generation;
   }
   {
-    std::lock_guard<std::mutex> lock(state_->package.mutex);
+    MutexLock lock(&state_->package.mutex);
     state_->package.info = info;
   }
   PersistentStore::setMetadata(info.copy());
@@ -459,7 +459,7 @@ std::function<void()> CorvaneStore::guarded(std::function<void()> work) const {
   return [weak = std::weak_ptr<Liveness>(state_->liveness), work = std::move(work)] {
     auto liveness = weak.lock();
     if (!liveness) return;
-    std::lock_guard<std::recursive_mutex> lock(liveness->mutex);
+    RecursiveMutexLock lock(&liveness->mutex);
     if (liveness->alive) work();
   };
 }
@@ -476,7 +476,7 @@ void CorvaneStore::setClosed(bool closed) {
 void CorvaneStore::close() {
   setClosed(true);
   {
-    std::lock_guard<std::mutex> lock(state_->objectIDs.mutex);
+    MutexLock lock(&state_->objectIDs.mutex);
     state_->objectIDs.chosenUIDs.clear();  // for objects never saved
   }
   waitForSaves();
@@ -489,13 +489,13 @@ void CorvaneStore::waitForSaves() { state_->writer.queue->waitUntilAllOperations
 // ---- Cache services ------------------------------------------------------------------------
 
 ObjectID CorvaneStore::objectIDForReferenceString(std::string_view reference) {
-  std::lock_guard<std::mutex> lock(state_->objectIDs.mutex);
+  MutexLock lock(&state_->objectIDs.mutex);
   auto it = state_->objectIDs.byReference.find(std::string(reference));
   return it == state_->objectIDs.byReference.end() ? ObjectID() : it->second;
 }
 
 void CorvaneStore::setObjectIDForReferenceString(std::string_view reference, const ObjectID& objectID) {
-  std::lock_guard<std::mutex> lock(state_->objectIDs.mutex);
+  MutexLock lock(&state_->objectIDs.mutex);
   state_->objectIDs.byReference[std::string(reference)] = objectID;
 }
 
@@ -519,7 +519,7 @@ void CorvaneStore::presentError(const Error& error) {
 }
 
 std::vector<std::shared_ptr<ManagedObjectContext>> CorvaneStore::contexts() const {
-  std::lock_guard<std::mutex> lock(state_->contexts.mutex);
+  MutexLock lock(&state_->contexts.mutex);
   std::vector<std::shared_ptr<ManagedObjectContext>> out;
   for (const auto& weak : state_->contexts.list) {
     if (auto context = weak.lock()) out.push_back(std::move(context));
@@ -531,7 +531,7 @@ void CorvaneStore::registerContext(ManagedObjectContext* context) {
   if (context == nullptr) return;
   std::weak_ptr<ManagedObjectContext> weak = context->weak_from_this();
   if (weak.expired()) return;  // not owned by a shared_ptr: nobody could refresh it safely
-  std::lock_guard<std::mutex> lock(state_->contexts.mutex);
+  MutexLock lock(&state_->contexts.mutex);
   std::erase_if(state_->contexts.list, [](const std::weak_ptr<ManagedObjectContext>& w) { return w.expired(); });
   for (const auto& known : state_->contexts.list) {
     if (!known.owner_before(weak) && !weak.owner_before(known)) return;

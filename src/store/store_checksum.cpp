@@ -98,7 +98,7 @@ Value CorvaneStore::contentChecksum() {
   const std::string before = checkSum();
   Value previous;
   {
-    std::lock_guard<std::mutex> lock(state_->checksums.mutex);
+    MutexLock lock(&state_->checksums.mutex);
     previous = state_->checksums.content;
     if (!previous.isNil() && state_->checksums.lastCheckSum == before) return previous;
   }
@@ -172,7 +172,7 @@ Value CorvaneStore::contentChecksum() {
     return result;
   }
   {
-    std::lock_guard<std::mutex> lock(state_->checksums.mutex);
+    MutexLock lock(&state_->checksums.mutex);
     state_->checksums.content = result;
     state_->checksums.lastCheckSum = before;
   }

@@ -58,14 +58,14 @@ void CorvaneStore::addLogEntry(StoreLogEntry entry, const Value& change) {
       entry.message.replace(colon, 1, fmt::format(": ({} {})", when, who));
     }
   }
-  std::lock_guard<std::mutex> lock(state_->log.mutex);
+  MutexLock lock(&state_->log.mutex);
   state_->log.entries.push_front(std::move(entry));
   state_->log.refreshToken.cancel();
   state_->log.refreshToken = state_->mainLoop->postAfter(kRefreshLogDelay, guarded([observers = state_->log.observers] { observers->deliver(); }));
 }
 
 std::vector<StoreLogEntry> CorvaneStore::logEntries() const {
-  std::lock_guard<std::mutex> lock(state_->log.mutex);
+  MutexLock lock(&state_->log.mutex);
   return std::vector<StoreLogEntry>(state_->log.entries.begin(), state_->log.entries.end());
 }
 
@@ -84,7 +84,7 @@ void CorvaneStore::logErrorString(const std::string& text, const std::string& do
                        {"session", sessionDictionary()},
                        {"date", Value::date(state_->env->now())}});
   {
-    std::lock_guard<std::mutex> lock(state_->log.mutex);
+    MutexLock lock(&state_->log.mutex);
     state_->log.errorRecords.append(record);
   }
   writeErrorRecord(record);
@@ -92,7 +92,7 @@ void CorvaneStore::logErrorString(const std::string& text, const std::string& do
 }
 
 Value CorvaneStore::errorRecords() const {
-  std::lock_guard<std::mutex> lock(state_->log.mutex);
+  MutexLock lock(&state_->log.mutex);
   return state_->log.errorRecords.copy();
 }
 

@@ -300,7 +300,7 @@ std::optional<std::vector<ObjectID>> CorvaneStore::obtainPermanentIDsForObjects(
     // UIDs are born here, unless one was chosen for the object.
     std::string uid;
     {
-      std::lock_guard<std::mutex> lock(state_->objectIDs.mutex);
+      MutexLock lock(&state_->objectIDs.mutex);
       if (auto chosen = state_->objectIDs.chosenUIDs.find(object); chosen != state_->objectIDs.chosenUIDs.end()) {
         uid = std::move(chosen->second);
         state_->objectIDs.chosenUIDs.erase(chosen);
@@ -314,7 +314,7 @@ std::optional<std::vector<ObjectID>> CorvaneStore::obtainPermanentIDsForObjects(
 
 void CorvaneStore::setUIDForInsertedObject(const ManagedObject* object, std::string uid) {
   if (object == nullptr || !isPlainFileName(uid)) return;
-  std::lock_guard<std::mutex> lock(state_->objectIDs.mutex);
+  MutexLock lock(&state_->objectIDs.mutex);
   state_->objectIDs.chosenUIDs[object] = std::move(uid);
 }
 
@@ -411,12 +411,12 @@ Value CorvaneStore::loadingIssueWithType(const std::string& type, const std::str
 }
 
 void CorvaneStore::addLoadingIssue(const Value& issue) {
-  std::lock_guard<std::mutex> lock(state_->log.mutex);
+  MutexLock lock(&state_->log.mutex);
   state_->log.loadingIssues.append(issue);
 }
 
 Value CorvaneStore::loadingIssues() const {
-  std::lock_guard<std::mutex> lock(state_->log.mutex);
+  MutexLock lock(&state_->log.mutex);
   return state_->log.loadingIssues.copy();
 }
 

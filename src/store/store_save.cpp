@@ -234,7 +234,7 @@ double CorvaneStore::claimChangeNameDate(double date) {
   // Names carry whole milliseconds: compare and step in them. A stepped time is the middle of
   // its millisecond, so that formatting it cannot fall into the one before.
   const auto millisecond = static_cast<int64_t>(std::floor(date * 1000.0));
-  std::lock_guard<std::mutex> lock(state_->writer.nameDateMutex);
+  MutexLock lock(&state_->writer.nameDateMutex);
   const bool clockWentBack = millisecond < state_->writer.lastClockMillisecond;
   state_->writer.lastClockMillisecond = millisecond;
   // A clock set back is the device's own time, as every device reads it: names keep it.
@@ -250,7 +250,7 @@ void CorvaneStore::incrementProgress() {
   const int64_t value = ++state_->writer.operationsValue;
   Value info;
   {
-    std::lock_guard<std::mutex> lock(state_->writer.progressMutex);
+    MutexLock lock(&state_->writer.progressMutex);
     info = state_->writer.progressInfo;
   }
   if (info.isNil()) return;
@@ -263,7 +263,7 @@ void CorvaneStore::incrementProgress() {
 }
 
 void CorvaneStore::setProgressInfo(const Value& mutableDictionary) {
-  std::lock_guard<std::mutex> lock(state_->writer.progressMutex);
+  MutexLock lock(&state_->writer.progressMutex);
   state_->writer.progressInfo = mutableDictionary.isDictionary() && mutableDictionary.isMutable() ? mutableDictionary : Value();
 }
 

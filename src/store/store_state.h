@@ -19,6 +19,7 @@
 #include "corvane/cache/cache.h"
 #include "corvane/foundation/date_format.h"
 #include "corvane/foundation/file_event_stream.h"
+#include "corvane/foundation/mutex.h"
 #include "corvane/foundation/observable.h"
 #include "corvane/foundation/operation_queue.h"
 #include "corvane/foundation/run_loop.h"
@@ -34,8 +35,8 @@ namespace corvane {
 // held while such work runs, so the destructor waits for a running piece instead of pulling
 // the store from under it.
 struct CorvaneStore::Liveness {
-  std::recursive_mutex mutex;  // a guarded piece may post and run another one in place
-  bool alive = true;
+  RecursiveMutex mutex;  // a guarded piece may post and run another one in place
+  bool alive CORVANE_GUARDED_BY(mutex) = true;
 };
 
 // Told when the store's log changes (observeLog()).
@@ -59,12 +60,14 @@ struct CorvaneStore::State {
 
   // ---- The package: its paths, Info.plist, cipher and entity folder names --------------------
   struct Package {
-    mutable std::mutex mutex;
-    Value userInfo;                // guarded by mutex
-    mutable Value info;            // guarded by mutex; nil until read
-    std::string entitiesURL, changesURL, cacheURL, errorsURL;  // guarded by mutex
-    mutable std::mutex cryptoMutex;
-    std::shared_ptr<const SeaCrypto> crypto;  // guarded by cryptoMutex; made from Info.plist on first use
+    mutable Mutex mutex;
+    Value userInfo CORVANE_GUARDED_BY(mutex);
+    mutable Value info CORVANE_GUARDED_BY(mutex);  // nil until read
+    std::string entitiesURL CORVANE_GUARDED_BY(mutex), changesURL CORVANE_GUARDED_BY(mutex),
+        cacheURL CORVANE_GUARDED_BY(mutex), errorsURL CORVANE_GUARDED_BY(mutex);
+    mutable Mutex cryptoMutex;
+    // Made from Info.plist on first use.
+    std::shared_ptr<const SeaCrypto> crypto CORVANE_GUARDED_BY(cryptoMutex);
     // Set once at opening, read-only afterwards.
     std::unordered_map<std::string, std::string> entityKeys, reverseEntityKeys;
     std::vector<const EntityDescription*> entityList;
@@ -72,23 +75,23 @@ struct CorvaneStore::State {
 
   // ---- Metadata: one caller computes it, the others wait for it -------------------------------
   struct Metadata {
-    mutable std::mutex mutex;
-    mutable Value cached;
-    mutable bool fetching = false;
-    mutable std::thread::id fetcher;
-    mutable uint64_t generation = 0;  // counts setMetadata() calls
+    mutable Mutex mutex;
+    mutable Value cached CORVANE_GUARDED_BY(mutex);
+    mutable bool fetching CORVANE_GUARDED_BY(mutex) = false;
+    mutable std::thread::id fetcher CORVANE_GUARDED_BY(mutex);
+    mutable uint64_t generation CORVANE_GUARDED_BY(mutex) = 0;  // counts setMetadata() calls
     mutable std::condition_variable fetched;
   } metadata;
 
   // ---- Contexts and object IDs ----------------------------------------------------------------
   struct Contexts {
-    mutable std::mutex mutex;
-    std::vector<std::weak_ptr<ManagedObjectContext>> list;
+    mutable Mutex mutex;
+    std::vector<std::weak_ptr<ManagedObjectContext>> list CORVANE_GUARDED_BY(mutex);
   } contexts;
   struct ObjectIDs {
-    std::mutex mutex;
-    std::unordered_map<const ManagedObject*, std::string> chosenUIDs;
-    std::unordered_map<std::string, ObjectID> byReference;
+    Mutex mutex;
+    std::unordered_map<const ManagedObject*, std::string> chosenUIDs CORVANE_GUARDED_BY(mutex);
+    std::unordered_map<std::string, ObjectID> byReference CORVANE_GUARDED_BY(mutex);
   } objectIDs;
 
   // ---- The change writer: the save path -------------------------------------------------------
@@ -97,11 +100,12 @@ struct CorvaneStore::State {
     std::atomic<bool> blockSaves{false};
     std::atomic<int64_t> operationsCount{0};
     std::atomic<int64_t> operationsValue{0};
-    std::mutex nameDateMutex;
-    int64_t lastNameMillisecond = INT64_MIN;   // of the last change name, since 2001
-    int64_t lastClockMillisecond = INT64_MIN;  // the clock's time when it was named
-    std::mutex progressMutex;
-    Value progressInfo;  // guarded by progressMutex
+    Mutex nameDateMutex;
+    // Of the last change name, since 2001, and the clock's time when it was named.
+    int64_t lastNameMillisecond CORVANE_GUARDED_BY(nameDateMutex) = INT64_MIN;
+    int64_t lastClockMillisecond CORVANE_GUARDED_BY(nameDateMutex) = INT64_MIN;
+    Mutex progressMutex;
+    Value progressInfo CORVANE_GUARDED_BY(progressMutex);
   } writer;
 
   // ---- The update pass ----------------------------------------------------------------------
@@ -117,34 +121,35 @@ struct CorvaneStore::State {
     std::atomic<bool> hasRemoteFiles{false};
     std::atomic<size_t> changesFileCount{0};
     std::atomic<size_t> finishedPasses{0};
-    std::mutex tokensMutex;
-    RunLoop::Token updateToken, processToken;  // guarded by tokensMutex
+    Mutex tokensMutex;
+    RunLoop::Token updateToken CORVANE_GUARDED_BY(tokensMutex), processToken CORVANE_GUARDED_BY(tokensMutex);
   } updates;
 
   // ---- The log and diagnostics --------------------------------------------------------------
   struct Log {
     explicit Log(RunLoop* mainLoop) : errorLevel(std::string(kCorvaneLogTypeSuccess), mainLoop) {}
     Observable<std::string> errorLevel;
-    mutable std::mutex mutex;
-    std::deque<StoreLogEntry> entries;  // guarded by mutex; newest first
-    Value errorRecords = Value::mutableArray();   // guarded by mutex
-    Value loadingIssues = Value::mutableArray();  // guarded by mutex
+    mutable Mutex mutex;
+    std::deque<StoreLogEntry> entries CORVANE_GUARDED_BY(mutex);  // newest first
+    Value errorRecords CORVANE_GUARDED_BY(mutex) = Value::mutableArray();
+    Value loadingIssues CORVANE_GUARDED_BY(mutex) = Value::mutableArray();
     std::shared_ptr<LogObservers> observers = std::make_shared<LogObservers>();
-    RunLoop::Token refreshToken;  // guarded by mutex
+    RunLoop::Token refreshToken CORVANE_GUARDED_BY(mutex);
   } log;
 
   // ---- The folder watch ---------------------------------------------------------------------
   struct Watch {
-    mutable std::mutex mutex;
-    bool observing = false;                        // guarded by mutex
-    std::unique_ptr<FileEventStream> eventStream;  // guarded by mutex; made and destroyed on the main run loop
+    mutable Mutex mutex;
+    bool observing CORVANE_GUARDED_BY(mutex) = false;
+    // Made and destroyed on the main run loop.
+    std::unique_ptr<FileEventStream> eventStream CORVANE_GUARDED_BY(mutex);
   } watch;
 
   // ---- Content checksums --------------------------------------------------------------------
   struct Checksums {
-    std::mutex mutex;
-    std::string lastCheckSum;  // the checkSum() at which content was completed
-    Value content;             // nil until one completed
+    Mutex mutex;
+    std::string lastCheckSum CORVANE_GUARDED_BY(mutex);  // the checkSum() at which content was completed
+    Value content CORVANE_GUARDED_BY(mutex);             // nil until one completed
   } checksums;
 
   State(RunLoop* loop) : updates(loop), log(loop) {}

@@ -46,14 +46,14 @@ struct CorvaneStore::Pass {
 // ---- Scheduling ---------------------------------------------------------------------------------
 
 void CorvaneStore::scheduleUpdate(double delay) {
-  std::lock_guard<std::mutex> lock(state_->updates.tokensMutex);
+  MutexLock lock(&state_->updates.tokensMutex);
   state_->updates.updateToken.cancel();
   state_->updates.updateToken = state_->mainLoop->postAfter(delay, guarded([this] { updateChanges(); }));
 }
 
 void CorvaneStore::invalidatePaths(const std::vector<std::string>& paths) {
   if (paths.empty() || isClosed()) return;  // a closed store ignores other devices
-  std::lock_guard<std::mutex> lock(state_->updates.tokensMutex);
+  MutexLock lock(&state_->updates.tokensMutex);
   state_->updates.processToken.cancel();
   state_->updates.processToken = state_->mainLoop->postAfter(state_->updates.debounceDelay, guarded([this] { processChanges(); }));
 }

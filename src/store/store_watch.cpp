@@ -50,7 +50,7 @@ void CorvaneStore::observeDirectory() {
   Error error;
   if (stream->start(&error)) {
     log(fmt::format("Added listener to: {}", folder), kCorvaneLogTypeSuccess);
-    std::lock_guard<std::mutex> lock(state_->watch.mutex);
+    MutexLock lock(&state_->watch.mutex);
     state_->watch.eventStream = std::move(stream);
     state_->watch.observing = true;
   } else {
@@ -62,7 +62,7 @@ void CorvaneStore::unobserveDirectory() {
   std::unique_ptr<FileEventStream> stream;
   {
     // ignoreOwnChange() may be called from the save queue meanwhile.
-    std::lock_guard<std::mutex> lock(state_->watch.mutex);
+    MutexLock lock(&state_->watch.mutex);
     stream = std::move(state_->watch.eventStream);
     state_->watch.observing = false;
   }
@@ -73,12 +73,12 @@ void CorvaneStore::unobserveDirectory() {
 }
 
 bool CorvaneStore::isObservingDirectory() const {
-  std::lock_guard<std::mutex> lock(state_->watch.mutex);
+  MutexLock lock(&state_->watch.mutex);
   return state_->watch.observing && state_->watch.eventStream && state_->watch.eventStream->isRunning();
 }
 
 void CorvaneStore::ignoreOwnChange(const std::string& path) {
-  std::lock_guard<std::mutex> lock(state_->watch.mutex);
+  MutexLock lock(&state_->watch.mutex);
   if (state_->watch.eventStream) state_->watch.eventStream->ignoreOwnChange(path, kOwnChangeWindow);
 }
 
