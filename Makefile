@@ -1,6 +1,7 @@
 # One word for each everyday job. Each target bootstraps the machine first, so on a fresh
 # Debian machine `make test` alone installs, configures, builds and runs every test.
-.PHONY: all bootstrap build test test-fast test-slow asan-test tsan-test thread-safety-check bench fuzz demo install check-install clean
+.PHONY: all bootstrap build test test-fast test-slow asan-test tsan-test thread-safety-check bench fuzz demo install \
+  check-install format format-check tidy coverage clean
 
 JOBS ?= 2
 # Let ccache share results between checkouts at different paths (CI builds a fresh clone).
@@ -66,6 +67,23 @@ install: bootstrap
 # them (tests/consumer), as a host application would.
 check-install: bootstrap
 	JOBS=$(JOBS) bash scripts/check-install.sh
+
+# Rewrites every tracked C++ source with clang-format (.clang-format at the top).
+format: bootstrap
+	bash scripts/format.sh
+
+# Fails, changing nothing, when a tracked C++ source is not formatted; lists the files.
+format-check: bootstrap
+	bash scripts/format.sh --check
+
+# clang-tidy (.clang-tidy at the top) over src/ and tools/; any finding fails. Only the
+# compile database is needed, so build/tidy is configured and never built.
+tidy: bootstrap
+	JOBS=$(JOBS) bash scripts/tidy.sh
+
+# Builds with GCC's --coverage, runs the fast tests and prints line and branch coverage of src/.
+coverage: bootstrap
+	JOBS=$(JOBS) bash scripts/coverage.sh
 
 clean:
 	rm -rf build

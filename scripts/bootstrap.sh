@@ -10,6 +10,7 @@ packages=(
   libssl-dev rapidjson-dev libplist-dev libfmt-dev libspdlog-dev libcli11-dev
   libsecret-1-dev libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev
   libmsgpack-cxx-dev openssl python3 xxd
+  clang-format clang-tidy gcovr
   dbus-daemon gnome-keyring syncthing libcpp-httplib-dev curl
 )
 

@@ -137,7 +137,7 @@ class LegacyReader {
     auto count = in_.take<uint32_t>();
     std::vector<Value> keys;
     keys.reserve(capacity(count, 4));
-    for (uint32_t i = 0; i < count; ++i) keys.push_back(Value(paddedString()));
+    for (uint32_t i = 0; i < count; ++i) keys.emplace_back(paddedString());
     classes_[index].name = std::move(name);
     classes_[index].keys = std::move(keys);
     classes_[index].info = ClassRegistry::shared().find(classes_[index].name);

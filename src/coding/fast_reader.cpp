@@ -263,7 +263,7 @@ Value FastReader::readClassDefinition() {
   auto count = in_.takeAligned<uint32_t>();
   std::vector<Value> keys;
   keys.reserve(capacityFor(count, 1));
-  for (uint32_t i = 0; i < count; ++i) keys.push_back(Value(takeCString()));
+  for (uint32_t i = 0; i < count; ++i) keys.emplace_back(takeCString());
   classes_[index].name = std::move(name);
   classes_[index].keys = std::move(keys);
   return readObject();

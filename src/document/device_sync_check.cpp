@@ -2,7 +2,7 @@
 
 #include <httplib.h>
 #include <pthread.h>
-#include <signal.h>
+#include <signal.h>  // NOLINT(modernize-deprecated-headers): POSIX sigset_t, not <csignal>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "corvane/cache/cache.h"
 #include "corvane/document/corvane_document.h"
@@ -60,7 +61,7 @@ std::string CorvaneDocument::backupPathForConsolidation(double secondsSince2001)
 
 void CorvaneDocument::consolidate(std::function<void(bool)> done) {
   CORVANE_DCHECK(mainLoop().isMainThread());
-  auto finish = [done](bool swapped) {
+  auto finish = [done = std::move(done)](bool swapped) {
     if (done) done(swapped);
   };
   if (store_ == nullptr) return finish(false);
@@ -186,7 +187,7 @@ bool CorvaneDocument::shouldOfferOptimizeFile() const {
 }
 
 std::string CorvaneDocument::optimizeFileConfirmationText() const {
-  const std::string text = "Optimizing consolidates all changes in this file.";
+  std::string text = "Optimizing consolidates all changes in this file.";
   if (store_ == nullptr || !serviceType() || !StoreDiagnostics(*store_).hasRecentChangesFromOtherDevices()) return text;
   return fmt::format("{}\n\n{}", text,
                      "This file is also used on other devices. Only optimize while no one else is working on it. "

@@ -45,7 +45,7 @@ std::string cutAtFirstDot(const std::string& date) {
 std::string userOfChange(const Value& change) {
   if (!change["value"].isNil()) return text(change["value"]);
   const Value& session = change["session"];
-  const std::string user = session["fullUserName"].isNil() ? kUnknown : text(session["fullUserName"]);
+  std::string user = session["fullUserName"].isNil() ? kUnknown : text(session["fullUserName"]);
   Value device = session["deviceIdentifier"];
   if (device.isNil()) device = session["machineName"];
   if (!device.isNil() && text(device) != kUnknown) return fmt::format("{} ({})", user, text(device));

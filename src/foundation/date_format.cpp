@@ -238,7 +238,7 @@ std::optional<double> DateFormatter::parse(std::string_view text) const {
     return std::nullopt;
   }
   const int64_t wallSeconds = (daysFromCivil(year, month, day) - kDaysFrom1970To2001) * kSecondsPerDay +
-                              hour * 3600 + minute * 60 + second;
+                              int64_t{hour} * 3600 + int64_t{minute} * 60 + second;
   int64_t seconds;
   if (offset) {
     seconds = wallSeconds - *offset;

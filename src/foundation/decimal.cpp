@@ -7,7 +7,7 @@
 namespace corvane {
 namespace {
 
-__extension__ typedef __int128 Int128;
+__extension__ using Int128 = __int128;
 
 using Mantissa = Decimal::Mantissa;
 
@@ -19,8 +19,8 @@ struct Pow10Table {
   Mantissa p[39];
   constexpr Pow10Table() : p() {
     Mantissa v = 1;
-    for (int i = 0; i < 39; ++i) {
-      p[i] = v;
+    for (Mantissa& power : p) {
+      power = v;
       v *= 10;
     }
   }

@@ -129,7 +129,7 @@ void Operation::main() {
   if (block_) block_();
 }
 
-void Operation::addDependency(std::shared_ptr<Operation> operation) {
+void Operation::addDependency(const std::shared_ptr<Operation>& operation) {
   if (!operation || operation.get() == this) return;
   MutexLock lock(&OperationGraph::mutex());
   constexpr size_t kListed = 16;  // up to this many, a walk over the list finds a repeat
@@ -246,7 +246,7 @@ QueuePriority OperationQueue::priority() const {
   return impl_->priority;
 }
 
-void OperationQueue::addOperation(std::shared_ptr<Operation> operation) {
+void OperationQueue::addOperation(const std::shared_ptr<Operation>& operation) {
   if (!operation) return;
   MutexLock lock(&OperationGraph::mutex());
   if (operation->queue_ || operation->state_ != Operation::State::Pending) {

@@ -29,8 +29,8 @@ using value_detail::throwWrongKind;
 
 namespace {
 
-__extension__ typedef __int128 Int128;
-__extension__ typedef unsigned __int128 UInt128;
+__extension__ using Int128 = __int128;
+__extension__ using UInt128 = unsigned __int128;
 
 const std::string kEmptyString;
 const std::vector<Value> kNoElements;

@@ -25,7 +25,7 @@ using detail::URLNode;
 
 namespace {
 
-__extension__ typedef __int128 Int128;
+__extension__ using Int128 = __int128;
 
 struct Numeric {
   bool integral;  // true: exact integer in i; false: the double d

@@ -61,10 +61,8 @@ std::string removeDotSegments(std::string_view input) {
   while (!input.empty()) {
     if (input.substr(0, 3) == "../") {
       input.remove_prefix(3);
-    } else if (input.substr(0, 2) == "./") {
-      input.remove_prefix(2);
-    } else if (input.substr(0, 3) == "/./") {
-      input.remove_prefix(2);
+    } else if (input.substr(0, 2) == "./" || input.substr(0, 3) == "/./") {
+      input.remove_prefix(2);  // "./x" becomes "x", "/./x" becomes "/x"
     } else if (input == "/.") {
       input = "/";
     } else if (input.substr(0, 4) == "/../" || input == "/..") {

@@ -149,8 +149,8 @@ std::vector<std::string> CorvaneRecovery::findAllCacheDirectories(const Recovery
   return folders;
 }
 
-std::vector<std::unique_ptr<CorvaneRecovery>> CorvaneRecovery::findAllCaches(std::shared_ptr<ObjectModel> model,
-                                                                             const RecoverySetup& setup) {
+std::vector<std::unique_ptr<CorvaneRecovery>> CorvaneRecovery::findAllCaches(
+    const std::shared_ptr<ObjectModel>& model, const RecoverySetup& setup) {
   std::vector<std::unique_ptr<CorvaneRecovery>> all;
   for (const std::string& folder : findAllCacheDirectories(setup)) all.push_back(recoveryWithCacheURL(folder, model, setup));
   return all;
@@ -554,7 +554,7 @@ bool CorvaneRecovery::createInfoPlistAtURL(const std::string& url, const Value& 
 
 // ---- Every cache at once -------------------------------------------------------------------------
 
-std::optional<std::string> CorvaneRecovery::recoverAllCachesToDesktop(std::shared_ptr<ObjectModel> model,
+std::optional<std::string> CorvaneRecovery::recoverAllCachesToDesktop(const std::shared_ptr<ObjectModel>& model,
                                                                       const RecoverySetup& setup,
                                                                       const std::vector<std::string>& knownOriginalURLs,
                                                                       ProgressBlock progress, Error* error) {

@@ -26,7 +26,8 @@ int fail(const std::string& message) {
 
 }  // namespace corvane::cli
 
-int main(int argc, char** argv) {
+// An exception that escapes a command is a bug: terminating, with its core, is what we want.
+int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
   using namespace corvane::cli;
   CLI::App app{"corvane: inspect, check and repair Corvane documents"};
   app.require_subcommand(1);

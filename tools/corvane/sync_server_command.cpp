@@ -2,7 +2,7 @@
 // its record to /Tools/SyncTest/post.php every few seconds and gets back the latest record of
 // every device of the same document.
 #include <httplib.h>
-#include <signal.h>
+#include <signal.h>  // NOLINT(modernize-deprecated-headers): POSIX sigwait and pthread_kill
 #include <sys/socket.h>
 
 #include <chrono>
@@ -21,7 +21,7 @@
 namespace corvane::cli {
 namespace {
 
-constexpr size_t kMaxBody = 64 * 1024;  // a record is a few hundred bytes
+constexpr size_t kMaxBody = size_t{64} * 1024;  // a record is a few hundred bytes
 constexpr size_t kWorkers = 128;
 
 struct SyncServerOptions {
@@ -143,7 +143,8 @@ int runSyncServer(const SyncServerOptions& options) {
   // Port 0: one the system chooses, printed below.
   const int bound = port == 0 ? server->bind_to_any_port(address.c_str()) : (server->bind_to_port(address.c_str(), port) ? port : -1);
   if (bound <= 0) {
-    pthread_kill(stopper.native_handle(), SIGTERM);
+    // Wakes the stopper from its sigwait(); the signal is blocked, so nothing is terminated.
+    pthread_kill(stopper.native_handle(), SIGTERM);  // NOLINT(bugprone-bad-signal-to-kill-thread)
     stopper.join();
     return fail("cannot listen on " + options.listen);
   }

@@ -20,7 +20,7 @@ namespace corvane {
 
 class Decimal {
  public:
-  __extension__ typedef unsigned __int128 Mantissa;  // __extension__: quiet under -Wpedantic
+  __extension__ using Mantissa = unsigned __int128;  // __extension__: quiet under -Wpedantic
   static constexpr int kMaxDigits = 38;
 
   Decimal() = default;  // zero

@@ -46,7 +46,7 @@ class Operation : public std::enable_shared_from_this<Operation> {
 
   // Dependencies are normally added before the operation is added to a queue. The operation
   // keeps its dependencies alive. Both must already be owned by shared pointers.
-  void addDependency(std::shared_ptr<Operation> operation);
+  void addDependency(const std::shared_ptr<Operation>& operation);
   std::vector<std::shared_ptr<Operation>> dependencies() const;
 
   void cancel();
@@ -104,7 +104,7 @@ class OperationQueue {
 
   // An operation can be added to one queue, once; adding it again throws
   // Exception("NSInvalidArgumentException").
-  void addOperation(std::shared_ptr<Operation> operation);
+  void addOperation(const std::shared_ptr<Operation>& operation);
   std::shared_ptr<Operation> addOperationWithBlock(std::function<void()> block);
 
   void cancelAllOperations();

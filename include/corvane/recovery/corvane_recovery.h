@@ -83,8 +83,8 @@ class CorvaneRecovery {
   // Every cache folder under the roots (the first root's first; a name already found is not
   // listed again).
   static std::vector<std::string> findAllCacheDirectories(const RecoverySetup& setup = {});
-  static std::vector<std::unique_ptr<CorvaneRecovery>> findAllCaches(std::shared_ptr<ObjectModel> model = nullptr,
-                                                                     const RecoverySetup& setup = {});
+  static std::vector<std::unique_ptr<CorvaneRecovery>> findAllCaches(
+      const std::shared_ptr<ObjectModel>& model = nullptr, const RecoverySetup& setup = {});
   // The first extension of the application's first document type; "fast" when it has none.
   static std::string documentFileExtension(const ApplicationInfo& application);
   // "Recovered_<document name>_<first 8 characters of the folder name>" from the cache's change
@@ -101,7 +101,7 @@ class CorvaneRecovery {
   // Rebuilds every cache whose document is gone into "Recovered" (or "Recovered 1", ...) on the
   // desktop; the folder's path, or nullopt with the reason in `error`. Caches of documents
   // that still exist and encrypted caches are skipped.
-  static std::optional<std::string> recoverAllCachesToDesktop(std::shared_ptr<ObjectModel> model,
+  static std::optional<std::string> recoverAllCachesToDesktop(const std::shared_ptr<ObjectModel>& model,
                                                               const RecoverySetup& setup,
                                                               const std::vector<std::string>& knownOriginalURLs,
                                                               ProgressBlock progress, Error* error);
