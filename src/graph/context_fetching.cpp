@@ -65,6 +65,7 @@ std::vector<Retained<ManagedObject>> ManagedObjectContext::Fetching::mergePendin
   }
   if (!request.sortDescriptors().empty()) {
     std::vector<const Object*> objects;
+    objects.reserve(out.size());
     for (const auto& o : out) objects.push_back(o.get());
     std::vector<size_t> order = sortOrder(objects, request.sortDescriptors());
     std::vector<Retained<ManagedObject>> sorted;

@@ -82,6 +82,7 @@ bool ManagedObjectContext::Saving::validateChanges(const Lists& lists, Error* er
   if (errors.empty()) return true;
   if (errors.size() == 1) return setError(error, std::move(errors.front()));
   std::vector<Value> details;
+  details.reserve(errors.size());
   for (const auto& e : errors) {
     details.push_back(dict({{"domain", Value(e.domain)},
                             {"code", Value(static_cast<long long>(e.code))},

@@ -604,6 +604,7 @@ bool ManagedObject::validateCommon(Error* error) const {
   if (errors.empty()) return true;
   if (errors.size() == 1) return setError(error, std::move(errors.front()));
   std::vector<Value> details;
+  details.reserve(errors.size());
   for (const auto& e : errors) details.push_back(errorAsValue(e));
   return setError(error, Error(kCocoaErrorDomain, kValidationMultipleErrorsError, "Multiple validation errors occurred.",
                                {}, dict({{kDetailedErrorsKey, Value::array(std::move(details))}})));

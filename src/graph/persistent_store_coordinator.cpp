@@ -181,6 +181,7 @@ std::optional<Value> PersistentStoreCoordinator::executeRequest(const Persistent
       }
       std::vector<size_t> order = sortOrder(objects, fetch.sortDescriptors());
       std::vector<Value> sorted;
+      sorted.reserve(order.size());
       for (size_t i : order) sorted.push_back(joined[i]);
       joined.swap(sorted);
     }

@@ -53,7 +53,7 @@ void CorvaneStore::registerStoreType() {
 // ---- Opening -------------------------------------------------------------------------------
 
 CorvaneStore::CorvaneStore(PersistentStoreCoordinator* coordinator, std::string configurationName, std::string url,
-                           Value options)
+                           const Value& options)
     : IncrementalStore(coordinator, std::move(configurationName), std::move(url), options) {
   Value environmentValue = environmentFor(options);
   auto* environment = static_cast<StoreEnvironment*>(environmentValue.objectPointer());
@@ -420,7 +420,7 @@ Value CorvaneStore::metadata() const {
   Value merged = store_internal::mutableDictionaryCopy(PersistentStore::metadata());
   const Value info = infoDictionary();
   for (const auto& [key, value] : info.entries()) merged.set(key, value);
-  const Value result = merged.copy();
+  Value result = merged.copy();
   {
     MutexLock lock(&state_->metadata.mutex);
     state_->metadata.fetching = false;

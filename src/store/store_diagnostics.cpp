@@ -73,6 +73,7 @@ Value StoreDiagnostics::recentDeviceActivity() const {
   }
   std::stable_sort(activity.begin(), activity.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
   std::vector<Value> sorted;
+  sorted.reserve(activity.size());
   for (auto& [date, entry] : activity) sorted.push_back(std::move(entry));
   return Value::array(std::move(sorted));
 }

@@ -33,8 +33,7 @@ Value StoreDiagnostics::changesHistoryForObjectID(const ObjectID& objectID, Mana
     if (!uid.empty()) files = store_.changesFilesFor(*entity, uid);
   }
 
-  std::vector<Value> paths;
-  for (const std::string& file : files) paths.push_back(Value(file));
+  std::vector<Value> paths(files.begin(), files.end());
   Value head = dict({{"name", Value("Object")},
                      {"value", Value(uriPath(objectID.uriRepresentation()))},
                      {"paths", Value::array(std::move(paths))}});

@@ -109,7 +109,7 @@ void CorvanePackage::registerURL(const std::string& url, const Value& info, cons
     Value documentInfo = info.isNil() ? infoDictionaryForURL(url, env) : info;
     Value volumeInfo = volume;
     if (volumeInfo.isNil()) volumeInfo = (volumes ? volumes : defaultStoreVolumeQueries())->volumeInformation(env, url);
-    const Value identifier = documentInfo["DocumentIdentifier"];
+    const Value& identifier = documentInfo["DocumentIdentifier"];
     std::optional<Predicate> same =
         Predicate::parse("Path LIKE %@ AND DocumentInfo.DocumentIdentifier LIKE %@",
                          {Value(url), identifier.isString() ? identifier : Value("")});

@@ -204,7 +204,8 @@ std::optional<Value> CorvaneStore::executeSaveRequest(const SaveChangesRequest& 
   }
   const auto& inserted = request.insertedObjects();
   const auto& deleted = request.deletedObjects();
-  const auto count = static_cast<long long>(updated.size() + inserted.size() + deleted.size());
+  const auto count = static_cast<long long>(updated.size()) + static_cast<long long>(inserted.size()) +
+                     static_cast<long long>(deleted.size());
   NotificationCenter::defaultCenter().post(
       kCorvaneBeginSaveNotification, this,
       dict({{"count", Value(count)}, {"context", Value::object(new ContextReference(context))}}));

@@ -135,8 +135,8 @@ void CorvaneStore::updateChangesWithCompletion(std::function<void(bool)> complet
   }
   std::vector<std::string> forgotten;
   for (size_t i = start; i < applied.count(); ++i) forgotten.push_back(applied.at(i)["name"].str());
-  state_->updates.readQueue.async([this, pass, forgotten = std::move(forgotten)]() mutable {
-    checkBeforeForgetting(pass, std::move(forgotten));
+  state_->updates.readQueue.async([this, pass, forgotten = std::move(forgotten)] {
+    checkBeforeForgetting(pass, forgotten);
   });
 }
 
@@ -146,7 +146,7 @@ void CorvaneStore::updateChangesWithCompletion(std::function<void(bool)> complet
 // forgotten changes half there (known, but with none of their files counted as applied) until
 // the file arrived. So the new changes are checked first, quietly; one that would stop the pass
 // is reported as the pass would report it, and the cache stays as it is until the next try.
-void CorvaneStore::checkBeforeForgetting(std::shared_ptr<Pass> pass, std::vector<std::string> forgotten) {
+void CorvaneStore::checkBeforeForgetting(const std::shared_ptr<Pass>& pass, const std::vector<std::string>& forgotten) {
   const std::unordered_set<std::string> old(forgotten.begin(), forgotten.end());
   size_t last = pass->start;  // one past the last forgotten change that is still in the folder
   for (size_t i = pass->start; i < pass->names.size(); ++i) {
@@ -168,7 +168,7 @@ void CorvaneStore::checkBeforeForgetting(std::shared_ptr<Pass> pass, std::vector
 
 // Forgets what the log holds from the pass's start on (everything, by emptying the cache, when
 // that is the first change) and applies the files from there on the read queue.
-void CorvaneStore::beginPass(std::shared_ptr<Pass> pass) {
+void CorvaneStore::beginPass(const std::shared_ptr<Pass>& pass) {
   const Value applied = state_->cache->changes();
   if (pass->start < applied.count()) {
     std::vector<Value> kept(applied.elements().begin(), applied.elements().begin() + static_cast<long>(pass->start));
@@ -257,7 +257,7 @@ CorvaneStore::ChangeRead CorvaneStore::readChange(Pass& pass, const std::string&
   return read.as(validated.valid ? ChangeReading::Apply : ChangeReading::Invalid);
 }
 
-void CorvaneStore::runPass(std::shared_ptr<Pass> pass) {
+void CorvaneStore::runPass(const std::shared_ptr<Pass>& pass) {
   for (size_t i = pass->start; i < pass->names.size() && !state_->updates.closed; ++i) {
     ChangeRead read = readChange(*pass, pass->names[i], true);
     if (read.outcome == ChangeReading::Stop) break;

@@ -167,7 +167,7 @@ class CorvaneCacheItem final : public FastCodingObject {
   class CORVANE_SCOPED_CAPABILITY Guard {
    public:
     explicit Guard(const CorvaneCacheItem& item) CORVANE_ACQUIRE(item.mutex_) : lock_(item) {}
-    ~Guard() CORVANE_RELEASE() {}
+    ~Guard() CORVANE_RELEASE() = default;
     Guard(const Guard&) = delete;
     Guard& operator=(const Guard&) = delete;
 

@@ -70,7 +70,9 @@ class UndoManager {
     explicit DisabledRegistration(UndoManager* manager) : manager_(manager) {
       if (manager_ != nullptr) manager_->disableUndoRegistration();
     }
-    ~DisabledRegistration() {
+    // The enable balances the constructor's disable, so the manager's check that registration
+    // was disabled cannot throw here.
+    ~DisabledRegistration() {  // NOLINT(bugprone-exception-escape)
       if (manager_ != nullptr) manager_->enableUndoRegistration();
     }
     DisabledRegistration(const DisabledRegistration&) = delete;

@@ -83,7 +83,7 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   // The rest of opening (creating the package, checking the password, binding the cache, the
   // first update pass) happens in loadMetadata(), which the coordinator calls next.
   CorvaneStore(PersistentStoreCoordinator* coordinator, std::string configurationName, std::string url,
-               Value options);
+               const Value& options);
   ~CorvaneStore() override;
 
   // Registers the type with PersistentStoreCoordinator. Idempotent; any thread.
@@ -356,9 +356,9 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   enum class ChangeReading { Apply, Stop, Invalid };
   struct ChangeRead;
   ChangeRead readChange(Pass& pass, const std::string& fileName, bool report);
-  void checkBeforeForgetting(std::shared_ptr<Pass> pass, std::vector<std::string> forgotten);
-  void beginPass(std::shared_ptr<Pass> pass);
-  void runPass(std::shared_ptr<Pass> pass);
+  void checkBeforeForgetting(const std::shared_ptr<Pass>& pass, const std::vector<std::string>& forgotten);
+  void beginPass(const std::shared_ptr<Pass>& pass);
+  void runPass(const std::shared_ptr<Pass>& pass);
   // Whether the change may be applied, its updates and inserts combined (as validatedChanges()
   // answers them) and the object files it read, parsed, by "Entity/UID".
   struct ValidatedChange {
