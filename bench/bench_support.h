@@ -26,7 +26,8 @@ inline int sizeFromEnvironment(const char* variable, int fallback) {
 // named by the first call's `name` (one per process).
 inline const std::string& scratchFolder(const char* name) {
   static const std::string path = [name] {
-    std::string p = (std::filesystem::temp_directory_path() / (std::string(name) + "-" + std::to_string(::getpid()))).string();
+    std::string p =
+        (std::filesystem::temp_directory_path() / (std::string(name) + "-" + std::to_string(::getpid()))).string();
     std::filesystem::create_directories(p);
     return p;
   }();
@@ -136,9 +137,9 @@ class TimeRatioReporter final : public KeepingReporter {
  public:
   struct Row {
     std::string label;
-    std::string ours;       // benchmark names as reported ("BM_X/iterations:5")
+    std::string ours;  // benchmark names as reported ("BM_X/iterations:5")
     std::string reference;
-    std::string goal;       // "" when there is none
+    std::string goal;  // "" when there is none
   };
   explicit TimeRatioReporter(std::vector<Row> rows) : rows_(std::move(rows)) {}
 

@@ -21,7 +21,6 @@
 #include <vector>
 
 #include "bench_support.h"
-#include "document_bench_support.h"
 #include "corvane/document/corvane_document.h"
 #include "corvane/foundation/env.h"
 #include "corvane/foundation/run_loop.h"
@@ -29,6 +28,7 @@
 #include "corvane/graph/managed_object_context.h"
 #include "corvane/graph/object_model.h"
 #include "corvane/store/corvane_store.h"
+#include "document_bench_support.h"
 
 using namespace corvane;
 namespace fs = std::filesystem;

@@ -162,7 +162,7 @@ int main(int argc, char** argv) {
       comparisons.push_back({suffix, "BM_SeaCrypto" + suffix, "BM_OpenSSL" + suffix});
     }
   }
-  return corvane::bench::runWithRatios(
-      argc, argv, "SeaCrypto throughput / OpenSSL reference (goal: 0.90 or better from 64 KiB up)",
-      "bytes_per_second", comparisons);
+  return corvane::bench::runWithRatios(argc, argv,
+                                       "SeaCrypto throughput / OpenSSL reference (goal: 0.90 or better from 64 KiB up)",
+                                       "bytes_per_second", comparisons);
 }

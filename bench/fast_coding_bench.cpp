@@ -115,7 +115,8 @@ double peakHeapMB(F work) {
 class BenchItem final : public FastCodingObject {
  public:
   BenchItem(Value attributes, Value relations) : attributes_(std::move(attributes)), relations_(std::move(relations)) {}
-  explicit BenchItem(FCNSDecoder& d) : attributes_(d.decodeObjectForKey("attributes")), relations_(d.decodeObjectForKey("relations")) {}
+  explicit BenchItem(FCNSDecoder& d)
+      : attributes_(d.decodeObjectForKey("attributes")), relations_(d.decodeObjectForKey("relations")) {}
   std::string className() const override { return "BenchCacheItem"; }
   bool supportsKeyedCoding() const override { return true; }
   void encodeWithCoder(FCNSCoder& coder) const override {
@@ -372,9 +373,10 @@ BENCHMARK(BM_MsgpackUnpackOnly)->Unit(benchmark::kMillisecond);
 class CodingReporter final : public corvane::bench::KeepingReporter {
  public:
   void printTable() const override {
-    std::printf("\nCache-shaped graph of %d items; ratio = msgpack time / FastCoding time (goal: decode >= 1.0, "
-                "encode >= 0.8)\n",
-                kItems);
+    std::printf(
+        "\nCache-shaped graph of %d items; ratio = msgpack time / FastCoding time (goal: decode >= 1.0, "
+        "encode >= 0.8)\n",
+        kItems);
     std::printf("%-8s %16s %16s %14s %14s %7s\n", "", "FastCoding MB/s", "msgpack MB/s", "Fast peak MB",
                 "msgpack peak MB", "ratio");
     auto row = [&](const char* label, const char* ours, const char* theirs) {

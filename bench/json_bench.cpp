@@ -20,7 +20,8 @@ std::string changeFileText() {
     char uid[8];
     std::snprintf(uid, sizeof uid, "%04X", i);
     if (i) s += ",";
-    s += "\"" + uidBase + uid + "\":{\"data\":[{\"length\":4096,\"hash\":"
+    s += "\"" + uidBase + uid +
+         "\":{\"data\":[{\"length\":4096,\"hash\":"
          "\"9f86d081884c7d659a2feaa0c55ad015a3bf4f1b2b0b822cd15d6c15b0f00a08\",\"name\":\"" +
          uidBase + uid + "\"}]}";
   }
@@ -29,11 +30,12 @@ std::string changeFileText() {
     if (i) s += ",";
     s += "\"" + uidBase + "1" + std::to_string(100 + i) + "\":{}";
   }
-  s += R"(}}},"session":{"userName":"ann","fullUserName":"Ann Example","machineName":"ann-laptop",)"
-       R"("id":"0D8F6A3C-2B11-4C7E-9E2F-5C1E0E9A1B6B","version":"412","osVersion":"Debian GNU/Linux 12"},)"
-       R"("previousName":"2024-05-17-09-40-00.000.0D8F6A3C-2B11-4C7E-9E2F-5C1E0E9A1B6B.json",)"
-       R"("payload":{"title":{"value":"Groceries"},"count":{"value":"12"},"price":{"value":"3.25"},)"
-       R"("tags":{"addedValues":["Tag/5C1E0E9A-1B6B-4C7E-9E2F-0D8F6A3C0001","Tag/5C1E0E9A-1B6B-4C7E-9E2F-0D8F6A3C0002"]}}})";
+  s +=
+      R"(}}},"session":{"userName":"ann","fullUserName":"Ann Example","machineName":"ann-laptop",)"
+      R"("id":"0D8F6A3C-2B11-4C7E-9E2F-5C1E0E9A1B6B","version":"412","osVersion":"Debian GNU/Linux 12"},)"
+      R"("previousName":"2024-05-17-09-40-00.000.0D8F6A3C-2B11-4C7E-9E2F-5C1E0E9A1B6B.json",)"
+      R"("payload":{"title":{"value":"Groceries"},"count":{"value":"12"},"price":{"value":"3.25"},)"
+      R"("tags":{"addedValues":["Tag/5C1E0E9A-1B6B-4C7E-9E2F-0D8F6A3C0001","Tag/5C1E0E9A-1B6B-4C7E-9E2F-0D8F6A3C0002"]}}})";
   return s;
 }
 
@@ -82,5 +84,6 @@ BENCHMARK(BM_ValueWriteCompact);
 
 int main(int argc, char** argv) {
   return corvane::bench::runWithRatios(argc, argv, "JSON parsing into Value / RapidJSON into its document (goal 0.7)",
-                                       "bytes_per_second", {{"parse change file", "BM_ValueParse", "BM_RapidJSONParse"}});
+                                       "bytes_per_second",
+                                       {{"parse change file", "BM_ValueParse", "BM_RapidJSONParse"}});
 }

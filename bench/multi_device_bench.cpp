@@ -95,7 +95,8 @@ struct Device {
 };
 
 std::string scratch(const std::string& name) {
-  std::string path = Env::defaultEnv()->temporaryDirectory() + "/corvane-bench-" + std::to_string(::getpid()) + "-" + name;
+  std::string path =
+      Env::defaultEnv()->temporaryDirectory() + "/corvane-bench-" + std::to_string(::getpid()) + "-" + name;
   fs::remove_all(path);
   fs::create_directories(path);
   return path;
@@ -141,7 +142,8 @@ double percentile(std::vector<double> values, double p) {
 void BM_ArrivalLatency(benchmark::State& state) {
   const std::string root = scratch("arrival");
   Device writer, reader;
-  if (!writer.open(root + "/A/Doc.corvane", root + "/A-cache", false)) return state.SkipWithError("writer did not open");
+  if (!writer.open(root + "/A/Doc.corvane", root + "/A-cache", false))
+    return state.SkipWithError("writer did not open");
   mirror(root + "/A/Doc.corvane", root + "/B/Doc.corvane", false);
   fs::create_directories(root + "/B/Doc.corvane/.held");
   if (!reader.open(root + "/B/Doc.corvane", root + "/B-cache", true)) return state.SkipWithError("reader did not open");
@@ -209,8 +211,18 @@ void catchUp(benchmark::State& state, bool replay) {
 
 void BM_CatchUp(benchmark::State& state) { catchUp(state, false); }
 void BM_ReplayFromScratch(benchmark::State& state) { catchUp(state, true); }
-BENCHMARK(BM_CatchUp)->Args({0, 1000})->Args({1000, 1000})->Args({3000, 1000})->Iterations(1)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_ReplayFromScratch)->Args({0, 1000})->Args({1000, 1000})->Args({3000, 1000})->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CatchUp)
+    ->Args({0, 1000})
+    ->Args({1000, 1000})
+    ->Args({3000, 1000})
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ReplayFromScratch)
+    ->Args({0, 1000})
+    ->Args({1000, 1000})
+    ->Args({3000, 1000})
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

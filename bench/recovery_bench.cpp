@@ -17,7 +17,6 @@
 #include <string>
 
 #include "bench_support.h"
-#include "document_bench_support.h"
 #include "corvane/cache/cache.h"
 #include "corvane/document/corvane_document.h"
 #include "corvane/foundation/run_loop.h"
@@ -25,6 +24,7 @@
 #include "corvane/graph/managed_object_context.h"
 #include "corvane/graph/object_model.h"
 #include "corvane/recovery/corvane_recovery.h"
+#include "document_bench_support.h"
 
 using namespace corvane;
 namespace fs = std::filesystem;
@@ -46,7 +46,9 @@ std::shared_ptr<ObjectModel> model() {
   return m;
 }
 
-DocumentOptions options(const std::string& cache) { return corvane::bench::benchDocumentOptions(model(), root(), cache); }
+DocumentOptions options(const std::string& cache) {
+  return corvane::bench::benchDocumentOptions(model(), root(), cache);
+}
 
 const std::string& original() {
   static const std::string path = [] {

@@ -28,9 +28,9 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "corvane/cache/cache.h"
 #include "corvane/foundation/env.h"
 #include "corvane/foundation/json.h"
-#include "corvane/cache/cache.h"
 #include "corvane/foundation/notification_center.h"
 #include "corvane/foundation/run_loop.h"
 #include "corvane/foundation/user_defaults.h"
@@ -137,7 +137,8 @@ struct SQLite {
   void insert(int n, size_t blob, int first) {
     exec("BEGIN");
     sqlite3_stmt* s = nullptr;
-    sqlite3_prepare_v2(db, "INSERT INTO item (uid, title, count, grp, payload) VALUES (?, ?, ?, ?, ?)", -1, &s, nullptr);
+    sqlite3_prepare_v2(db, "INSERT INTO item (uid, title, count, grp, payload) VALUES (?, ?, ?, ?, ?)", -1, &s,
+                       nullptr);
     for (int i = 0; i < n; ++i) {
       const std::string uid = Env::defaultEnv()->newUUIDString();
       const std::string title = "Item " + std::to_string(first + i);
@@ -172,7 +173,8 @@ std::vector<size_t> lastSaveSizes(const std::string& package) {
     if (!e.is_regular_file()) continue;
     const bool objectFile = e.path().filename() == name;
     const bool dataFile = e.path().parent_path().filename() == "Data";
-    if (objectFile || (dataFile && fs::last_write_time(e.path()) >= fs::last_write_time(changes.back()) - std::chrono::hours(1))) {
+    if (objectFile ||
+        (dataFile && fs::last_write_time(e.path()) >= fs::last_write_time(changes.back()) - std::chrono::hours(1))) {
       sizes.push_back(static_cast<size_t>(e.file_size()));
     }
   }
@@ -308,9 +310,10 @@ std::vector<std::string> writeHistory(const std::string& package, int changes, i
   fs::create_directories(package + "/Entities/Item");
   {
     std::ofstream info(package + "/Info.plist");
-    info << R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
-         << R"(<key>DocumentIdentifier</key><string>BENCH</string><key>Corvane</key><dict><key>CFBundleIdentifier</key>)"
-         << R"(<string>org.corvane.Corvane</string></dict></dict></plist>)";
+    info
+        << R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
+        << R"(<key>DocumentIdentifier</key><string>BENCH</string><key>Corvane</key><dict><key>CFBundleIdentifier</key>)"
+        << R"(<string>org.corvane.Corvane</string></dict></dict></plist>)";
   }
   Env* env = Env::defaultEnv();
   std::vector<std::string> files;

@@ -24,9 +24,10 @@ constexpr int kClients = 100;
 constexpr int kDocuments = 10;
 
 std::string record(int client) {
-  return "{\"documentIdentifier\":\"document-" + std::to_string(client % kDocuments) + "\",\"deviceIdentifier\":\"device-" +
-         std::to_string(client) +
-         "\",\"changesInfo\":\"120 in Cache / 120 on Disk\",\"checkSum\":\"A1B2C3\",\"contentChecksum\":{\"Note\":\"0F1E2D\","
+  return "{\"documentIdentifier\":\"document-" + std::to_string(client % kDocuments) +
+         "\",\"deviceIdentifier\":\"device-" + std::to_string(client) +
+         "\",\"changesInfo\":\"120 in Cache / 120 on "
+         "Disk\",\"checkSum\":\"A1B2C3\",\"contentChecksum\":{\"Note\":\"0F1E2D\","
          "\"Folder\":\"ABCDEF\"},\"contentChecksumVersion\":7,\"bundleVersion\":\"12\",\"url\":\"file:///home/me/"
          "Notes.corvane\",\"version\":\"12\"}";
 }
@@ -68,7 +69,8 @@ int main() {
         if (!result || result->status != 200) {
           if (failures++ == 0) {
             std::fprintf(stderr, "first failure: %s\n",
-                         result ? ("status " + std::to_string(result->status)).c_str() : httplib::to_string(result.error()).c_str());
+                         result ? ("status " + std::to_string(result->status)).c_str()
+                                : httplib::to_string(result.error()).c_str());
           }
         }
         mine.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - sent).count());
@@ -85,7 +87,8 @@ int main() {
   waitpid(server, nullptr, 0);
   std::sort(latencies.begin(), latencies.end());
   auto percentile = [&](double p) {
-    return latencies.empty() ? 0.0 : latencies[std::min(latencies.size() - 1, static_cast<size_t>(p * latencies.size()))];
+    return latencies.empty() ? 0.0
+                             : latencies[std::min(latencies.size() - 1, static_cast<size_t>(p * latencies.size()))];
   };
   std::printf("%d clients, %d documents, %.1f s: %zu requests, %.0f requests/s, %ld failed\n", kClients, kDocuments,
               elapsed, latencies.size(), static_cast<double>(latencies.size()) / elapsed, failures.load());

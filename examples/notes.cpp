@@ -124,7 +124,8 @@ int main(int argc, char** argv) {
     FetchRequest inboxRequest("Folder");
     inboxRequest.setPredicate(Predicate::parse("name == 'Inbox'"));
     note->setToOne("folder", (*background->fetch(inboxRequest))[0].get());
-    if (!background->save(&error)) std::fprintf(stderr, "Background save failed: %s\n", error.localizedDescription.c_str());
+    if (!background->save(&error))
+      std::fprintf(stderr, "Background save failed: %s\n", error.localizedDescription.c_str());
   });
   printNotes("After the background save:", *context.fetch(request));
 

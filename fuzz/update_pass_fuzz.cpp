@@ -341,8 +341,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   copyTree(env, seed.folder, fixture->work);
   // The chosen file, or a change file that sorts after the last one.
-  const std::string relative = choice < seed.files.size() ? seed.files[choice].relative
-                                                          : "Changes/" + seed.lastChange + "~.json";
+  const std::string relative =
+      choice < seed.files.size() ? seed.files[choice].relative : "Changes/" + seed.lastChange + "~.json";
   if (!env->writeFileAtomically(fixture->work + "/" + relative, content, nullptr)) fail("cannot write " + relative);
 
   fixture->env->fenced = true;

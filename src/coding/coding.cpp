@@ -172,9 +172,7 @@ std::optional<Bytes> KeyedArchiveObject::keyedArchive() const {
 
 void KeyedArchiveObject::encodeWithCoder(FCNSCoder& coder) const { coder.encodeObject(archive_, "archive"); }
 
-Value KeyedArchiveObject::valueForKey(std::string_view key) const {
-  return key == "archive" ? archive_ : Value();
-}
+Value KeyedArchiveObject::valueForKey(std::string_view key) const { return key == "archive" ? archive_ : Value(); }
 
 // ---- ClassRegistry ------------------------------------------------------------------------
 

@@ -31,12 +31,56 @@ inline constexpr size_t kFastHeaderSize = 20;
 inline constexpr int kFastMaxDepth = 2000;
 
 enum FastType : uint8_t {
-  kNil = 0, kNull, kAlias8, kAlias16, kAlias32, kStringAlias8, kStringAlias16, kStringAlias32,
-  kString, kDictionary, kArray, kSet, kOrderedSet, kTrue, kFalse, kInt8, kInt16, kInt32, kInt64,
-  kFloat32, kFloat64, kData, kLegacyDate, kMutableString, kMutableDictionary, kMutableArray,
-  kMutableSet, kMutableOrderedSet, kMutableData, kClassDefinition, kObject8, kObject16, kObject32,
-  kURL, kPoint, kSize, kRect, kRange, kVector, kAffineTransform, kTransform3D, kMutableIndexSet,
-  kIndexSet, kCodedObject, kDecimalNumber, kOne, kZero, kKeyedArchive, kDate, kFastTypeCount
+  kNil = 0,
+  kNull,
+  kAlias8,
+  kAlias16,
+  kAlias32,
+  kStringAlias8,
+  kStringAlias16,
+  kStringAlias32,
+  kString,
+  kDictionary,
+  kArray,
+  kSet,
+  kOrderedSet,
+  kTrue,
+  kFalse,
+  kInt8,
+  kInt16,
+  kInt32,
+  kInt64,
+  kFloat32,
+  kFloat64,
+  kData,
+  kLegacyDate,
+  kMutableString,
+  kMutableDictionary,
+  kMutableArray,
+  kMutableSet,
+  kMutableOrderedSet,
+  kMutableData,
+  kClassDefinition,
+  kObject8,
+  kObject16,
+  kObject32,
+  kURL,
+  kPoint,
+  kSize,
+  kRect,
+  kRange,
+  kVector,
+  kAffineTransform,
+  kTransform3D,
+  kMutableIndexSet,
+  kIndexSet,
+  kCodedObject,
+  kDecimalNumber,
+  kOne,
+  kZero,
+  kKeyedArchive,
+  kDate,
+  kFastTypeCount
 };
 
 [[noreturn]] void throwEOF(size_t offset);
@@ -360,7 +404,7 @@ class FastWriter {
   std::array<StringNodeSlot, 1024> stringNodes_{};
   std::unordered_map<Value, uint32_t, ValueHash> urls_;
   uint32_t stringCount_ = 0;
-  std::unordered_map<std::string, ClassEntry> classes_;       // classes of registered objects
+  std::unordered_map<std::string, ClassEntry> classes_;  // classes of registered objects
   std::unordered_map<const DictClass*, uint32_t> dictClassIndex_;
   std::unordered_map<std::string, DictClass*> dictClassesByName_;
   std::vector<std::unique_ptr<DictClass>> dictClasses_;

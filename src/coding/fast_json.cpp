@@ -355,7 +355,8 @@ class Builder {
   }
 
   std::optional<std::vector<double>> numbers(const JsonValue& j, size_t count, const char* what) {
-    if (!j.IsArray() || j.Size() != count) return fail(std::string(what) + " takes " + std::to_string(count) + " numbers");
+    if (!j.IsArray() || j.Size() != count)
+      return fail(std::string(what) + " takes " + std::to_string(count) + " numbers");
     std::vector<double> out;
     for (const auto& n : j.GetArray()) {
       if (!n.IsNumber()) return fail(std::string(what) + " takes " + std::to_string(count) + " numbers");
@@ -374,8 +375,8 @@ class Builder {
     if (name == "$nil") return Value();
     if (name == "$alias") {
       if (!body.IsString()) return fail("$alias takes a key path string");
-      return Value::dictionary({{Value("$alias"), Value::string(std::string_view(body.GetString(), body.GetStringLength()))}},
-                               mutable_);
+      return Value::dictionary(
+          {{Value("$alias"), Value::string(std::string_view(body.GetString(), body.GetStringLength()))}}, mutable_);
     }
     if (name == "$cycle") return fail("a cycle cannot be built from JSON");
     if (name == "$data") {

@@ -13,10 +13,41 @@ namespace corvane::detail {
 namespace {
 
 enum LegacyType : uint32_t {
-  lNull = 0, lAlias, lString, lDictionary, lArray, lSet, lOrderedSet, lTrue, lFalse, lInt32, lInt64,
-  lFloat32, lFloat64, lData, lDate, lMutableString, lMutableDictionary, lMutableArray, lMutableSet,
-  lMutableOrderedSet, lMutableData, lClassDefinition, lObjectInstance, lNil, lURL, lPoint, lSize, lRect,
-  lRange, lAffineTransform, lTransform3D, lMutableIndexSet, lIndexSet, lCodedObject, lTypeCount
+  lNull = 0,
+  lAlias,
+  lString,
+  lDictionary,
+  lArray,
+  lSet,
+  lOrderedSet,
+  lTrue,
+  lFalse,
+  lInt32,
+  lInt64,
+  lFloat32,
+  lFloat64,
+  lData,
+  lDate,
+  lMutableString,
+  lMutableDictionary,
+  lMutableArray,
+  lMutableSet,
+  lMutableOrderedSet,
+  lMutableData,
+  lClassDefinition,
+  lObjectInstance,
+  lNil,
+  lURL,
+  lPoint,
+  lSize,
+  lRect,
+  lRange,
+  lAffineTransform,
+  lTransform3D,
+  lMutableIndexSet,
+  lIndexSet,
+  lCodedObject,
+  lTypeCount
 };
 
 class LegacyReader {

@@ -104,7 +104,7 @@ void setPropertyValue(const Value& target, const Value& key, const Value& value)
   if (Object* obj = target.objectPointer()) {
     obj->setValueForKey(key.str(), value);
   } else if (target.isDictionary()) {
-    Value dict = target;  // shares the node
+    Value dict = target;   // shares the node
     dict.set(key, value);  // a nil value leaves the key out, as key-value setting does
   }
 }
@@ -483,20 +483,55 @@ Value FastReader::c_date(FastReader& r) {
 }
 
 const FastReader::Constructor* FastReader::table(bool propertyListOnly) {
-  static const std::array<Constructor, kFastTypeCount> all = {
-      c_nil,          c_null,         c_alias8,        c_alias16,
-      c_alias32,      c_stringAlias8, c_stringAlias16, c_stringAlias32,
-      c_string,       c_dictionary,   c_array,         c_set,
-      c_orderedSet,   c_true,         c_false,         c_int8,
-      c_int16,        c_int32,        c_int64,         c_float32,
-      c_float64,      c_data,         c_legacyDate,    c_mutableString,
-      c_mutableDictionary, c_mutableArray, c_mutableSet, c_mutableOrderedSet,
-      c_mutableData,  c_classDefinition, c_object8,    c_object16,
-      c_object32,     c_url,          c_point,         c_size,
-      c_rect,         c_range,        c_vector,        c_affineTransform,
-      c_transform3D,  c_mutableIndexSet, c_indexSet,   c_codedObject,
-      c_decimal,      c_one,          c_zero,          c_keyedArchive,
-      c_date};
+  static const std::array<Constructor, kFastTypeCount> all = {c_nil,
+                                                              c_null,
+                                                              c_alias8,
+                                                              c_alias16,
+                                                              c_alias32,
+                                                              c_stringAlias8,
+                                                              c_stringAlias16,
+                                                              c_stringAlias32,
+                                                              c_string,
+                                                              c_dictionary,
+                                                              c_array,
+                                                              c_set,
+                                                              c_orderedSet,
+                                                              c_true,
+                                                              c_false,
+                                                              c_int8,
+                                                              c_int16,
+                                                              c_int32,
+                                                              c_int64,
+                                                              c_float32,
+                                                              c_float64,
+                                                              c_data,
+                                                              c_legacyDate,
+                                                              c_mutableString,
+                                                              c_mutableDictionary,
+                                                              c_mutableArray,
+                                                              c_mutableSet,
+                                                              c_mutableOrderedSet,
+                                                              c_mutableData,
+                                                              c_classDefinition,
+                                                              c_object8,
+                                                              c_object16,
+                                                              c_object32,
+                                                              c_url,
+                                                              c_point,
+                                                              c_size,
+                                                              c_rect,
+                                                              c_range,
+                                                              c_vector,
+                                                              c_affineTransform,
+                                                              c_transform3D,
+                                                              c_mutableIndexSet,
+                                                              c_indexSet,
+                                                              c_codedObject,
+                                                              c_decimal,
+                                                              c_one,
+                                                              c_zero,
+                                                              c_keyedArchive,
+                                                              c_date};
   static const std::array<Constructor, kFastTypeCount> propertyList = [] {
     auto t = all;
     for (int code : {kNil, kClassDefinition, kObject8, kObject16, kObject32, kCodedObject, kKeyedArchive})

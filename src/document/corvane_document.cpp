@@ -80,8 +80,8 @@ CorvaneDocument::CorvaneDocument(DocumentOptions options)
       options_(std::move(options)),
       subscribers_(std::make_shared<Subscribers>()),
       alive_(std::make_shared<bool>(true)) {
-  env_ = std::make_unique<DocumentEnv>(options_.env != nullptr ? options_.env : Env::defaultEnv(),
-                                       options_.machineName);
+  env_ =
+      std::make_unique<DocumentEnv>(options_.env != nullptr ? options_.env : Env::defaultEnv(), options_.machineName);
   defaults_ = options_.defaults;
   if (!defaults_) {
     const std::string identifier = options_.application ? options_.application->identifier : "";
@@ -119,7 +119,9 @@ CorvaneDocument::~CorvaneDocument() {
   alive_.reset();
 }
 
-RunLoop& CorvaneDocument::mainLoop() const { return options_.mainLoop != nullptr ? *options_.mainLoop : RunLoop::main(); }
+RunLoop& CorvaneDocument::mainLoop() const {
+  return options_.mainLoop != nullptr ? *options_.mainLoop : RunLoop::main();
+}
 
 std::shared_ptr<Interaction> CorvaneDocument::interaction() const { return environment_->interactionOrDefault(); }
 
@@ -173,8 +175,8 @@ bool CorvaneDocument::configurePersistentStoreCoordinator(const std::string& url
   if (env->fileExists(url)) (void)CorvaneSetKeepDownloaded(env, url, true);
   // 3. Network volumes cannot hold a package safely.
   if (!CorvaneIsLocalURL(env, url, defaults_.get())) {
-    interaction()->runAlert(Alert{"This volume is not supported",
-                                  "Network mounted volumes are not supported for this file type.", {}});
+    interaction()->runAlert(
+        Alert{"This volume is not supported", "Network mounted volumes are not supported for this file type.", {}});
     return false;
   }
   // 4. and 5. iCloud Drive.
@@ -341,8 +343,8 @@ bool CorvaneDocument::isCorrectFormat(const std::string& path, Env* env) {
 void CorvaneDocument::bindToStore() {
   CorvaneStore* store = store_;
   std::weak_ptr<bool> alive = alive_;
-  errorLevelSubscription_ = store->errorLevelObservable().subscribe(
-      [this, alive](const std::string&, const std::string& level) {
+  errorLevelSubscription_ =
+      store->errorLevelObservable().subscribe([this, alive](const std::string&, const std::string& level) {
         if (!alive.expired()) setErrorLevel(level);
       });
   // The cache's count of objects still to load changes on background queues: read it often.
@@ -601,7 +603,8 @@ void CorvaneDocument::resetCache() {
   CORVANE_DCHECK(mainLoop().isMainThread());
   if (store_ == nullptr) return;
   Error error;
-  if (!store_->resetCache(&error)) logLine("Resetting the cache failed: " + error.localizedDescription, LogLevel::Error);
+  if (!store_->resetCache(&error))
+    logLine("Resetting the cache failed: " + error.localizedDescription, LogLevel::Error);
   std::weak_ptr<bool> alive = alive_;
   const std::string url = fileURL();
   mainLoop().postAfter(1.0, [this, alive, url] {

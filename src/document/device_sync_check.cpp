@@ -175,7 +175,8 @@ DeviceSyncCheck::Comparison DeviceSyncCheck::compare(const Value& answer, const 
   for (const Value& key : answer.keys()) {
     Value record = answer[key.str()].isDictionary() ? answer[key.str()].mutableCopy() : Value::mutableDictionary();
     const std::string device = record["deviceIdentifier"].str();
-    if (device == thisDevice) record.set(Value("deviceIdentifier"), Value(fmt::format("{} ({})", device, "This device")));
+    if (device == thisDevice)
+      record.set(Value("deviceIdentifier"), Value(fmt::format("{} ({})", device, "This device")));
     checksums.insert(record["checkSum"].isString() ? record["checkSum"].str() : record["deviceIdentifier"].str());
     changes.insert(record["changesInfo"].isString() ? record["changesInfo"].str() : record["deviceIdentifier"].str());
     result.devices.push_back(std::move(record));

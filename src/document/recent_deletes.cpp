@@ -13,10 +13,10 @@
 
 #include "corvane/cache/cache.h"
 #include "corvane/document/corvane_document.h"
-#include "corvane/foundation/interaction.h"
-#include "corvane/foundation/log.h"
 #include "corvane/foundation/date_format.h"
 #include "corvane/foundation/env.h"
+#include "corvane/foundation/interaction.h"
+#include "corvane/foundation/log.h"
 #include "corvane/graph/object_id.h"
 #include "corvane/graph/object_model.h"
 #include "corvane/store/corvane_store.h"
@@ -72,8 +72,8 @@ struct Deletion {
 
 }  // namespace
 
-std::string recentDeletesReport(CorvaneStore* store, const ObjectModel& model, const std::string& entityName,
-                                Env* env, const DeletedObjectLabel& label) {
+std::string recentDeletesReport(CorvaneStore* store, const ObjectModel& model, const std::string& entityName, Env* env,
+                                const DeletedObjectLabel& label) {
   CorvaneCache* cache = store != nullptr ? store->cache() : nullptr;
   if (cache == nullptr || !cache->changeLog()) return "No change log available";
   const Value log = cache->changes();

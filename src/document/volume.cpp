@@ -167,9 +167,9 @@ std::string_view remoteHost(std::string_view source) {
 // Kernel pseudo file systems and package images hold no user documents.
 bool holdsUserFiles(const VolumeInfo& volume) {
   static constexpr std::array<std::string_view, 24> kPseudo = {
-      "proc",       "sysfs",     "devtmpfs", "devpts",     "cgroup",   "cgroup2",  "securityfs", "debugfs",
-      "tracefs",    "bpf",       "mqueue",   "hugetlbfs",  "pstore",   "configfs", "fusectl",    "binfmt_misc",
-      "autofs",     "efivarfs",  "nsfs",     "rpc_pipefs", "squashfs", "ramfs",    "selinuxfs",  "fuse.portal"};
+      "proc",    "sysfs",    "devtmpfs", "devpts",     "cgroup",   "cgroup2",  "securityfs", "debugfs",
+      "tracefs", "bpf",      "mqueue",   "hugetlbfs",  "pstore",   "configfs", "fusectl",    "binfmt_misc",
+      "autofs",  "efivarfs", "nsfs",     "rpc_pipefs", "squashfs", "ramfs",    "selinuxfs",  "fuse.portal"};
   for (std::string_view type : kPseudo) {
     if (volume.fileSystemType == type) return false;
   }
@@ -229,12 +229,14 @@ Value volumeProperties(Env* env, const VolumeInfo& volume) {
   if (device.empty()) return Value();
   std::vector<std::pair<Value, Value>> entries;
   if (auto rotational = blockAttribute(env, device, "queue/rotational")) {
-    entries.emplace_back(Value::string("Medium Type"), Value::string(*rotational == "0" ? "Solid State" : "Rotational"));
+    entries.emplace_back(Value::string("Medium Type"),
+                         Value::string(*rotational == "0" ? "Solid State" : "Rotational"));
   }
   const std::pair<const char*, const char*> kDescriptive[] = {
       {"device/vendor", "Vendor Name"}, {"device/model", "Product Name"}, {"device/rev", "Product Revision Level"}};
   for (const auto& [attribute, key] : kDescriptive) {
-    if (auto text = blockAttribute(env, device, attribute)) entries.emplace_back(Value::string(key), Value::string(*text));
+    if (auto text = blockAttribute(env, device, attribute))
+      entries.emplace_back(Value::string(key), Value::string(*text));
   }
   return entries.empty() ? Value() : Value::dictionary(std::move(entries));
 }

@@ -259,9 +259,7 @@ class BinaryPlistReader {
 
 }  // namespace
 
-bool isBinaryPropertyList(ByteView bytes) {
-  return bytes.size() >= 8 && std::memcmp(bytes.data(), "bplist00", 8) == 0;
-}
+bool isBinaryPropertyList(ByteView bytes) { return bytes.size() >= 8 && std::memcmp(bytes.data(), "bplist00", 8) == 0; }
 
 std::optional<Value> readBinaryPropertyList(ByteView bytes, bool mutableContainers, std::string* reason) {
   return BinaryPlistReader(bytes).read(mutableContainers, reason);

@@ -76,15 +76,22 @@ void appendNumber(std::string* out, int64_t value, int minDigits) {
 
 bool isSupported(char letter, int count) {
   switch (letter) {
-    case 'y': return count == 4;
-    case 'M': return count == 2 || count == 3;
-    case 'd': return count == 1 || count == 2;
+    case 'y':
+      return count == 4;
+    case 'M':
+      return count == 2 || count == 3;
+    case 'd':
+      return count == 1 || count == 2;
     case 'H':
     case 'm':
-    case 's': return count == 2;
-    case 'S': return count == 3;
-    case 'Z': return count == 1;
-    default: return false;
+    case 's':
+      return count == 2;
+    case 'S':
+      return count == 3;
+    case 'Z':
+      return count == 1;
+    default:
+      return false;
   }
 }
 
@@ -173,8 +180,12 @@ std::string DateFormatter::format(double date) const {
   std::string out;
   for (const Field& f : fields_) {
     switch (f.letter) {
-      case 0: out += f.literal; break;
-      case 'y': appendNumber(&out, civil.year, 4); break;
+      case 0:
+        out += f.literal;
+        break;
+      case 'y':
+        appendNumber(&out, civil.year, 4);
+        break;
       case 'M':
         if (f.count == 3) {
           out += kMonthNames[civil.month - 1];
@@ -182,11 +193,21 @@ std::string DateFormatter::format(double date) const {
           appendNumber(&out, civil.month, 2);
         }
         break;
-      case 'd': appendNumber(&out, civil.day, f.count); break;
-      case 'H': appendNumber(&out, secondOfDay / 3600, 2); break;
-      case 'm': appendNumber(&out, secondOfDay / 60 % 60, 2); break;
-      case 's': appendNumber(&out, secondOfDay % 60, 2); break;
-      case 'S': appendNumber(&out, millis, 3); break;
+      case 'd':
+        appendNumber(&out, civil.day, f.count);
+        break;
+      case 'H':
+        appendNumber(&out, secondOfDay / 3600, 2);
+        break;
+      case 'm':
+        appendNumber(&out, secondOfDay / 60 % 60, 2);
+        break;
+      case 's':
+        appendNumber(&out, secondOfDay % 60, 2);
+        break;
+      case 'S':
+        appendNumber(&out, millis, 3);
+        break;
       case 'Z': {
         int minutes = offset / 60;
         out.push_back(minutes < 0 ? '-' : '+');
@@ -233,8 +254,7 @@ std::optional<double> DateFormatter::parse(std::string_view text) const {
     }
   }
   if (pos != text.size()) return std::nullopt;
-  if (month < 1 || month > 12 || day < 1 || day > daysInMonth(year, month) || hour > 23 || minute > 59 ||
-      second > 59) {
+  if (month < 1 || month > 12 || day < 1 || day > daysInMonth(year, month) || hour > 23 || minute > 59 || second > 59) {
     return std::nullopt;
   }
   const int64_t wallSeconds = (daysFromCivil(year, month, day) - kDaysFrom1970To2001) * kSecondsPerDay +

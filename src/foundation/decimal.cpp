@@ -139,9 +139,9 @@ std::optional<Decimal> Decimal::fromString(std::string_view text) {
     ++pos;
   }
   Mantissa m = 0;
-  int kept = 0;             // significant digits in m
-  int firstDropped = -1;    // first digit that did not fit, for rounding
-  long exponent = 0;        // adjustment from digits dropped or after the point
+  int kept = 0;           // significant digits in m
+  int firstDropped = -1;  // first digit that did not fit, for rounding
+  long exponent = 0;      // adjustment from digits dropped or after the point
   bool sawDigit = false;
   auto takeDigit = [&](int d, bool afterPoint) {
     sawDigit = true;
@@ -310,9 +310,8 @@ double Decimal::toDouble() const noexcept {
   if (nan_) return std::numeric_limits<double>::quiet_NaN();
   if (mantissa_ == 0) return negative_ ? -0.0 : 0.0;
   // Both factors exact in a double: one correctly rounded operation gives the exact result.
-  static constexpr double kExactPow10[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
-                                           1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
-                                           1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+  static constexpr double kExactPow10[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+                                           1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
   if (mantissa_ < (static_cast<Mantissa>(1) << 53) && exponent_ >= -22 && exponent_ <= 22) {
     const auto m = static_cast<double>(static_cast<uint64_t>(mantissa_));
     const double v = exponent_ >= 0 ? m * kExactPow10[exponent_] : m / kExactPow10[-exponent_];

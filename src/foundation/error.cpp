@@ -9,7 +9,9 @@ namespace {
 
 // strerror_r comes in a GNU flavour (returns the text) and an XSI flavour (fills the buffer);
 // overloads pick whichever the C library declares. strerror itself is not thread-safe.
-[[maybe_unused]] const char* errorText(int result, const char* buffer) { return result == 0 ? buffer : "Unknown error"; }
+[[maybe_unused]] const char* errorText(int result, const char* buffer) {
+  return result == 0 ? buffer : "Unknown error";
+}
 [[maybe_unused]] const char* errorText(const char* result, const char* /*buffer*/) { return result; }
 
 std::string systemErrorText(int err) {

@@ -27,8 +27,7 @@ bool createDirectoryAtPathIfNeeded(Env* env, const std::string& path) {
   return env->createDirectory(path, true, nullptr);
 }
 
-void corvaneMergeContentsOfPath(Env* env, const std::string& source, const std::string& destination,
-                                Error* error) {
+void corvaneMergeContentsOfPath(Env* env, const std::string& source, const std::string& destination, Error* error) {
   if (error != nullptr) *error = Error();
   logLine("- mergeContentsOfPath: " + source + "\n intoPath: " + destination);
   // The list is taken before anything moves, so moving files cannot disturb the walk.

@@ -242,12 +242,12 @@ std::optional<Value> jsonToValue(std::string_view text, Error* error, const Json
                               rapidjson::kParseValidateEncodingFlag | rapidjson::kParseNumbersAsStringsFlag;
   rapidjson::ParseResult result = reader.Parse<kFlags>(stream, builder);
   if (result.IsError()) {
-    std::string reason = builder.tooDeep()        ? "Nesting too deep."
+    std::string reason = builder.tooDeep()   ? "Nesting too deep."
                          : builder.refusal() ? builder.refusal()
-                                                 : rapidjson::GetParseError_En(result.Code());
+                                             : rapidjson::GetParseError_En(result.Code());
     setError(error, Error(kCocoaErrorDomain, 3840,
-                          "JSON text is not valid at byte " + std::to_string(result.Offset()) + ": " + reason,
-                          {}, dict({{"offset", static_cast<long long>(result.Offset())}, {"reason", reason}})));
+                          "JSON text is not valid at byte " + std::to_string(result.Offset()) + ": " + reason, {},
+                          dict({{"offset", static_cast<long long>(result.Offset())}, {"reason", reason}})));
     return std::nullopt;
   }
   // kParseStopWhenDoneFlag stops after the value; only white space may follow it.
@@ -255,9 +255,9 @@ std::optional<Value> jsonToValue(std::string_view text, Error* error, const Json
     char c = text[i];
     if (c != ' ' && c != '\t' && c != '\n' && c != '\r') {
       std::string reason = "The document root must not be followed by other values.";
-      setError(error, Error(kCocoaErrorDomain, 3840,
-                            "JSON text is not valid at byte " + std::to_string(i) + ": " + reason, {},
-                            dict({{"offset", static_cast<long long>(i)}, {"reason", reason}})));
+      setError(error,
+               Error(kCocoaErrorDomain, 3840, "JSON text is not valid at byte " + std::to_string(i) + ": " + reason, {},
+                     dict({{"offset", static_cast<long long>(i)}, {"reason", reason}})));
       return std::nullopt;
     }
   }

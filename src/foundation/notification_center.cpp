@@ -109,8 +109,7 @@ NotificationCenter& NotificationCenter::defaultCenter() {
   return *center;
 }
 
-NotificationCenter::Observer NotificationCenter::addObserver(std::string name, const void* object,
-                                                              Callback callback) {
+NotificationCenter::Observer NotificationCenter::addObserver(std::string name, const void* object, Callback callback) {
   auto entry = std::make_shared<Entry>(std::move(name), object, std::move(callback));
   {
     MutexLock lock(&impl_->mutex);
@@ -135,10 +134,10 @@ void NotificationCenter::post(std::string name, const void* object, Value userIn
 }
 
 void NotificationCenter::postOnMainRunLoop(std::string name, const void* object, Value userInfo) {
-  RunLoop::main().post([center = std::weak_ptr<Impl>(impl_),
-                        note = Notification{std::move(name), object, std::move(userInfo)}] {
-    if (auto c = center.lock()) c->post(note);
-  });
+  RunLoop::main().post(
+      [center = std::weak_ptr<Impl>(impl_), note = Notification{std::move(name), object, std::move(userInfo)}] {
+        if (auto c = center.lock()) c->post(note);
+      });
 }
 
 }  // namespace corvane

@@ -26,7 +26,9 @@ struct OperationGraph {
     return *cv;
   }
 
-  static bool readyLocked(const Operation& op) CORVANE_REQUIRES(mutex()) { return op.cancelled_ || op.unfinishedDependencies_ == 0; }
+  static bool readyLocked(const Operation& op) CORVANE_REQUIRES(mutex()) {
+    return op.cancelled_ || op.unfinishedDependencies_ == 0;
+  }
 
   // Queue priorities as the index of their count (VeryLow ... VeryHigh).
   static size_t level(QueuePriority priority) {

@@ -19,9 +19,7 @@ struct PlistDeleter {
 };
 using PlistPtr = std::unique_ptr<void, PlistDeleter>;
 
-Error plistError(std::string text) {
-  return Error(kCocoaErrorDomain, 3840, std::move(text));
-}
+Error plistError(std::string text) { return Error(kCocoaErrorDomain, 3840, std::move(text)); }
 
 // Converts a parsed node. Returns false when the tree holds something we cannot represent
 // or nests too deeply.
@@ -139,10 +137,17 @@ bool plistValue(const Value& v, int depth) {
 void appendEscaped(std::string* out, std::string_view text) {
   for (char c : text) {
     switch (c) {
-      case '&': *out += "&amp;"; break;
-      case '<': *out += "&lt;"; break;
-      case '>': *out += "&gt;"; break;
-      default: out->push_back(c);
+      case '&':
+        *out += "&amp;";
+        break;
+      case '<':
+        *out += "&lt;";
+        break;
+      case '>':
+        *out += "&gt;";
+        break;
+      default:
+        out->push_back(c);
     }
   }
 }

@@ -399,8 +399,7 @@ class PosixEnv final : public Env {
     return a;
   }
 
-  bool listDirectory(const std::string& path, bool skipHidden, std::vector<std::string>* names,
-                     Error* error) override {
+  bool listDirectory(const std::string& path, bool skipHidden, std::vector<std::string>* names, Error* error) override {
     int err = 0;
     std::vector<std::string> all;
     if (!listAll(path, &all, &err)) return setError(error, errnoError(err, path));
@@ -507,8 +506,7 @@ class PosixEnv final : public Env {
     return std::nullopt;
   }
 
-  bool setExtendedAttribute(const std::string& path, const std::string& name, ByteView value,
-                            Error* error) override {
+  bool setExtendedAttribute(const std::string& path, const std::string& name, ByteView value, Error* error) override {
     return ::setxattr(path.c_str(), name.c_str(), value.data(), value.size(), 0) == 0 ||
            setError(error, errnoError(errno, path));
   }
@@ -648,8 +646,7 @@ class PosixEnv final : public Env {
     return apps;
   }
 
-  bool launchDetached(const std::string& executable, const std::vector<std::string>& arguments,
-                      Error* error) override {
+  bool launchDetached(const std::string& executable, const std::vector<std::string>& arguments, Error* error) override {
     // Everything the children need is prepared before fork(): after it, in a process with
     // threads, only async-signal-safe calls are allowed.
     std::vector<char*> argv;

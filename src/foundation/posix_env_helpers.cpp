@@ -86,13 +86,13 @@ std::vector<VolumeInfo> parseMountInfo(std::string_view text) {
 
 bool isNetworkFileSystemType(std::string_view type) {
   static constexpr std::array<std::string_view, 40> kNetworkTypes = {
-      "nfs",          "nfs4",          "cifs",          "smb3",           "smbfs",         "smb",
-      "9p",           "afs",           "ceph",          "glusterfs",      "lustre",        "ncpfs",
-      "ncp",          "coda",          "davfs",         "webdav",         "afpfs",         "ftpfs",
-      "sshfs",        "beegfs",        "gpfs",          "orangefs",       "pvfs2",         "ocfs2",
-      "gfs2",         "fuse.sshfs",    "fuse.rclone",   "fuse.davfs2",    "fuse.glusterfs", "fuse.ceph-fuse",
-      "fuse.s3fs",    "fuse.gcsfuse",  "fuse.smbnetfs", "fuse.curlftpfs", "fuse.afpfs",    "fuse.gvfsd-fuse",
-      "fuse.juicefs", "fuse.goofys",   "fuse.blobfuse", "fuse.onedriver"};
+      "nfs",          "nfs4",         "cifs",          "smb3",           "smbfs",          "smb",
+      "9p",           "afs",          "ceph",          "glusterfs",      "lustre",         "ncpfs",
+      "ncp",          "coda",         "davfs",         "webdav",         "afpfs",          "ftpfs",
+      "sshfs",        "beegfs",       "gpfs",          "orangefs",       "pvfs2",          "ocfs2",
+      "gfs2",         "fuse.sshfs",   "fuse.rclone",   "fuse.davfs2",    "fuse.glusterfs", "fuse.ceph-fuse",
+      "fuse.s3fs",    "fuse.gcsfuse", "fuse.smbnetfs", "fuse.curlftpfs", "fuse.afpfs",     "fuse.gvfsd-fuse",
+      "fuse.juicefs", "fuse.goofys",  "fuse.blobfuse", "fuse.onedriver"};
   for (std::string_view t : kNetworkTypes) {
     if (type == t) return true;
   }

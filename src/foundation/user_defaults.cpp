@@ -44,7 +44,8 @@ UserDefaults::UserDefaults(Env* env, std::string path)
     : env_(env), path_(std::move(path)), values_(Value::mutableDictionary()), registered_(Value::mutableDictionary()) {
   MutexLock lock(&mutex_);
   Error error;
-  if (!loadLocked(&error)) logLine("Cannot read user defaults " + path_ + ": " + error.description(), LogLevel::Warning);
+  if (!loadLocked(&error))
+    logLine("Cannot read user defaults " + path_ + ": " + error.description(), LogLevel::Warning);
 }
 
 std::shared_ptr<UserDefaults> UserDefaults::forApplication(const std::string& identifier, Env* env) {

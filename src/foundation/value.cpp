@@ -74,7 +74,7 @@ int64_t clampInt64(int64_t v, int64_t lo, int64_t hi) { return v < lo ? lo : v >
 
 int64_t int64FromUnsigned(uint64_t u) {
   return u > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) ? std::numeric_limits<int64_t>::max()
-                                                                          : static_cast<int64_t>(u);
+                                                                        : static_cast<int64_t>(u);
 }
 
 // A double narrowed to float: beyond float's largest finite value it is the infinity of its
@@ -167,7 +167,8 @@ int64_t stringLongLong(std::string_view s) {
 uint64_t stringUnsignedLongLong(std::string_view s) {
   const LeadingInteger n = leadingInteger(s);
   if (n.negative) return 0;
-  if (n.magnitude > static_cast<Int128>(std::numeric_limits<uint64_t>::max())) return std::numeric_limits<uint64_t>::max();
+  if (n.magnitude > static_cast<Int128>(std::numeric_limits<uint64_t>::max()))
+    return std::numeric_limits<uint64_t>::max();
   return static_cast<uint64_t>(n.magnitude);
 }
 
@@ -256,12 +257,18 @@ Value Value::boolean(bool b) { return Value(b); }
 
 Value Value::number(NumberKind kind, int64_t v) {
   switch (kind) {
-    case NumberKind::Bool: return ValueAccess::scalar(kind, v != 0 ? 1 : 0);
-    case NumberKind::Char: return ValueAccess::scalar(kind, clampInt64(v, INT8_MIN, INT8_MAX));
-    case NumberKind::Short: return ValueAccess::scalar(kind, clampInt64(v, INT16_MIN, INT16_MAX));
-    case NumberKind::Int: return ValueAccess::scalar(kind, clampInt64(v, INT32_MIN, INT32_MAX));
-    case NumberKind::Float: return floatNumber(static_cast<float>(v));
-    case NumberKind::Double: return ValueAccess::scalarDouble(kind, static_cast<double>(v));
+    case NumberKind::Bool:
+      return ValueAccess::scalar(kind, v != 0 ? 1 : 0);
+    case NumberKind::Char:
+      return ValueAccess::scalar(kind, clampInt64(v, INT8_MIN, INT8_MAX));
+    case NumberKind::Short:
+      return ValueAccess::scalar(kind, clampInt64(v, INT16_MIN, INT16_MAX));
+    case NumberKind::Int:
+      return ValueAccess::scalar(kind, clampInt64(v, INT32_MIN, INT32_MAX));
+    case NumberKind::Float:
+      return floatNumber(static_cast<float>(v));
+    case NumberKind::Double:
+      return ValueAccess::scalarDouble(kind, static_cast<double>(v));
     default:
       if (isUnsignedKind(kind)) return unsignedNumber(kind, v < 0 ? 0 : static_cast<uint64_t>(v));
       return ValueAccess::scalar(kind, v);
@@ -270,16 +277,22 @@ Value Value::number(NumberKind kind, int64_t v) {
 
 Value Value::unsignedNumber(NumberKind kind, uint64_t v) {
   switch (kind) {
-    case NumberKind::UnsignedChar: return ValueAccess::scalarUnsigned(kind, std::min<uint64_t>(v, UINT8_MAX));
-    case NumberKind::UnsignedShort: return ValueAccess::scalarUnsigned(kind, std::min<uint64_t>(v, UINT16_MAX));
-    case NumberKind::UnsignedInt: return ValueAccess::scalarUnsigned(kind, std::min<uint64_t>(v, UINT32_MAX));
+    case NumberKind::UnsignedChar:
+      return ValueAccess::scalarUnsigned(kind, std::min<uint64_t>(v, UINT8_MAX));
+    case NumberKind::UnsignedShort:
+      return ValueAccess::scalarUnsigned(kind, std::min<uint64_t>(v, UINT16_MAX));
+    case NumberKind::UnsignedInt:
+      return ValueAccess::scalarUnsigned(kind, std::min<uint64_t>(v, UINT32_MAX));
     case NumberKind::UnsignedLong:
     case NumberKind::UnsignedLongLong:
     case NumberKind::Index:
       return ValueAccess::scalarUnsigned(kind, v);
-    case NumberKind::Float: return floatNumber(static_cast<float>(v));
-    case NumberKind::Double: return ValueAccess::scalarDouble(kind, static_cast<double>(v));
-    default: return number(kind, int64FromUnsigned(v));
+    case NumberKind::Float:
+      return floatNumber(static_cast<float>(v));
+    case NumberKind::Double:
+      return ValueAccess::scalarDouble(kind, static_cast<double>(v));
+    default:
+      return number(kind, int64FromUnsigned(v));
   }
 }
 
@@ -345,7 +358,9 @@ Value distinctElements(ValueKind kind, std::vector<Value>& items, bool mutableNo
 }
 }  // namespace
 
-Value Value::set(std::vector<Value> items, bool mutableNode) { return distinctElements(ValueKind::Set, items, mutableNode); }
+Value Value::set(std::vector<Value> items, bool mutableNode) {
+  return distinctElements(ValueKind::Set, items, mutableNode);
+}
 
 Value Value::orderedSet(std::vector<Value> items, bool mutableNode) {
   return distinctElements(ValueKind::OrderedSet, items, mutableNode);
@@ -354,7 +369,8 @@ Value Value::orderedSet(std::vector<Value> items, bool mutableNode) {
 Value Value::url(std::string_view relativeString, const Value& base) {
   Value baseURL = base.isURL() ? base : Value();
   std::string absolute = value_detail::resolveURL(std::string(relativeString), baseURL);
-  return ValueAccess::adopt(ValueKind::URL, new URLNode(Value::string(relativeString), std::move(baseURL), std::move(absolute)));
+  return ValueAccess::adopt(ValueKind::URL,
+                            new URLNode(Value::string(relativeString), std::move(baseURL), std::move(absolute)));
 }
 
 namespace {
@@ -425,8 +441,10 @@ bool Value::boolValue() const noexcept {
       const Decimal& d = nodeOf<DecimalNode>(*this)->value;
       return !d.isZero() && !d.isNaN();
     }
-    case ValueKind::String: return stringBool(str());
-    default: return false;
+    case ValueKind::String:
+      return stringBool(str());
+    default:
+      return false;
   }
 }
 
@@ -440,9 +458,12 @@ int64_t Value::longLongValue() const noexcept {
       if (isFloatKind(numberKind_)) return saturatingInt64(scalar_.d);
       if (isUnsignedKind(numberKind_)) return int64FromUnsigned(scalar_.u);
       return scalar_.i;
-    case ValueKind::Decimal: return decimalInt64(nodeOf<DecimalNode>(*this)->value);
-    case ValueKind::String: return stringLongLong(str());
-    default: return 0;
+    case ValueKind::Decimal:
+      return decimalInt64(nodeOf<DecimalNode>(*this)->value);
+    case ValueKind::String:
+      return stringLongLong(str());
+    default:
+      return 0;
   }
 }
 
@@ -452,9 +473,12 @@ uint64_t Value::unsignedLongLongValue() const noexcept {
       if (isFloatKind(numberKind_)) return saturatingUInt64(scalar_.d);
       if (isUnsignedKind(numberKind_)) return scalar_.u;
       return scalar_.i < 0 ? 0 : static_cast<uint64_t>(scalar_.i);
-    case ValueKind::Decimal: return decimalUInt64(nodeOf<DecimalNode>(*this)->value);
-    case ValueKind::String: return stringUnsignedLongLong(str());
-    default: return 0;
+    case ValueKind::Decimal:
+      return decimalUInt64(nodeOf<DecimalNode>(*this)->value);
+    case ValueKind::String:
+      return stringUnsignedLongLong(str());
+    default:
+      return 0;
   }
 }
 
@@ -466,9 +490,12 @@ double Value::doubleValue() const noexcept {
       if (isFloatKind(numberKind_)) return scalar_.d;
       if (isUnsignedKind(numberKind_)) return static_cast<double>(scalar_.u);
       return static_cast<double>(scalar_.i);
-    case ValueKind::Decimal: return nodeOf<DecimalNode>(*this)->value.toDouble();
-    case ValueKind::String: return stringDouble(str());
-    default: return 0;
+    case ValueKind::Decimal:
+      return nodeOf<DecimalNode>(*this)->value.toDouble();
+    case ValueKind::String:
+      return stringDouble(str());
+    default:
+      return 0;
   }
 }
 
@@ -484,12 +511,14 @@ Decimal Value::decimalValue() const {
       if (numberKind_ == NumberKind::Double) return Decimal::fromDouble(scalar_.d);
       if (isUnsignedKind(numberKind_)) return Decimal::fromUInt64(scalar_.u);
       return Decimal::fromInt64(scalar_.i);
-    case ValueKind::Decimal: return nodeOf<DecimalNode>(*this)->value;
+    case ValueKind::Decimal:
+      return nodeOf<DecimalNode>(*this)->value;
     case ValueKind::String: {
       auto parsed = Decimal::fromString(str());
       return parsed ? *parsed : Decimal::notANumber();
     }
-    default: return Decimal();
+    default:
+      return Decimal();
   }
 }
 
@@ -541,13 +570,16 @@ Object* Value::objectPointer() const noexcept {
 
 size_t Value::count() const noexcept {
   switch (kind_) {
-    case ValueKind::String: return nodeOf<StringNode>(*this)->text.size();
-    case ValueKind::Data: return nodeOf<DataNode>(*this)->bytes.size();
+    case ValueKind::String:
+      return nodeOf<StringNode>(*this)->text.size();
+    case ValueKind::Data:
+      return nodeOf<DataNode>(*this)->bytes.size();
     case ValueKind::Array:
     case ValueKind::Set:
     case ValueKind::OrderedSet:
       return nodeOf<ElementsNode>(*this)->items.size();
-    case ValueKind::Dictionary: return nodeOf<DictionaryNode>(*this)->entries.size();
+    case ValueKind::Dictionary:
+      return nodeOf<DictionaryNode>(*this)->entries.size();
     case ValueKind::IndexSet: {
       uint64_t total = 0;
       for (const IndexRange& r : nodeOf<IndexSetNode>(*this)->ranges) {
@@ -556,7 +588,8 @@ size_t Value::count() const noexcept {
       }
       return static_cast<size_t>(total);
     }
-    default: return 0;
+    default:
+      return 0;
   }
 }
 
@@ -575,7 +608,8 @@ bool Value::contains(const Value& v) const {
     case ValueKind::Set:
     case ValueKind::OrderedSet:
       return nodeOf<ElementsNode>(*this)->find(v) >= 0;
-    case ValueKind::Dictionary: return nodeOf<DictionaryNode>(*this)->find(v) >= 0;
+    case ValueKind::Dictionary:
+      return nodeOf<DictionaryNode>(*this)->find(v) >= 0;
     case ValueKind::IndexSet: {
       if (!v.isNumber() && !v.isDecimal()) return false;
       const uint64_t i = v.unsignedLongLongValue();
@@ -584,7 +618,8 @@ bool Value::contains(const Value& v) const {
       }
       return false;
     }
-    default: return false;
+    default:
+      return false;
   }
 }
 
@@ -643,8 +678,8 @@ void Value::remove(const Value& key) {
     mutableNode<DictionaryNode>(*this, "removeObjectForKey:", {ValueKind::Dictionary})->erase(key);
     return;
   }
-  auto* node = mutableNode<ElementsNode>(*this, "removeObject:",
-                                         {ValueKind::Array, ValueKind::Set, ValueKind::OrderedSet});
+  auto* node =
+      mutableNode<ElementsNode>(*this, "removeObject:", {ValueKind::Array, ValueKind::Set, ValueKind::OrderedSet});
   if (node->distinct) {
     const ptrdiff_t at = node->find(key);
     if (at < 0) return;
@@ -675,8 +710,8 @@ void Value::insert(size_t index, const Value& v) {
 }
 
 void Value::replaceAt(size_t index, const Value& v) {
-  auto* node = mutableNode<ElementsNode>(*this, "replaceObjectAtIndex:withObject:",
-                                         {ValueKind::Array, ValueKind::OrderedSet});
+  auto* node =
+      mutableNode<ElementsNode>(*this, "replaceObjectAtIndex:withObject:", {ValueKind::Array, ValueKind::OrderedSet});
   if (index >= node->items.size()) throwRange("replaceObjectAtIndex:withObject:", index, node->items.size());
   if (node->distinct) {
     if (v.isNil()) throwWrongKind("replaceObjectAtIndex:withObject: with nil", kind_);
@@ -716,10 +751,17 @@ void Value::removeAllObjects() {
       node->index.clear();
       return;
     }
-    case ValueKind::String: mutableNode<StringNode>(*this, kOperation, {kind_})->text.clear(); return;
-    case ValueKind::Data: mutableNode<DataNode>(*this, kOperation, {kind_})->bytes.clear(); return;
-    case ValueKind::IndexSet: mutableNode<IndexSetNode>(*this, kOperation, {kind_})->ranges.clear(); return;
-    default: throwWrongKind(kOperation, kind_);
+    case ValueKind::String:
+      mutableNode<StringNode>(*this, kOperation, {kind_})->text.clear();
+      return;
+    case ValueKind::Data:
+      mutableNode<DataNode>(*this, kOperation, {kind_})->bytes.clear();
+      return;
+    case ValueKind::IndexSet:
+      mutableNode<IndexSetNode>(*this, kOperation, {kind_})->ranges.clear();
+      return;
+    default:
+      throwWrongKind(kOperation, kind_);
   }
 }
 
@@ -752,7 +794,8 @@ Value copyNode(const Value& v, bool makeMutable) {
   switch (v.kind()) {
     case ValueKind::String:
       return ValueAccess::adopt(v.kind(), new StringNode(nodeOf<StringNode>(v)->text, makeMutable));
-    case ValueKind::Data: return ValueAccess::adopt(v.kind(), new DataNode(nodeOf<DataNode>(v)->bytes, makeMutable));
+    case ValueKind::Data:
+      return ValueAccess::adopt(v.kind(), new DataNode(nodeOf<DataNode>(v)->bytes, makeMutable));
     case ValueKind::Array:
     case ValueKind::Set:
     case ValueKind::OrderedSet: {
@@ -771,7 +814,8 @@ Value copyNode(const Value& v, bool makeMutable) {
     }
     case ValueKind::IndexSet:
       return ValueAccess::adopt(v.kind(), new IndexSetNode(nodeOf<IndexSetNode>(v)->ranges, makeMutable));
-    default: throwWrongKind("mutableCopy", v.kind());
+    default:
+      throwWrongKind("mutableCopy", v.kind());
   }
 }
 

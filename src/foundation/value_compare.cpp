@@ -202,14 +202,19 @@ constexpr size_t kHashedMembers = 32;
 
 size_t hashValue(const Value& v, int depth) {
   switch (v.kind()) {
-    case ValueKind::Nil: return 0;
-    case ValueKind::Null: return mix(0x6e756c6cULL);
+    case ValueKind::Nil:
+      return 0;
+    case ValueKind::Null:
+      return mix(0x6e756c6cULL);
     case ValueKind::Number:
     case ValueKind::Decimal:
       return hashNumeric(numericOf(v));
-    case ValueKind::String: return hashBytes(v.str());
-    case ValueKind::Data: return hashBytes(asStringView(v.bytes()));
-    case ValueKind::Date: return combine(7, hashDouble(v.dateValue()));
+    case ValueKind::String:
+      return hashBytes(v.str());
+    case ValueKind::Data:
+      return hashBytes(asStringView(v.bytes()));
+    case ValueKind::Date:
+      return combine(7, hashDouble(v.dateValue()));
     case ValueKind::Array:
     case ValueKind::OrderedSet: {
       const auto& items = v.elements();
@@ -240,7 +245,8 @@ size_t hashValue(const Value& v, int depth) {
       }
       return h;
     }
-    case ValueKind::URL: return combine(11, hashBytes(v.urlAbsoluteString()));
+    case ValueKind::URL:
+      return combine(11, hashBytes(v.urlAbsoluteString()));
     case ValueKind::Structure: {
       const StructureNode* node = ValueAccess::as<StructureNode>(v);
       size_t h = mix(static_cast<uint64_t>(node->kind) + 13);
@@ -256,7 +262,8 @@ size_t hashValue(const Value& v, int depth) {
       if (!ranges.empty()) h = combine(combine(h, mix(ranges[0].location)), mix(ranges[0].length));
       return h;
     }
-    case ValueKind::Object: return v.objectPointer()->hashValue();
+    case ValueKind::Object:
+      return v.objectPointer()->hashValue();
   }
   return 0;
 }
@@ -289,10 +296,14 @@ int compareValues(const Value& a, const Value& b) {
     case ValueKind::Number:
     case ValueKind::Decimal:
       return compareNumbers(a, b);
-    case ValueKind::String: return compareBytes(a.str(), b.str());
-    case ValueKind::Data: return compareBytes(asStringView(a.bytes()), asStringView(b.bytes()));
-    case ValueKind::Date: return compareDoubles(a.dateValue(), b.dateValue());
-    case ValueKind::URL: return compareBytes(a.urlAbsoluteString(), b.urlAbsoluteString());
+    case ValueKind::String:
+      return compareBytes(a.str(), b.str());
+    case ValueKind::Data:
+      return compareBytes(asStringView(a.bytes()), asStringView(b.bytes()));
+    case ValueKind::Date:
+      return compareDoubles(a.dateValue(), b.dateValue());
+    case ValueKind::URL:
+      return compareBytes(a.urlAbsoluteString(), b.urlAbsoluteString());
     case ValueKind::Array:
     case ValueKind::OrderedSet: {
       PairGuard guard(a.identity(), b.identity());
@@ -373,24 +384,30 @@ bool operator==(const Value& a, const Value& b) {
       if (floatA && floatB) return compareDoubles(ValueAccess::d(a), ValueAccess::d(b)) == 0;
       return compareNumbers(a, b) == 0;
     }
-    case ValueKind::Decimal: return compareNumbers(a, b) == 0;
-    case ValueKind::String: return a.str() == b.str();
+    case ValueKind::Decimal:
+      return compareNumbers(a, b) == 0;
+    case ValueKind::String:
+      return a.str() == b.str();
     case ValueKind::Data: {
       const ByteView x = a.bytes();
       const ByteView y = b.bytes();
       return x.size() == y.size() && (x.empty() || std::memcmp(x.data(), y.data(), x.size()) == 0);
     }
-    case ValueKind::Date: return a.dateValue() == b.dateValue();
+    case ValueKind::Date:
+      return a.dateValue() == b.dateValue();
     case ValueKind::Array:
     case ValueKind::Dictionary:
     case ValueKind::Set:
     case ValueKind::OrderedSet:
       return containersEqual(a, b);
-    case ValueKind::URL: return a.urlAbsoluteString() == b.urlAbsoluteString();
+    case ValueKind::URL:
+      return a.urlAbsoluteString() == b.urlAbsoluteString();
     case ValueKind::Structure:
       return structuresEqual(ValueAccess::as<StructureNode>(a), ValueAccess::as<StructureNode>(b));
-    case ValueKind::IndexSet: return a.indexRanges() == b.indexRanges();
-    case ValueKind::Object: return a.objectPointer()->isEqualTo(*b.objectPointer());
+    case ValueKind::IndexSet:
+      return a.indexRanges() == b.indexRanges();
+    case ValueKind::Object:
+      return a.objectPointer()->isEqualTo(*b.objectPointer());
   }
   return false;
 }

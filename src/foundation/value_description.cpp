@@ -21,8 +21,9 @@ std::string shortestNumberText(double v, bool singlePrecision) {
   if (std::isinf(v)) return v < 0 ? "-inf" : "inf";
   if (v == 0) return std::signbit(v) ? "-0" : "0";
   char buf[64];
-  const auto r = singlePrecision ? std::to_chars(buf, buf + sizeof buf, static_cast<float>(v), std::chars_format::scientific)
-                                 : std::to_chars(buf, buf + sizeof buf, v, std::chars_format::scientific);
+  const auto r = singlePrecision
+                     ? std::to_chars(buf, buf + sizeof buf, static_cast<float>(v), std::chars_format::scientific)
+                     : std::to_chars(buf, buf + sizeof buf, v, std::chars_format::scientific);
   const std::string_view sci(buf, static_cast<size_t>(r.ptr - buf));
   // sci is "-d.ddde+XX"
   size_t pos = 0;
@@ -115,11 +116,21 @@ void appendQuoted(std::string_view s, std::string& out) {
   out.push_back('"');
   for (char c : s) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\t': out += "\\t"; break;
-      case '\r': out += "\\r"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
       default:
         if (static_cast<unsigned char>(c) < 0x20) {
           out += fmt::format("\\U{:04x}", static_cast<unsigned>(c));
@@ -133,9 +144,12 @@ void appendQuoted(std::string_view s, std::string& out) {
 
 std::string numberText(const Value& v) {
   switch (v.numberKind()) {
-    case NumberKind::Bool: return ValueAccess::i(v) != 0 ? "1" : "0";
-    case NumberKind::Float: return value_detail::shortestNumberText(ValueAccess::d(v), true);
-    case NumberKind::Double: return value_detail::shortestNumberText(ValueAccess::d(v), false);
+    case NumberKind::Bool:
+      return ValueAccess::i(v) != 0 ? "1" : "0";
+    case NumberKind::Float:
+      return value_detail::shortestNumberText(ValueAccess::d(v), true);
+    case NumberKind::Double:
+      return value_detail::shortestNumberText(ValueAccess::d(v), false);
     default:
       if (v.isUnsigned()) return std::to_string(ValueAccess::u(v));
       return std::to_string(ValueAccess::i(v));
@@ -164,11 +178,16 @@ std::string structureText(const Value& v) {
   const auto* node = ValueAccess::as<StructureNode>(v);
   auto num = [node](int i) { return value_detail::shortestNumberText(node->doubles[i], false); };
   switch (node->kind) {
-    case StructureKind::Point: return fmt::format("NSPoint: {{{}, {}}}", num(0), num(1));
-    case StructureKind::Size: return fmt::format("NSSize: {{{}, {}}}", num(0), num(1));
-    case StructureKind::Rect: return fmt::format("NSRect: {{{{{}, {}}}, {{{}, {}}}}}", num(0), num(1), num(2), num(3));
-    case StructureKind::Range: return fmt::format("NSRange: {{{}, {}}}", node->range.location, node->range.length);
-    case StructureKind::Vector: return fmt::format("CGVector: {{{}, {}}}", num(0), num(1));
+    case StructureKind::Point:
+      return fmt::format("NSPoint: {{{}, {}}}", num(0), num(1));
+    case StructureKind::Size:
+      return fmt::format("NSSize: {{{}, {}}}", num(0), num(1));
+    case StructureKind::Rect:
+      return fmt::format("NSRect: {{{{{}, {}}}, {{{}, {}}}}}", num(0), num(1), num(2), num(3));
+    case StructureKind::Range:
+      return fmt::format("NSRange: {{{}, {}}}", node->range.location, node->range.length);
+    case StructureKind::Vector:
+      return fmt::format("CGVector: {{{}, {}}}", num(0), num(1));
     case StructureKind::AffineTransform:
       return fmt::format("CGAffineTransform: {{{{{}, {}, {}, {}}}, {{{}, {}}}}}", num(0), num(1), num(2), num(3),
                          num(4), num(5));
@@ -243,23 +262,34 @@ void describeSequence(const Value& v, int level, const char* open, const char* c
 
 std::string leafText(const Value& v) {
   switch (v.kind()) {
-    case ValueKind::Nil: return "(null)";
-    case ValueKind::Null: return "<null>";
-    case ValueKind::Number: return numberText(v);
-    case ValueKind::Decimal: return ValueAccess::as<detail::DecimalNode>(v)->value.toString();
-    case ValueKind::String: return v.str();
-    case ValueKind::Data: return dataText(v.bytes());
-    case ValueKind::Date: return value_detail::dateText(v.dateValue());
+    case ValueKind::Nil:
+      return "(null)";
+    case ValueKind::Null:
+      return "<null>";
+    case ValueKind::Number:
+      return numberText(v);
+    case ValueKind::Decimal:
+      return ValueAccess::as<detail::DecimalNode>(v)->value.toString();
+    case ValueKind::String:
+      return v.str();
+    case ValueKind::Data:
+      return dataText(v.bytes());
+    case ValueKind::Date:
+      return value_detail::dateText(v.dateValue());
     case ValueKind::URL: {
       const auto* node = ValueAccess::as<detail::URLNode>(v);
       std::string out = node->relative.str();
       if (node->base.isURL()) out += " -- " + node->base.urlAbsoluteString();
       return out;
     }
-    case ValueKind::Structure: return structureText(v);
-    case ValueKind::IndexSet: return indexSetText(v);
-    case ValueKind::Object: return v.objectPointer()->description();
-    default: return {};
+    case ValueKind::Structure:
+      return structureText(v);
+    case ValueKind::IndexSet:
+      return indexSetText(v);
+    case ValueKind::Object:
+      return v.objectPointer()->description();
+    default:
+      return {};
   }
 }
 
@@ -281,12 +311,15 @@ void describe(const Value& v, int level, bool nested, std::string& out) {
     return;
   }
   switch (v.kind()) {
-    case ValueKind::Array: describeSequence(v, level, "(", ")", out); return;
+    case ValueKind::Array:
+      describeSequence(v, level, "(", ")", out);
+      return;
     case ValueKind::Set:
     case ValueKind::OrderedSet:
       describeSequence(v, level, "{(", ")}", out);
       return;
-    default: break;
+    default:
+      break;
   }
   out += "{\n";
   for (const auto& [key, value] : v.entries()) {
@@ -309,8 +342,6 @@ std::string Value::description() const {
   return out;
 }
 
-std::string Object::description() const {
-  return fmt::format("<{}: {}>", className(), static_cast<const void*>(this));
-}
+std::string Object::description() const { return fmt::format("<{}: {}>", className(), static_cast<const void*>(this)); }
 
 }  // namespace corvane

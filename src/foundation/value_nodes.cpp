@@ -187,21 +187,36 @@ namespace value_detail {
 
 const char* kindName(ValueKind kind) {
   switch (kind) {
-    case ValueKind::Nil: return "nil";
-    case ValueKind::Null: return "null";
-    case ValueKind::Number: return "number";
-    case ValueKind::Decimal: return "decimal number";
-    case ValueKind::String: return "string";
-    case ValueKind::Data: return "data";
-    case ValueKind::Date: return "date";
-    case ValueKind::Array: return "array";
-    case ValueKind::Dictionary: return "dictionary";
-    case ValueKind::Set: return "set";
-    case ValueKind::OrderedSet: return "ordered set";
-    case ValueKind::URL: return "URL";
-    case ValueKind::Structure: return "structure";
-    case ValueKind::IndexSet: return "index set";
-    case ValueKind::Object: return "object";
+    case ValueKind::Nil:
+      return "nil";
+    case ValueKind::Null:
+      return "null";
+    case ValueKind::Number:
+      return "number";
+    case ValueKind::Decimal:
+      return "decimal number";
+    case ValueKind::String:
+      return "string";
+    case ValueKind::Data:
+      return "data";
+    case ValueKind::Date:
+      return "date";
+    case ValueKind::Array:
+      return "array";
+    case ValueKind::Dictionary:
+      return "dictionary";
+    case ValueKind::Set:
+      return "set";
+    case ValueKind::OrderedSet:
+      return "ordered set";
+    case ValueKind::URL:
+      return "URL";
+    case ValueKind::Structure:
+      return "structure";
+    case ValueKind::IndexSet:
+      return "index set";
+    case ValueKind::Object:
+      return "object";
   }
   return "value";
 }

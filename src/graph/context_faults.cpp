@@ -30,8 +30,7 @@ std::optional<Value> ManagedObjectContext::readNodeValues(const ObjectID& id, ui
   return node->values();
 }
 
-std::optional<Value> ManagedObjectContext::Faults::valuesForChild(const ObjectID& id, uint64_t* version,
-                                                                  Error* error) {
+std::optional<Value> ManagedObjectContext::Faults::valuesForChild(const ObjectID& id, uint64_t* version, Error* error) {
   Retained<ManagedObject> o = c_.self.objectWithID(id);
   o->fireFault();
   if (o->deleted_) {
@@ -93,7 +92,8 @@ void ManagedObjectContext::Faults::fill(ManagedObject* object, const Value& valu
 }
 
 Value ManagedObjectContext::Faults::loadToMany(ManagedObject* object, int index) {
-  const auto& r = *static_cast<const RelationshipDescription*>(object->entity_->properties()[static_cast<size_t>(index)]);
+  const auto& r =
+      *static_cast<const RelationshipDescription*>(object->entity_->properties()[static_cast<size_t>(index)]);
   if (object->inserted_) return emptyMembers(r);
   std::vector<ObjectID> ids;
   if (c_.parent) {

@@ -9,13 +9,14 @@ namespace corvane {
 
 using graph_internal::contextError;
 using graph_internal::idOf;
-using graph_internal::ObjectSet;
 using graph_internal::objectOf;
+using graph_internal::ObjectSet;
 
 std::optional<Value> ManagedObjectContext::Fetching::executeAtSource(const FetchRequest& request, Error* error) {
   if (c_.parent) {
     FetchRequest forParent = request;
-    if (forParent.resultType() == FetchResultType::ManagedObject) forParent.setResultType(FetchResultType::ManagedObjectID);
+    if (forParent.resultType() == FetchResultType::ManagedObject)
+      forParent.setResultType(FetchResultType::ManagedObjectID);
     std::optional<Value> out;
     auto parent = c_.parent;
     parent->performAndWait([&] { out = parent->execute(forParent, error); });
@@ -114,7 +115,7 @@ std::optional<Value> ManagedObjectContext::Fetching::execute(const FetchRequest&
     out.reserve(merged.size());
     for (const auto& o : merged) {
       out.push_back(r.resultType() == FetchResultType::ManagedObjectID ? o->objectID().asValue()
-                                                                        : Value::object(o.get()));
+                                                                       : Value::object(o.get()));
     }
     return Value::array(std::move(out));
   } catch (const Exception& ex) {

@@ -89,8 +89,9 @@ bool ManagedObjectContext::Saving::validateChanges(const Lists& lists, Error* er
                             {"localizedDescription", Value(e.localizedDescription)},
                             {"userInfo", e.userInfo}}));
   }
-  return setError(error, Error(kCocoaErrorDomain, kValidationMultipleErrorsError, "Multiple validation errors occurred.",
-                               {}, dict({{kDetailedErrorsKey, Value::array(std::move(details))}})));
+  return setError(error,
+                  Error(kCocoaErrorDomain, kValidationMultipleErrorsError, "Multiple validation errors occurred.", {},
+                        dict({{kDetailedErrorsKey, Value::array(std::move(details))}})));
 }
 
 bool ManagedObjectContext::Saving::pushToStores(const Lists& lists, Error* error) {

@@ -51,8 +51,8 @@ void CorvaneUndoManager::redo() {
 void CorvaneUndoManager::removeAllActions() { UndoManager::removeAllActions(); }
 
 void CorvaneUndoManager::registerUndoWithTargetOff(const void* target, const std::string& targetClassName,
-                                                   const std::string& selectorName,
-                                                   const std::string& objectClassName, Action action) {
+                                                   const std::string& selectorName, const std::string& objectClassName,
+                                                   Action action) {
   if (myUndoStack_.isNil()) myUndoStack_ = Value::mutableArray();
   if (myRedoStack_.isNil()) myRedoStack_ = Value::mutableArray();
   if (!isUndoRegistrationEnabled()) return;

@@ -47,7 +47,8 @@ class InMemoryStore::Candidate final : public Object {
       return id ? Value::object(context_->objectWithID(id).get()) : Value();
     }
     std::vector<Value> members;
-    for (const Value& e : v.elements()) members.push_back(Value::object(context_->objectWithID(ObjectID::fromValue(e)).get()));
+    for (const Value& e : v.elements())
+      members.push_back(Value::object(context_->objectWithID(ObjectID::fromValue(e)).get()));
     return Value::set(std::move(members));
   }
 
@@ -84,7 +85,8 @@ InMemoryStore::InMemoryStore(PersistentStoreCoordinator* coordinator, std::strin
 InMemoryStore::~InMemoryStore() = default;
 
 bool InMemoryStore::loadMetadata(Error*) {
-  setMetadata(dict({{kStoreTypeKey, Value(kInMemoryStoreType)}, {kStoreUUIDKey, Value(Env::defaultEnv()->newUUIDString())}}));
+  setMetadata(
+      dict({{kStoreTypeKey, Value(kInMemoryStoreType)}, {kStoreUUIDKey, Value(Env::defaultEnv()->newUUIDString())}}));
   return true;
 }
 
@@ -144,7 +146,8 @@ std::optional<std::vector<ObjectID>> InMemoryStore::obtainPermanentIDsForObjects
     const std::vector<ManagedObject*>& objects, Error*) {
   std::vector<ObjectID> ids;
   ids.reserve(objects.size());
-  for (const auto* o : objects) ids.push_back(newObjectIDForEntity(&o->entity(), Value(static_cast<long long>(nextReference_++))));
+  for (const auto* o : objects)
+    ids.push_back(newObjectIDForEntity(&o->entity(), Value(static_cast<long long>(nextReference_++))));
   return ids;
 }
 
@@ -154,7 +157,8 @@ std::optional<Value> InMemoryStore::executeRequest(const PersistentStoreRequest&
     if (request.requestType() == RequestType::Fetch) {
       return executeFetch(static_cast<const FetchRequest&>(request), context, error);
     }
-    if (request.requestType() == RequestType::Save) return executeSave(static_cast<const SaveChangesRequest&>(request), error);
+    if (request.requestType() == RequestType::Save)
+      return executeSave(static_cast<const SaveChangesRequest&>(request), error);
   } catch (const Exception& e) {
     setError(error, storeError(e.name() + ": " + e.reason()));
     return std::nullopt;
@@ -165,7 +169,8 @@ std::optional<Value> InMemoryStore::executeRequest(const PersistentStoreRequest&
 
 std::optional<Value> InMemoryStore::executeFetch(const FetchRequest& request, ManagedObjectContext* context, Error*) {
   const bool counting = request.resultType() == FetchResultType::Count;
-  const bool dictionaries = request.resultType() == FetchResultType::Dictionary || !request.propertiesToGroupBy().empty();
+  const bool dictionaries =
+      request.resultType() == FetchResultType::Dictionary || !request.propertiesToGroupBy().empty();
   const EntityDescription* entity = request.entity();
   if (entity == nullptr) entity = persistentStoreCoordinator()->managedObjectModel()->entity(request.entityName());
   if (entity == nullptr) return counting ? Value::array({Value(0)}) : Value::array();
@@ -272,7 +277,8 @@ std::optional<Value> InMemoryStore::executeSave(const SaveChangesRequest& reques
     record.entity = id.entity();
     record.version = 1;
     record.values.reserve(properties.size());
-    for (size_t i = 0; i < properties.size(); ++i) record.values.push_back(storedForm(o->primitiveValueAt(i), properties[i]));
+    for (size_t i = 0; i < properties.size(); ++i)
+      record.values.push_back(storedForm(o->primitiveValueAt(i), properties[i]));
     put(id.referenceObject().longLongValue(), std::move(record));
   }
   for (const auto& o : request.updatedObjects()) {
@@ -285,7 +291,8 @@ std::optional<Value> InMemoryStore::executeSave(const SaveChangesRequest& reques
     Value changed = o->changedValues();
     for (const auto& [key, value] : changed.entries()) {
       int i = entity.propertyIndex(key.str());
-      if (i >= 0) record->values[static_cast<size_t>(i)] = storedForm(value, entity.properties()[static_cast<size_t>(i)]);
+      if (i >= 0)
+        record->values[static_cast<size_t>(i)] = storedForm(value, entity.properties()[static_cast<size_t>(i)]);
     }
     ++record->version;
   }

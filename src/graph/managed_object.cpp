@@ -269,7 +269,8 @@ void ManagedObject::setPrimitiveValue(std::string_view key, const Value& value) 
   const auto& r = static_cast<const RelationshipDescription&>(p);
   if (!r.isToMany()) {
     if (!value.isNil() && !value.isNull() && objectOf(value) == nullptr) {
-      throw Exception("NSInvalidArgumentException", "the relationship \"" + r.name() + "\" can only hold managed objects");
+      throw Exception("NSInvalidArgumentException",
+                      "the relationship \"" + r.name() + "\" can only hold managed objects");
     }
     return changeSlot(index, frozen(value));
   }
@@ -290,7 +291,8 @@ void ManagedObject::setRelationship(int index, const Value& newValue) {
     if (!newValue.isNil() && !newValue.isNull()) {
       target = objectOf(newValue);
       if (target == nullptr) {
-        throw Exception("NSInvalidArgumentException", "the relationship \"" + r.name() + "\" can only hold managed objects");
+        throw Exception("NSInvalidArgumentException",
+                        "the relationship \"" + r.name() + "\" can only hold managed objects");
       }
     }
     return setToOneWithInverse(index, target);
@@ -606,8 +608,9 @@ bool ManagedObject::validateCommon(Error* error) const {
   std::vector<Value> details;
   details.reserve(errors.size());
   for (const auto& e : errors) details.push_back(errorAsValue(e));
-  return setError(error, Error(kCocoaErrorDomain, kValidationMultipleErrorsError, "Multiple validation errors occurred.",
-                               {}, dict({{kDetailedErrorsKey, Value::array(std::move(details))}})));
+  return setError(error,
+                  Error(kCocoaErrorDomain, kValidationMultipleErrorsError, "Multiple validation errors occurred.", {},
+                        dict({{kDetailedErrorsKey, Value::array(std::move(details))}})));
 }
 
 bool ManagedObject::validateForInsert(Error* error) const { return validateCommon(error); }

@@ -333,7 +333,8 @@ bool ObjectModel::resolveInheritance(Error* error) {
     if (e->superentityName_.empty()) continue;
     auto it = byName_.find(e->superentityName_);
     if (it == byName_.end()) {
-      return setError(error, modelError(where(*e) + ": parent \"" + e->superentityName_ + "\" is not an entity of the model"));
+      return setError(error,
+                      modelError(where(*e) + ": parent \"" + e->superentityName_ + "\" is not an entity of the model"));
     }
     e->superentity_ = it->second;
   }

@@ -28,9 +28,15 @@ void PersistentDocument::setUndoManager(std::shared_ptr<UndoManager> undoManager
 void PersistentDocument::updateChangeCount(ChangeKind kind) {
   switch (kind) {
     case ChangeKind::Done:
-    case ChangeKind::Redone: ++changeCount_; break;
-    case ChangeKind::Undone: --changeCount_; break;
-    case ChangeKind::Cleared: changeCount_ = 0; break;
+    case ChangeKind::Redone:
+      ++changeCount_;
+      break;
+    case ChangeKind::Undone:
+      --changeCount_;
+      break;
+    case ChangeKind::Cleared:
+      changeCount_ = 0;
+      break;
   }
 }
 

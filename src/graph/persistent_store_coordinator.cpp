@@ -130,8 +130,8 @@ ObjectID PersistentStoreCoordinator::managedObjectIDForURIRepresentation(const s
   size_t last = path.rfind('/');
   if (last == std::string::npos || last == 0) return ObjectID();
   size_t before = path.rfind('/', last - 1);
-  std::string entityName = path.substr(before == std::string::npos ? 0 : before + 1,
-                                       last - (before == std::string::npos ? 0 : before + 1));
+  std::string entityName =
+      path.substr(before == std::string::npos ? 0 : before + 1, last - (before == std::string::npos ? 0 : before + 1));
   std::string reference = path.substr(last + 1);
   // Temporary IDs live only in the context that made them.
   if (reference.size() < 2 || reference[0] != 'p') return ObjectID();
@@ -210,9 +210,8 @@ std::optional<Value> PersistentStoreCoordinator::executeRequest(const Persistent
   return std::nullopt;
 }
 
-std::unique_ptr<IncrementalStoreNode> PersistentStoreCoordinator::newValuesForObjectWithID(const ObjectID& id,
-                                                                                           ManagedObjectContext* context,
-                                                                                           Error* error) {
+std::unique_ptr<IncrementalStoreNode> PersistentStoreCoordinator::newValuesForObjectWithID(
+    const ObjectID& id, ManagedObjectContext* context, Error* error) {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
   for (auto& store : stores_) {
     if (store.get() == id.persistentStore()) return store->newValuesForObjectWithID(id, context, error);

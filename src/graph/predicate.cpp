@@ -1,5 +1,5 @@
-#include "corvane/foundation/date_format.h"
 #include "corvane/graph/predicate.h"
+#include "corvane/foundation/date_format.h"
 
 #include <cctype>
 #include <charconv>
@@ -68,13 +68,16 @@ Value valueForKeyPath(const Value& root, std::string_view keyPath) { return foll
 
 Predicate::Predicate() : function_([](const Object&) { return true; }), format_("TRUEPREDICATE") {}
 
-Predicate::Predicate(Function function, std::string format) : function_(std::move(function)), format_(std::move(format)) {
+Predicate::Predicate(Function function, std::string format)
+    : function_(std::move(function)), format_(std::move(format)) {
   if (!function_) function_ = [](const Object&) { return true; };
 }
 
 Predicate Predicate::truePredicate() { return Predicate(); }
 
-Predicate Predicate::falsePredicate() { return Predicate([](const Object&) { return false; }, "FALSEPREDICATE"); }
+Predicate Predicate::falsePredicate() {
+  return Predicate([](const Object&) { return false; }, "FALSEPREDICATE");
+}
 
 namespace {
 std::string joinFormats(const std::vector<Predicate>& parts, const char* glue) {
@@ -127,7 +130,20 @@ bool Predicate::evaluate(const Value& value) const {
 
 namespace {
 
-enum class Op { Equal, NotEqual, Less, LessEqual, Greater, GreaterEqual, BeginsWith, EndsWith, Contains, Like, In, Between };
+enum class Op {
+  Equal,
+  NotEqual,
+  Less,
+  LessEqual,
+  Greater,
+  GreaterEqual,
+  BeginsWith,
+  EndsWith,
+  Contains,
+  Like,
+  In,
+  Between
+};
 enum class Quantifier { None, Any, All, NoneOf };
 
 struct Options {
@@ -375,8 +391,8 @@ std::optional<double> parseISODate(std::string_view s) {
       }
     }
   }
-  double unixSeconds = static_cast<double>(daysFromCivil(y, mo, d)) * 86400.0 +
-                       h * 3600.0 + mi * 60.0 + sec + fraction - offset;
+  double unixSeconds =
+      static_cast<double>(daysFromCivil(y, mo, d)) * 86400.0 + h * 3600.0 + mi * 60.0 + sec + fraction - offset;
   return unixSeconds - 978307200.0;
 }
 
@@ -502,16 +518,20 @@ class Parser {
     skipSpace();
     size_t at = pos_;
     static const std::pair<std::string_view, Op> symbols[] = {
-        {"==", Op::Equal},       {"!=", Op::NotEqual},  {"<>", Op::NotEqual}, {"<=", Op::LessEqual},
-        {"=<", Op::LessEqual},   {">=", Op::GreaterEqual}, {"=>", Op::GreaterEqual}, {"=", Op::Equal},
-        {"<", Op::Less},         {">", Op::Greater},
+        {"==", Op::Equal},     {"!=", Op::NotEqual},     {"<>", Op::NotEqual},     {"<=", Op::LessEqual},
+        {"=<", Op::LessEqual}, {">=", Op::GreaterEqual}, {"=>", Op::GreaterEqual}, {"=", Op::Equal},
+        {"<", Op::Less},       {">", Op::Greater},
     };
     for (const auto& [text, op] : symbols) {
       if (acceptSymbol(text)) return op;
     }
     static const std::pair<std::string_view, Op> words[] = {
-        {"BEGINSWITH", Op::BeginsWith}, {"ENDSWITH", Op::EndsWith}, {"CONTAINS", Op::Contains},
-        {"LIKE", Op::Like},             {"IN", Op::In},             {"BETWEEN", Op::Between},
+        {"BEGINSWITH", Op::BeginsWith},
+        {"ENDSWITH", Op::EndsWith},
+        {"CONTAINS", Op::Contains},
+        {"LIKE", Op::Like},
+        {"IN", Op::In},
+        {"BETWEEN", Op::Between},
     };
     for (const auto& [text, op] : words) {
       if (acceptWord(text)) return op;
@@ -638,11 +658,21 @@ class Parser {
       if (pos_ >= s_.size()) break;
       char e = s_[pos_++];
       switch (e) {
-        case 'n': out.push_back('\n'); break;
-        case 't': out.push_back('\t'); break;
-        case 'r': out.push_back('\r'); break;
-        case '0': out.push_back('\0'); break;
-        default: out.push_back(e); break;
+        case 'n':
+          out.push_back('\n');
+          break;
+        case 't':
+          out.push_back('\t');
+          break;
+        case 'r':
+          out.push_back('\r');
+          break;
+        case '0':
+          out.push_back('\0');
+          break;
+        default:
+          out.push_back(e);
+          break;
       }
     }
     if (pos_ >= s_.size()) {
@@ -766,8 +796,8 @@ class Parser {
 std::optional<Predicate> Predicate::parse(std::string_view text, const std::vector<Value>& arguments, Error* error) {
   auto refuse = [&](size_t position, const std::string& reason) -> std::optional<Predicate> {
     setError(error, Error(kCorvaneErrorDomain, -1,
-                          "Unable to parse the predicate at position " + std::to_string(position) + ": " + reason,
-                          {}, dict({{"position", Value(static_cast<long long>(position))}})));
+                          "Unable to parse the predicate at position " + std::to_string(position) + ": " + reason, {},
+                          dict({{"position", Value(static_cast<long long>(position))}})));
     return std::nullopt;
   };
   if (text.size() > kMaxPredicateLength) return refuse(0, "the predicate is too long");

@@ -41,7 +41,8 @@ int SortDescriptor::compare(const Object& a, const Object& b) const {
   return compareValues(valueForKeyPath(a, keyPath_), valueForKeyPath(b, keyPath_));
 }
 
-std::vector<size_t> sortOrder(const std::vector<const Object*>& objects, const std::vector<SortDescriptor>& descriptors) {
+std::vector<size_t> sortOrder(const std::vector<const Object*>& objects,
+                              const std::vector<SortDescriptor>& descriptors) {
   std::vector<size_t> order(objects.size());
   for (size_t i = 0; i < order.size(); ++i) order[i] = i;
   if (descriptors.empty() || objects.size() < 2) return order;

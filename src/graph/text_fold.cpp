@@ -32,14 +32,14 @@ char32_t decodeOne(std::string_view s, size_t& i) {
 
 char32_t lower(char32_t c) {
   if (c < 0x80) return (c >= 'A' && c <= 'Z') ? c + 32 : c;
-  if ((c >= 0xC0 && c <= 0xDE && c != 0xD7)) return c + 32;           // Latin-1 capitals
-  if (c >= 0x100 && c <= 0x17F) {                                      // Latin Extended-A pairs
+  if ((c >= 0xC0 && c <= 0xDE && c != 0xD7)) return c + 32;  // Latin-1 capitals
+  if (c >= 0x100 && c <= 0x17F) {                            // Latin Extended-A pairs
     if ((c >= 0x139 && c <= 0x148) || (c >= 0x179 && c <= 0x17E)) return (c % 2 == 1) ? c + 1 : c;
     if (c == 0x178) return 0xFF;
     return (c % 2 == 0 && c != 0x138 && c != 0x149) ? c + 1 : c;
   }
-  if (c >= 0x391 && c <= 0x3AB && c != 0x3A2) return c + 32;          // Greek
-  if (c >= 0x410 && c <= 0x42F) return c + 32;                         // Cyrillic
+  if (c >= 0x391 && c <= 0x3AB && c != 0x3A2) return c + 32;  // Greek
+  if (c >= 0x410 && c <= 0x42F) return c + 32;                // Cyrillic
   if (c >= 0x400 && c <= 0x40F) return c + 80;
   return c;
 }
@@ -47,15 +47,24 @@ char32_t lower(char32_t c) {
 // Base letters of the accented Latin-1 and Latin Extended-A letters.
 char32_t stripAccent(char32_t c) {
   static const char* latin1 =  // 0xC0 .. 0xFF
-      "AAAAAAACEEEEIIII" "DNOOOOO*OUUUUYTs" "aaaaaaaceeeeiiii" "dnooooo/ouuuuyty";
+      "AAAAAAACEEEEIIII"
+      "DNOOOOO*OUUUUYTs"
+      "aaaaaaaceeeeiiii"
+      "dnooooo/ouuuuyty";
   if (c >= 0xC0 && c <= 0xFF) {
     char base = latin1[c - 0xC0];
     if (base == '*' || base == '/' || base == 'T' || base == 't' || base == 's') return c;  // ×, ÷, Þ, þ, ß
     return static_cast<char32_t>(base);
   }
   static const char* extA =  // 0x100 .. 0x17F
-      "AaAaAaCcCcCcCcDd" "DdEeEeEeEeEeGgGg" "GgGgHhHhIiIiIiIi" "IiJjJjKkkLlLlLlL"
-      "lLlNnNnNnnNnOoOo" "OoOoRrRrRrSsSsSs" "SsTtTtTtUuUuUuUu" "UuUuWwYyYZzZzZzs";
+      "AaAaAaCcCcCcCcDd"
+      "DdEeEeEeEeEeGgGg"
+      "GgGgHhHhIiIiIiIi"
+      "IiJjJjKkkLlLlLlL"
+      "lLlNnNnNnnNnOoOo"
+      "OoOoRrRrRrSsSsSs"
+      "SsTtTtTtUuUuUuUu"
+      "UuUuWwYyYZzZzZzs";
   if (c >= 0x100 && c <= 0x17F) return static_cast<char32_t>(extA[c - 0x100]);
   return c;
 }

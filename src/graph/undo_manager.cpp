@@ -178,9 +178,9 @@ void UndoManager::removeAllActions() {
 void UndoManager::removeAllActionsWithTarget(const void* target) {
   auto strip = [target](std::vector<Group>& groups, bool dropEmpty) {
     for (auto& g : groups) {
-      g.entries.erase(std::remove_if(g.entries.begin(), g.entries.end(),
-                                     [target](const Entry& e) { return e.target == target; }),
-                      g.entries.end());
+      g.entries.erase(
+          std::remove_if(g.entries.begin(), g.entries.end(), [target](const Entry& e) { return e.target == target; }),
+          g.entries.end());
     }
     if (dropEmpty) {
       groups.erase(std::remove_if(groups.begin(), groups.end(), [](const Group& g) { return g.entries.empty(); }),
@@ -205,6 +205,8 @@ std::string UndoManager::undoActionName() const {
   return undoStack_.empty() ? std::string() : undoStack_.back().actionName;
 }
 
-std::string UndoManager::redoActionName() const { return redoStack_.empty() ? std::string() : redoStack_.back().actionName; }
+std::string UndoManager::redoActionName() const {
+  return redoStack_.empty() ? std::string() : redoStack_.back().actionName;
+}
 
 }  // namespace corvane

@@ -149,10 +149,11 @@ std::vector<std::string> CorvaneRecovery::findAllCacheDirectories(const Recovery
   return folders;
 }
 
-std::vector<std::unique_ptr<CorvaneRecovery>> CorvaneRecovery::findAllCaches(
-    const std::shared_ptr<ObjectModel>& model, const RecoverySetup& setup) {
+std::vector<std::unique_ptr<CorvaneRecovery>> CorvaneRecovery::findAllCaches(const std::shared_ptr<ObjectModel>& model,
+                                                                             const RecoverySetup& setup) {
   std::vector<std::unique_ptr<CorvaneRecovery>> all;
-  for (const std::string& folder : findAllCacheDirectories(setup)) all.push_back(recoveryWithCacheURL(folder, model, setup));
+  for (const std::string& folder : findAllCacheDirectories(setup))
+    all.push_back(recoveryWithCacheURL(folder, model, setup));
   return all;
 }
 
@@ -208,9 +209,8 @@ std::string CorvaneRecovery::suggestedNameForCacheURL(const std::string& cacheUR
   return "Recovered_Cache_" + folder;
 }
 
-std::optional<std::string> CorvaneRecovery::originalFileURLForCacheURL(const std::string& cacheURL,
-                                                                       const std::vector<std::string>& knownOriginalURLs,
-                                                                       const RecoverySetup& setup) {
+std::optional<std::string> CorvaneRecovery::originalFileURLForCacheURL(
+    const std::string& cacheURL, const std::vector<std::string>& knownOriginalURLs, const RecoverySetup& setup) {
   const std::string folder = pathLastComponent(cacheURL);
   for (const std::vector<std::string>& candidates : {knownOriginalURLs, recentDocuments(setup)}) {
     for (const std::string& url : candidates) {
@@ -415,8 +415,8 @@ bool CorvaneRecovery::rebuildPackageToURL(const std::string& url, const Value& /
   if (entities.empty()) {
     logLine("[Recovery] ERROR: No entities found", LogLevel::Error);
     store->close();
-    return setError(error, listing.empty() ? Error(kCorvaneRecoveryErrorDomain, -1, "No entities found in the cache")
-                                           : listing);
+    return setError(
+        error, listing.empty() ? Error(kCorvaneRecoveryErrorDomain, -1, "No entities found in the cache") : listing);
   }
   std::unordered_map<std::string, std::vector<std::string>> uidsOf;
   int64_t total = 0;
@@ -537,8 +537,8 @@ bool CorvaneRecovery::createInfoPlistAtURL(const std::string& url, const Value& 
     return Value(value.empty() ? std::string(fallback) : value);
   };
   Value info = Value::mutableDictionary();
-  info.set(Value("DocumentIdentifier"), options["DocumentIdentifier"].isString() ? options["DocumentIdentifier"]
-                                                                                 : Value(files->newUUIDString()));
+  info.set(Value("DocumentIdentifier"),
+           options["DocumentIdentifier"].isString() ? options["DocumentIdentifier"] : Value(files->newUUIDString()));
   if (!options["DocumentInfo"].isNil()) info.set(Value("DocumentInfo"), options["DocumentInfo"]);
   info.set(Value("Application"),
            Value::dictionary({{Value("CFBundleIdentifier"), orDefault(application.identifier, "com.unknown.app")},
@@ -646,8 +646,8 @@ std::optional<std::string> CorvaneRecovery::recoverAllCachesToDesktop(const std:
   progress(n, n, fmt::format("📁 Files saved to: {}", folder));
   if (panel) {
     panel->endProgress();
-    const size_t button = panel->runAlert(
-        Alert{"Recovery Complete", fmt::format("{} cache(s) recovered to Desktop/Recovered", n), {"Show Folder", "OK"}});
+    const size_t button = panel->runAlert(Alert{
+        "Recovery Complete", fmt::format("{} cache(s) recovered to Desktop/Recovered", n), {"Show Folder", "OK"}});
     if (button == 0) panel->revealInFileViewer(folder);
   }
   return folder;

@@ -157,7 +157,8 @@ class FileKeychain final : public KeychainBackend {
       const KeychainAttributes key = keychainPrimaryKey(attributes);
       for (const StoredItem& item : s.items) {
         if (keychainPrimaryKey(item.attributes) == key) {
-          return setError(error, keychainError(kKeychainErrorDuplicateItem, "The item already exists in the keychain."));
+          return setError(error,
+                          keychainError(kKeychainErrorDuplicateItem, "The item already exists in the keychain."));
         }
       }
       StoredItem item{attributes, {}};
@@ -308,8 +309,8 @@ class FileKeychain final : public KeychainBackend {
                                          {"Secret", Value(corvaneHexadecimalString(item.sealed))}}));
     }
     Error cause;
-    std::optional<std::string> json =
-        valueToJson(Value::dictionary({{"Version", 1}, {"Items", Value::array(std::move(items))}}), JsonStyle::Pretty, &cause);
+    std::optional<std::string> json = valueToJson(
+        Value::dictionary({{"Version", 1}, {"Items", Value::array(std::move(items))}}), JsonStyle::Pretty, &cause);
     if (!json) return ioFailure(error, cause);
     const std::string storePath = pathOf(kStoreName);
     if (!env_->writeFileAtomically(storePath, asBytes(*json), &cause)) return ioFailure(error, cause);

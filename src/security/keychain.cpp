@@ -21,12 +21,12 @@ KeychainAttributes keychainPrimaryKey(const KeychainAttributes& attributes) {
   };
   const std::string itemClass = valueOf(kKeychainClass);
   static constexpr const char* kGenericKeys[] = {kKeychainService, kKeychainAccount};
-  static constexpr const char* kInternetKeys[] = {kKeychainServer,   kKeychainSecurityDomain,     kKeychainPath,
-                                                  kKeychainPort,     kKeychainProtocol,           kKeychainAuthenticationType,
+  static constexpr const char* kInternetKeys[] = {kKeychainServer, kKeychainSecurityDomain, kKeychainPath,
+                                                  kKeychainPort,   kKeychainProtocol,       kKeychainAuthenticationType,
                                                   kKeychainAccount};
-  const std::span<const char* const> keys =
-      itemClass == kKeychainClassInternetPassword ? std::span<const char* const>(kInternetKeys)
-                                                  : std::span<const char* const>(kGenericKeys);
+  const std::span<const char* const> keys = itemClass == kKeychainClassInternetPassword
+                                                ? std::span<const char* const>(kInternetKeys)
+                                                : std::span<const char* const>(kGenericKeys);
   KeychainAttributes key{{kKeychainClass, itemClass}};
   for (const char* k : keys) key[k] = valueOf(k);
   return key;

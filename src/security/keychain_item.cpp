@@ -30,8 +30,8 @@ bool attributesFromValue(const Value& dictionary, KeychainAttributes* out, Error
     } else if (value.isFloatingPoint()) {
       (*out)[key.str()] = value.description();
     } else {
-      (*out)[key.str()] = value.isUnsigned() ? std::to_string(value.unsignedLongLongValue())
-                                             : std::to_string(value.longLongValue());
+      (*out)[key.str()] =
+          value.isUnsigned() ? std::to_string(value.unsignedLongLongValue()) : std::to_string(value.longLongValue());
     }
   }
   return true;
@@ -41,7 +41,8 @@ Value attributesToValue(const KeychainAttributes& attributes) {
   std::vector<std::pair<Value, Value>> entries;
   for (const auto& [key, value] : attributes) {
     if (key == kKeychainPort) {
-      entries.emplace_back(Value(key), Value(static_cast<unsigned long long>(std::strtoull(value.c_str(), nullptr, 10))));
+      entries.emplace_back(Value(key),
+                           Value(static_cast<unsigned long long>(std::strtoull(value.c_str(), nullptr, 10))));
     } else {
       entries.emplace_back(Value(key), Value(value));
     }
@@ -88,12 +89,13 @@ bool addOrUpdate(KeychainBackend* keychain, const KeychainAttributes& attributes
 }
 
 // Looks up items; the error carries the query.
-std::optional<std::vector<KeychainRecord>> lookUp(KeychainBackend* keychain, const KeychainAttributes& match,
-                                                  bool all, Error* error) {
+std::optional<std::vector<KeychainRecord>> lookUp(KeychainBackend* keychain, const KeychainAttributes& match, bool all,
+                                                  Error* error) {
   Error cause;
   const bool withPasswords = !all;  // one item comes with its data, a list with attributes only
   auto records = keychain->find(match, all, withPasswords, &cause);
-  if (!records) failWithQuery(error, std::move(cause), queryValue(match, all ? Lookup::All : Lookup::One, withPasswords));
+  if (!records)
+    failWithQuery(error, std::move(cause), queryValue(match, all ? Lookup::All : Lookup::One, withPasswords));
   return records;
 }
 
@@ -119,12 +121,10 @@ KeychainAttributes locationAttributes(const MCSMStoreInternetKeychainItem::Locat
 
 MCSMStoreInternetKeychainItem internetItemFrom(const KeychainRecord& record, KeychainBackend* keychain) {
   const KeychainAttributes& a = record.attributes;
-  MCSMStoreInternetKeychainItem::Location location{valueOf(a, kKeychainServer),
-                                                   valueOf(a, kKeychainSecurityDomain),
-                                                   valueOf(a, kKeychainPath),
-                                                   std::strtoull(valueOf(a, kKeychainPort).c_str(), nullptr, 10),
-                                                   valueOf(a, kKeychainProtocol),
-                                                   valueOf(a, kKeychainAuthenticationType)};
+  MCSMStoreInternetKeychainItem::Location location{
+      valueOf(a, kKeychainServer),   valueOf(a, kKeychainSecurityDomain),
+      valueOf(a, kKeychainPath),     std::strtoull(valueOf(a, kKeychainPort).c_str(), nullptr, 10),
+      valueOf(a, kKeychainProtocol), valueOf(a, kKeychainAuthenticationType)};
   return MCSMStoreInternetKeychainItem(std::move(location), valueOf(a, kKeychainAccount), record.password.value_or(""),
                                        attributesToValue(a), keychain);
 }
@@ -180,7 +180,8 @@ std::string MCSMStoreGenericKeychainItem::description() const {
 }
 
 KeychainAttributes MCSMStoreGenericKeychainItem::identifyingAttributes() const {
-  return {{kKeychainClass, kKeychainClassGenericPassword}, {kKeychainService, service()}, {kKeychainAccount, account()}};
+  return {
+      {kKeychainClass, kKeychainClassGenericPassword}, {kKeychainService, service()}, {kKeychainAccount, account()}};
 }
 
 std::optional<MCSMStoreGenericKeychainItem> MCSMStoreGenericKeychainItem::genericKeychainItemForService(
@@ -339,8 +340,9 @@ namespace {
 
 bool checkDocumentItem(const DocumentPasswordItem& item, Error* error) {
   if (item.bundleIdentifier.empty() || item.documentIdentifier.empty()) {
-    return setError(error, keychainError(kKeychainErrorParam,
-                                         "A document password needs the application's and the document's identifiers."));
+    return setError(error,
+                    keychainError(kKeychainErrorParam,
+                                  "A document password needs the application's and the document's identifiers."));
   }
   return true;
 }
@@ -350,9 +352,8 @@ bool checkDocumentItem(const DocumentPasswordItem& item, Error* error) {
 std::optional<std::string> findDocumentPassword(const DocumentPasswordItem& item, Error* error,
                                                 KeychainBackend* keychain) {
   if (!checkDocumentItem(item, error)) return std::nullopt;
-  auto found = MCSMStoreGenericKeychainItem::genericKeychainItemForService(item.bundleIdentifier,
-                                                                           item.documentIdentifier, Value(), error,
-                                                                           keychain);
+  auto found = MCSMStoreGenericKeychainItem::genericKeychainItemForService(
+      item.bundleIdentifier, item.documentIdentifier, Value(), error, keychain);
   if (!found) return std::nullopt;
   return found->password();
 }
@@ -360,7 +361,8 @@ std::optional<std::string> findDocumentPassword(const DocumentPasswordItem& item
 bool saveDocumentPassword(const DocumentPasswordItem& item, const std::string& fileName, const std::string& password,
                           Error* error, KeychainBackend* keychain) {
   Error cause;
-  const Value attributes = Value::dictionary({{kKeychainLabel, fileName}, {kKeychainSynchronizable, item.bundleIdentifier}});
+  const Value attributes =
+      Value::dictionary({{kKeychainLabel, fileName}, {kKeychainSynchronizable, item.bundleIdentifier}});
   if (checkDocumentItem(item, &cause) &&
       MCSMStoreGenericKeychainItem::genericKeychainItemWithService(item.bundleIdentifier, item.documentIdentifier,
                                                                    attributes, password, &cause, keychain)) {

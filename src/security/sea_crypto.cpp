@@ -118,9 +118,9 @@ void SeaCrypto::setPassword(ByteView password) {
   static const char kNoPassword = 0;
   const char* passwordBytes = password.empty() ? &kNoPassword : reinterpret_cast<const char*>(password.data());
   if (password.size() > static_cast<size_t>(INT_MAX)) return;
-  int ok = PKCS5_PBKDF2_HMAC(passwordBytes, static_cast<int>(password.size()), salt_->data(),
-                             static_cast<int>(kSaltLength), static_cast<int>(rounds_), EVP_sha512(),
-                             static_cast<int>(sizeof derived), derived);
+  int ok =
+      PKCS5_PBKDF2_HMAC(passwordBytes, static_cast<int>(password.size()), salt_->data(), static_cast<int>(kSaltLength),
+                        static_cast<int>(rounds_), EVP_sha512(), static_cast<int>(sizeof derived), derived);
   if (ok == 1) {
     key_ = Bytes(derived, derived + kKeyLength);
     keyHMAC_ = Bytes(derived + kKeyLength, derived + 2 * kKeyLength);

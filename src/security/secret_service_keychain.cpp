@@ -85,7 +85,8 @@ bool failWithGError(Error* error, const GErrorHolder& cause) {
 
 GHashTablePtr attributeTable(const KeychainAttributes& attributes) {
   GHashTable* table = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free);
-  for (const auto& [key, value] : attributes) g_hash_table_insert(table, g_strdup(key.c_str()), g_strdup(value.c_str()));
+  for (const auto& [key, value] : attributes)
+    g_hash_table_insert(table, g_strdup(key.c_str()), g_strdup(value.c_str()));
   g_hash_table_insert(table, g_strdup("xdg:schema"), g_strdup(kSecretServiceSchemaName));
   return GHashTablePtr(table);
 }
@@ -222,7 +223,9 @@ class SecretServiceKeychain final : public KeychainBackend {
   static bool notFound(Error* error) {
     return failWith(error, kKeychainErrorItemNotFound, "The item could not be found in the keychain.");
   }
-  static bool locked(Error* error) { return failWith(error, kKeychainErrorInteractionNotAllowed, "The keychain is locked."); }
+  static bool locked(Error* error) {
+    return failWith(error, kKeychainErrorInteractionNotAllowed, "The keychain is locked.");
+  }
 
   // This library's items whose attributes include all of `match`; an empty list when none.
   std::optional<ItemList> search(const KeychainAttributes& match, bool all, bool loadSecrets, Error* error)
@@ -262,8 +265,8 @@ std::unique_ptr<KeychainBackend> openSecretServiceKeychain(Error* error) {
   if (sessionBusAddress().empty()) return failWith(error, kKeychainErrorNotAvailable, "no session bus"), nullptr;
   GErrorHolder cause;
   // A service proxy of our own (not libsecret's shared one), over GLib's session-bus connection.
-  GObjectPtr<SecretService> service(secret_service_open_sync(secret_service_get_type(), nullptr,
-                                                             SECRET_SERVICE_OPEN_SESSION, nullptr, cause.out()));
+  GObjectPtr<SecretService> service(
+      secret_service_open_sync(secret_service_get_type(), nullptr, SECRET_SERVICE_OPEN_SESSION, nullptr, cause.out()));
   if (service == nullptr) return failWithGError(error, cause), nullptr;
   GObjectPtr<SecretCollection> collection(secret_collection_for_alias_sync(
       service.get(), SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr, cause.out()));

@@ -1,7 +1,7 @@
 // CorvaneStore: opening, identity, entity folder names, the cipher, metadata, the cache
 // services and closing.
-#include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_store.h"
+#include "corvane/store/corvane_package.h"
 
 #include <fmt/format.h>
 
@@ -105,7 +105,8 @@ CorvaneStore::~CorvaneStore() {
 bool CorvaneStore::loadMetadata(Error* error) {
   const std::string& path = url();
   bool isDirectory = false;
-  if (state_->env->fileExists(path, &isDirectory) && (!isDirectory || !CorvanePackage::isCorrectFormat(path, state_->env, state_->environment))) {
+  if (state_->env->fileExists(path, &isDirectory) &&
+      (!isDirectory || !CorvanePackage::isCorrectFormat(path, state_->env, state_->environment))) {
     return setError(error, storeError(path + " is not a Corvane document"));
   }
   const bool existed = state_->env->fileExists(path);
@@ -117,8 +118,8 @@ bool CorvaneStore::loadMetadata(Error* error) {
       const std::string stale = pathJoin(*root, CorvaneCache::cacheFolderName(path));
       Error failure;
       if (state_->env->fileExists(stale) && !state_->env->removeItem(stale, &failure)) {
-        return setError(error, storeError("The cache of an earlier document at " + path + " cannot be removed: " +
-                                          failure.localizedDescription));
+        return setError(error, storeError("The cache of an earlier document at " + path +
+                                          " cannot be removed: " + failure.localizedDescription));
       }
     } else {
       CorvaneCache::resetCacheForURL(path, state_->env);
@@ -169,7 +170,8 @@ bool CorvaneStore::writeInfo(const Value& options, Error* error) {
   Error failure;
   if (state_->password) {
     // Salt, rounds and the password's verifier, made with the cipher they describe.
-    std::optional<Value> encryption = makeEncryptionEntry(*state_->password, state_->env, state_->environment->encryptionRounds);
+    std::optional<Value> encryption =
+        makeEncryptionEntry(*state_->password, state_->env, state_->environment->encryptionRounds);
     if (!encryption) return setError(error, storeError("Could not set up the encryption of " + path));
     info.set(Value(kEncryptionKey), *encryption);
   }
@@ -260,7 +262,8 @@ void CorvaneStore::refreshURLs() {
   state_->cache->setStoreURL(path);
   // The package the cache is bound to may hold changes it lacks.
   updateChanges();
-  CorvanePackage::registerURL(path, infoDictionary().copy(), Value(), state_->env, state_->environment->defaults, state_->volumes);
+  CorvanePackage::registerURL(path, infoDictionary().copy(), Value(), state_->env, state_->environment->defaults,
+                              state_->volumes);
 }
 
 void CorvaneStore::setPackageURL(const std::string& newURL) {
@@ -363,7 +366,8 @@ std::shared_ptr<const SeaCrypto> CorvaneStore::cipher() {
   MutexLock lock(&state_->package.cryptoMutex);
   if (!state_->package.crypto && state_->password) {
     const Value info = CorvanePackage::infoDictionaryForURL(url(), state_->env);
-    state_->package.crypto = std::make_shared<const SeaCrypto>(seaCryptoForPackageInfo(info, *state_->password, state_->env));
+    state_->package.crypto =
+        std::make_shared<const SeaCrypto>(seaCryptoForPackageInfo(info, *state_->password, state_->env));
   }
   return state_->package.crypto;
 }
@@ -402,7 +406,8 @@ Value CorvaneStore::metadata() const {
   {
     MutexLock lock(&state_->metadata.mutex);
     for (;;) {
-      if (state_->metadata.cached.isDictionary() && !state_->metadata.cached["Corvane"].isNil()) return state_->metadata.cached;
+      if (state_->metadata.cached.isDictionary() && !state_->metadata.cached["Corvane"].isNil())
+        return state_->metadata.cached;
       if (!state_->metadata.fetching) break;
       // The fetching thread asking again (through the base store) cannot wait for itself.
       if (state_->metadata.fetcher == std::this_thread::get_id()) {
@@ -503,9 +508,8 @@ void CorvaneStore::preventFromSaving() { state_->writer.blockSaves = true; }
 
 // The user is reached from the main run loop only, as Interaction promises its implementers.
 void CorvaneStore::showAlert(const std::string& message, const std::string& informativeText) {
-  state_->mainLoop->perform([interaction = state_->environment->interactionOrDefault(), alert = Alert{message, informativeText, {}}] {
-    interaction->runAlert(alert);
-  });
+  state_->mainLoop->perform([interaction = state_->environment->interactionOrDefault(),
+                             alert = Alert{message, informativeText, {}}] { interaction->runAlert(alert); });
 }
 
 void CorvaneStore::revealInFileViewer(const std::string& path) {

@@ -16,8 +16,8 @@ namespace corvane {
 
 namespace {
 constexpr size_t kMaxErrorRecords = 20;
-constexpr double kRecentErrorsSeconds = 864000;      // 10 days
-constexpr double kRecentActivitySeconds = 1209600;   // 14 days
+constexpr double kRecentErrorsSeconds = 864000;     // 10 days
+constexpr double kRecentActivitySeconds = 1209600;  // 14 days
 }  // namespace
 
 Value StoreDiagnostics::errorsArray() const {
@@ -29,7 +29,8 @@ Value StoreDiagnostics::errorsArray() const {
   for (const std::string& name : names) {
     if (records.size() >= kMaxErrorRecords) break;
     Value record;
-    if (!readPropertyListFile(store_.env(), pathJoin(folder, name), &record, nullptr) || !record.isDictionary()) continue;
+    if (!readPropertyListFile(store_.env(), pathJoin(folder, name), &record, nullptr) || !record.isDictionary())
+      continue;
     records.push_back(record);
   }
   return Value::array(std::move(records));
@@ -102,7 +103,9 @@ std::string StoreDiagnostics::changesInfo() const {
   return fmt::format("{} in Cache / {} on Disk", cached, onDisk);
 }
 
-bool StoreDiagnostics::loadedAllChanges() const { return store_.cache()->changes().count() >= store_.changesFileCount(); }
+bool StoreDiagnostics::loadedAllChanges() const {
+  return store_.cache()->changes().count() >= store_.changesFileCount();
+}
 
 Value StoreDiagnostics::sessionInfo() const {
   const Value changes = store_.cache()->changes();

@@ -60,10 +60,10 @@ Value StoreDiagnostics::changesHistoryForObjectID(const ObjectID& objectID, Mana
     auto text = [](const Value& v) {
       return v.isString() ? v.str() : (v.isNil() ? std::string("(null)") : v.description());
     };
-    const std::string value = version.isNil()
-                                  ? fmt::format("{} ({})", text(session["fullUserName"]), text(session["machineName"]))
-                                  : fmt::format("{} ({}, {})", text(session["fullUserName"]),
-                                                text(session["machineName"]), text(version));
+    const std::string value =
+        version.isNil()
+            ? fmt::format("{} ({})", text(session["fullUserName"]), text(session["machineName"]))
+            : fmt::format("{} ({}, {})", text(session["fullUserName"]), text(session["machineName"]), text(version));
     const std::optional<double> date = store_internal::dateFromChangeValue((*change)["date"]);
 
     Value row = Value::mutableDictionary();

@@ -52,7 +52,8 @@ void CorvaneStore::addLogEntry(StoreLogEntry entry, const Value& change) {
     const size_t colon = entry.message.find(':');
     if (colon != std::string::npos) {
       std::optional<double> date = store_internal::dateFromChangeValue(change["date"]);
-      const std::string when = date ? displayDateString(*date, DateStyle::Medium, DateStyle::Short, state_->env) : "(null)";
+      const std::string when =
+          date ? displayDateString(*date, DateStyle::Medium, DateStyle::Short, state_->env) : "(null)";
       const Value& author = change["session"]["fullUserName"];
       const std::string who = author.isString() ? author.str() : "(null)";
       entry.message.replace(colon, 1, fmt::format(": ({} {})", when, who));
@@ -61,7 +62,8 @@ void CorvaneStore::addLogEntry(StoreLogEntry entry, const Value& change) {
   MutexLock lock(&state_->log.mutex);
   state_->log.entries.push_front(std::move(entry));
   state_->log.refreshToken.cancel();
-  state_->log.refreshToken = state_->mainLoop->postAfter(kRefreshLogDelay, guarded([observers = state_->log.observers] { observers->deliver(); }));
+  state_->log.refreshToken = state_->mainLoop->postAfter(
+      kRefreshLogDelay, guarded([observers = state_->log.observers] { observers->deliver(); }));
 }
 
 std::vector<StoreLogEntry> CorvaneStore::logEntries() const {

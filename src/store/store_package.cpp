@@ -71,7 +71,8 @@ bool CorvanePackage::isCorrectFormat(const std::string& path, Env* env, const St
       const std::string informative = path + " is stored online only. Download it first and try again.";
       std::shared_ptr<Interaction> interaction =
           environment != nullptr ? environment->interactionOrDefault() : defaultInteraction();
-      RunLoop& main = environment != nullptr && environment->mainLoop != nullptr ? *environment->mainLoop : RunLoop::main();
+      RunLoop& main =
+          environment != nullptr && environment->mainLoop != nullptr ? *environment->mainLoop : RunLoop::main();
       main.perform([interaction, alert = Alert{message, informative, {}}] { interaction->runAlert(alert); });
     }
     return false;
@@ -91,9 +92,8 @@ void CorvanePackage::prepareNewStoreAtURL(const std::string& url, Env* env, std:
       std::shared_ptr<UserDefaults> settings = defaultsOr(std::move(defaults));
       const Value old = settings->arrayForKey(kCorvaneOverwrittenFilesKey);
       Value records = old.isArray() ? old.mutableCopy() : Value::mutableArray();
-      records.append(dict({{"date", Value::date(env->now())},
-                           {"originalPath", Value(url)},
-                           {"trashPath", Value(*trashed)}}));
+      records.append(
+          dict({{"date", Value::date(env->now())}, {"originalPath", Value(url)}, {"trashPath", Value(*trashed)}}));
       settings->setObject(records, kCorvaneOverwrittenFilesKey);
     }
   }
@@ -101,7 +101,7 @@ void CorvanePackage::prepareNewStoreAtURL(const std::string& url, Env* env, std:
 }
 
 void CorvanePackage::registerURL(const std::string& url, const Value& info, const Value& volume, Env* env,
-                               std::shared_ptr<UserDefaults> defaults, std::shared_ptr<StoreVolumeQueries> volumes) {
+                                 std::shared_ptr<UserDefaults> defaults, std::shared_ptr<StoreVolumeQueries> volumes) {
   recentQueue().async([url, info, volume, env, defaults = std::move(defaults), volumes = std::move(volumes)] {
     if (!env->fileExists(url)) return;
     std::shared_ptr<UserDefaults> settings = defaultsOr(defaults);
@@ -110,9 +110,8 @@ void CorvanePackage::registerURL(const std::string& url, const Value& info, cons
     Value volumeInfo = volume;
     if (volumeInfo.isNil()) volumeInfo = (volumes ? volumes : defaultStoreVolumeQueries())->volumeInformation(env, url);
     const Value& identifier = documentInfo["DocumentIdentifier"];
-    std::optional<Predicate> same =
-        Predicate::parse("Path LIKE %@ AND DocumentInfo.DocumentIdentifier LIKE %@",
-                         {Value(url), identifier.isString() ? identifier : Value("")});
+    std::optional<Predicate> same = Predicate::parse("Path LIKE %@ AND DocumentInfo.DocumentIdentifier LIKE %@",
+                                                     {Value(url), identifier.isString() ? identifier : Value("")});
     Value records = Value::mutableArray();
     for (const Value& record : old.elements()) {
       if (!same || !same->evaluate(record)) records.append(record);
@@ -129,7 +128,9 @@ void CorvanePackage::registerURL(const std::string& url, const Value& info, cons
   });
 }
 
-void CorvanePackage::waitForRecentFilesRegistration() { recentQueue().sync([] {}); }
+void CorvanePackage::waitForRecentFilesRegistration() {
+  recentQueue().sync([] {});
+}
 
 std::string CorvanePackage::entityFolderName(const std::string& entityName, bool encrypted) {
   if (!encrypted) return entityName;

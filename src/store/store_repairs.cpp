@@ -73,7 +73,8 @@ bool CorvaneStore::discardChange(const std::string& path, Error* error) {
   std::optional<double> date = store_internal::dateFromChangeValue(discarded["date"]);
   if (!date && fileName.size() >= 23) date = state_->dateFormatter.parse(std::string_view(fileName).substr(0, 23));
   if (date) {
-    const std::string earlier = fmt::format("{}.{}.json", state_->dateFormatter.format(*date - 1.0), state_->env->newUUIDString());
+    const std::string earlier =
+        fmt::format("{}.{}.json", state_->dateFormatter.format(*date - 1.0), state_->env->newUUIDString());
     if (!writeRecoveryChange(pathJoin(changesURL(), earlier), Value(), error)) return false;
   }
   updateChanges();

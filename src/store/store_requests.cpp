@@ -14,8 +14,8 @@
 #include "corvane/graph/object_model.h"
 #include "corvane/graph/persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
-#include "corvane/store/store_diagnostics.h"
 #include "corvane/store/corvane_store_options.h"
+#include "corvane/store/store_diagnostics.h"
 #include "store/store_internal.h"
 #include "store/store_state.h"
 
@@ -136,8 +136,7 @@ Error blockedSaveError(const Value& sessions, const std::string& applicationName
       highestNumber = number;
     }
   }
-  const std::string reason = fmt::format("Because it was created with a newer version of {}.",
-                                         applicationName);
+  const std::string reason = fmt::format("Because it was created with a newer version of {}.", applicationName);
   Error error(kFrameworkBundleIdentifier, -1, reason, fmt::format("Please update to version {}.", highest));
   error.userInfo = dict({{"NSLocalizedFailureReason", Value(reason)}});
   return error;
@@ -156,7 +155,8 @@ std::optional<Value> CorvaneStore::executeRequest(const PersistentStoreRequest& 
     }
     if (request.requestType() == RequestType::Save) {
       if (state_->writer.blockSaves) {
-        setError(error, blockedSaveError(StoreDiagnostics(*this).sessionInfo(), state_->environment->applicationOrCurrent().name));
+        setError(error, blockedSaveError(StoreDiagnostics(*this).sessionInfo(),
+                                         state_->environment->applicationOrCurrent().name));
         return std::nullopt;
       }
       return executeSaveRequest(static_cast<const SaveChangesRequest&>(request), context, error);

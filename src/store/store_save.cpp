@@ -74,8 +74,8 @@ Value applyOptions(const Value& options, const Value& value, const std::string& 
 }
 
 std::string URLForStore(ManagedObject& object, CorvaneStore& toStore, CorvaneStore* fromStore) {
-  std::string uid =
-      fromStore != nullptr ? fromStore->uidForObjectID(object.objectID(), object.managedObjectContext()) : std::string();
+  std::string uid = fromStore != nullptr ? fromStore->uidForObjectID(object.objectID(), object.managedObjectContext())
+                                         : std::string();
   if (uid.empty()) uid = toStore.env()->newUUIDString();
   return pathJoin(pathJoin(toStore.entitiesURL(), toStore.fileNameForEntity(object.entity())), uid);
 }
@@ -120,8 +120,9 @@ void saveFromStore(ManagedObject& object, CorvaneStore* fromStore, CorvaneStore&
         if (value.isNil() && allValues) continue;
         Value entry = Value::mutableDictionary();
         if (!value.isNil()) {
-          entry.set(Value("value"), CorvaneValueTransformerForAttribute(attribute, Value(kStorageVersion))
-                                        ->reverseTransformedValue(value));
+          entry.set(
+              Value("value"),
+              CorvaneValueTransformerForAttribute(attribute, Value(kStorageVersion))->reverseTransformedValue(value));
         }
         if (attribute.attributeType() == AttributeType::BinaryData && value.isData() && entry["value"].isString()) {
           std::optional<Bytes> stored = toStore.encrypt(value.bytes());
@@ -265,7 +266,8 @@ void CorvaneStore::incrementProgress() {
 
 void CorvaneStore::setProgressInfo(const Value& mutableDictionary) {
   MutexLock lock(&state_->writer.progressMutex);
-  state_->writer.progressInfo = mutableDictionary.isDictionary() && mutableDictionary.isMutable() ? mutableDictionary : Value();
+  state_->writer.progressInfo =
+      mutableDictionary.isDictionary() && mutableDictionary.isMutable() ? mutableDictionary : Value();
 }
 
 // ---- A whole graph ------------------------------------------------------------------------------
@@ -276,45 +278,45 @@ void CorvaneStore::writeAllObjectsInContext(const std::shared_ptr<ManagedObjectC
                                             std::function<void(bool written)> completion) {
   auto child = ManagedObjectContext::create(ConcurrencyType::PrivateQueue);
   child->setParentContext(context);
-  state_->cache->queue().async([this, child, fromStore, options, progress = std::move(progress),
-                         completion = std::move(completion)] {
-    CorvaneChange change(fromStore != nullptr ? fromStore : this, state_->env->now());
-    Error error;
-    if (!state_->env->createDirectory(url(), true, &error)) change.fail(error);
-    child->performAndWait([&] {
-      const std::vector<const EntityDescription*> all = child->model()->entities();
-      const auto entities = static_cast<double>(all.size());
-      // Each entity is an equal share of the bar; within one, every object moves it on, though
-      // no more often than once a percent.
-      double reported = 0;
-      auto report = [&](double fraction, bool always) {
-        if (!progress || (!always && fraction - reported < 0.01)) return;
-        reported = fraction;
-        onMain([progress, fraction] { progress(fraction); });
-      };
-      for (size_t index = 0; index < all.size(); ++index) {
-        FetchRequest request(all[index]->name());
-        request.setIncludesSubentities(false);
-        if (auto objects = child->fetch(request)) {
-          const auto count = static_cast<double>(objects->size());
-          for (size_t i = 0; i < objects->size(); ++i) {
-            try {
-              saveFromStore(*(*objects)[i], fromStore, *this, change, options, kChangeTypeInsert);
-            } catch (const Exception& e) {
-              log(e.name() + ": " + e.reason(), kCorvaneLogTypeError);
+  state_->cache->queue().async(
+      [this, child, fromStore, options, progress = std::move(progress), completion = std::move(completion)] {
+        CorvaneChange change(fromStore != nullptr ? fromStore : this, state_->env->now());
+        Error error;
+        if (!state_->env->createDirectory(url(), true, &error)) change.fail(error);
+        child->performAndWait([&] {
+          const std::vector<const EntityDescription*> all = child->model()->entities();
+          const auto entities = static_cast<double>(all.size());
+          // Each entity is an equal share of the bar; within one, every object moves it on, though
+          // no more often than once a percent.
+          double reported = 0;
+          auto report = [&](double fraction, bool always) {
+            if (!progress || (!always && fraction - reported < 0.01)) return;
+            reported = fraction;
+            onMain([progress, fraction] { progress(fraction); });
+          };
+          for (size_t index = 0; index < all.size(); ++index) {
+            FetchRequest request(all[index]->name());
+            request.setIncludesSubentities(false);
+            if (auto objects = child->fetch(request)) {
+              const auto count = static_cast<double>(objects->size());
+              for (size_t i = 0; i < objects->size(); ++i) {
+                try {
+                  saveFromStore(*(*objects)[i], fromStore, *this, change, options, kChangeTypeInsert);
+                } catch (const Exception& e) {
+                  log(e.name() + ": " + e.reason(), kCorvaneLogTypeError);
+                }
+                report((static_cast<double>(index) + static_cast<double>(i + 1) / count) / entities, false);
+              }
             }
-            report((static_cast<double>(index) + static_cast<double>(i + 1) / count) / entities, false);
+            report(static_cast<double>(index + 1) / entities, true);
           }
-        }
-        report(static_cast<double>(index + 1) / entities, true);
-      }
-    });
-    // A copy that could not write every file announces none of them; the log says why.
-    const bool written = change.saveToStore(*this, &error);
-    if (!written) logError(error, "CorvaneSaveOperation");
-    waitForSaves();
-    if (completion) onMain([completion, written] { completion(written); });
-  });
+        });
+        // A copy that could not write every file announces none of them; the log says why.
+        const bool written = change.saveToStore(*this, &error);
+        if (!written) logError(error, "CorvaneSaveOperation");
+        waitForSaves();
+        if (completion) onMain([completion, written] { completion(written); });
+      });
 }
 
 }  // namespace corvane

@@ -63,8 +63,8 @@ struct CorvaneStore::State {
     mutable Mutex mutex;
     Value userInfo CORVANE_GUARDED_BY(mutex);
     mutable Value info CORVANE_GUARDED_BY(mutex);  // nil until read
-    std::string entitiesURL CORVANE_GUARDED_BY(mutex), changesURL CORVANE_GUARDED_BY(mutex),
-        cacheURL CORVANE_GUARDED_BY(mutex), errorsURL CORVANE_GUARDED_BY(mutex);
+    std::string entitiesURL CORVANE_GUARDED_BY(mutex),
+        changesURL CORVANE_GUARDED_BY(mutex), cacheURL CORVANE_GUARDED_BY(mutex), errorsURL CORVANE_GUARDED_BY(mutex);
     mutable Mutex cryptoMutex;
     // Made from Info.plist on first use.
     std::shared_ptr<const SeaCrypto> crypto CORVANE_GUARDED_BY(cryptoMutex);
@@ -110,8 +110,7 @@ struct CorvaneStore::State {
 
   // ---- The update pass ----------------------------------------------------------------------
   struct Updates {
-    explicit Updates(RunLoop* mainLoop)
-        : readQueue(std::string(kFrameworkBundleIdentifier) + ".ReadQueue", mainLoop) {}
+    explicit Updates(RunLoop* mainLoop) : readQueue(std::string(kFrameworkBundleIdentifier) + ".ReadQueue", mainLoop) {}
     SerialQueue readQueue;
     double retryDelay = 10.0;
     double debounceDelay = 5.0;

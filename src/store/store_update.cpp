@@ -55,7 +55,8 @@ void CorvaneStore::invalidatePaths(const std::vector<std::string>& paths) {
   if (paths.empty() || isClosed()) return;  // a closed store ignores other devices
   MutexLock lock(&state_->updates.tokensMutex);
   state_->updates.processToken.cancel();
-  state_->updates.processToken = state_->mainLoop->postAfter(state_->updates.debounceDelay, guarded([this] { processChanges(); }));
+  state_->updates.processToken =
+      state_->mainLoop->postAfter(state_->updates.debounceDelay, guarded([this] { processChanges(); }));
 }
 
 // observeDirectory() and unobserveDirectory() are in store_watch.cpp.
@@ -72,7 +73,8 @@ void CorvaneStore::updateChanges() {
   updateChangesWithCompletion([this, start](bool success) {
     if (success) {
       if (state_->cache->changeLog()) {
-        log(fmt::format("File: {} up to date after {:.2f} seconds", documentIdentifier(), state_->env->monotonicNow() - start),
+        log(fmt::format("File: {} up to date after {:.2f} seconds", documentIdentifier(),
+                        state_->env->monotonicNow() - start),
             kCorvaneLogTypeSuccess);
         log(fmt::format("Checksum: {}", checkSum()), kCorvaneLogTypeSuccess);
         NotificationCenter::defaultCenter().post(kCorvaneDidFinishLoadingNotification, this);
@@ -135,9 +137,8 @@ void CorvaneStore::updateChangesWithCompletion(std::function<void(bool)> complet
   }
   std::vector<std::string> forgotten;
   for (size_t i = start; i < applied.count(); ++i) forgotten.push_back(applied.at(i)["name"].str());
-  state_->updates.readQueue.async([this, pass, forgotten = std::move(forgotten)] {
-    checkBeforeForgetting(pass, forgotten);
-  });
+  state_->updates.readQueue.async(
+      [this, pass, forgotten = std::move(forgotten)] { checkBeforeForgetting(pass, forgotten); });
 }
 
 // A change that arrived out of order makes the log forget the changes after its place and apply
@@ -191,8 +192,7 @@ CorvaneStore::ChangeRead CorvaneStore::readChange(Pass& pass, const std::string&
   const std::string shortPath = report ? shortURL(path) : std::string();
   const StoreMenuItem ignore{"Ignore", kStoreMenuActionDiscardChange, path};
   const StoreMenuItem show{"Show in Finder", kStoreMenuActionShowInFinder, path};
-  auto say = [&](const std::string& message, const char* type, const Value& change,
-                 std::vector<StoreMenuItem> menu) {
+  auto say = [&](const std::string& message, const char* type, const Value& change, std::vector<StoreMenuItem> menu) {
     if (report) log(message, type, change, std::move(menu));
   };
 
@@ -338,8 +338,9 @@ void CorvaneStore::foldReplayedChange(Pass& pass, const Value& change, const Val
       }
     });
   }
-  forEachObject(content[kChangeTypeDelete],
-                [&](const EntityDescription&, const std::string&, const ObjectID& id) { state_->cache->removeObjectID(id); });
+  forEachObject(content[kChangeTypeDelete], [&](const EntityDescription&, const std::string&, const ObjectID& id) {
+    state_->cache->removeObjectID(id);
+  });
 }
 
 // ---- Validation ---------------------------------------------------------------------------------

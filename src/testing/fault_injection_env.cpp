@@ -164,7 +164,8 @@ bool FaultInjectionEnv::createDirectory(const std::string& path, bool intermedia
 bool FaultInjectionEnv::removeItem(const std::string& path, Error* error) {
   const Decision d = decide("remove", path);
   if (d.verdict == Verdict::Run) return EnvWrapper::removeItem(path, error);
-  if (d.verdict == Verdict::CrashDuring && d.landing == CrashLanding::Whole) (void)EnvWrapper::removeItem(path, nullptr);
+  if (d.verdict == Verdict::CrashDuring && d.landing == CrashLanding::Whole)
+    (void)EnvWrapper::removeItem(path, nullptr);
   return setError(error, injectedError(d.errnoCode, path));
 }
 

@@ -42,8 +42,7 @@ bool writePlaceholder(const std::string& path, uint64_t size) {
 
 }  // namespace
 
-SyncSimulator::SyncSimulator(Env* env, uint64_t seed, SyncKnobs knobs)
-    : env_(env), knobs_(knobs), random_(seed) {}
+SyncSimulator::SyncSimulator(Env* env, uint64_t seed, SyncKnobs knobs) : env_(env), knobs_(knobs), random_(seed) {}
 
 double SyncSimulator::chance() { return std::uniform_real_distribution<double>(0.0, 1.0)(random_); }
 

@@ -25,7 +25,6 @@ std::string uidStartingWith(char c) { return std::string(1, c) + "A1B2C3D-0000-4
 
 class CachePersistenceTest : public testing::BoundCacheTest {
  protected:
-
   void put(const std::string& uid, const std::string& name) {
     cache->updateCacheForObjectID(h.store.idFor("Person", uid), objectEntry(dict({{"name", entry(Value(name))}})), "");
   }

@@ -145,8 +145,8 @@ TEST(NumberValueTransformer, WhatItWritesReadsBackToTheSameValue) {
 TEST(StringValueTransformer, KeepsValuesOfAnyKindAsTheyAre) {
   CorvaneNSStringValueTransformer t;
   const std::pair<Value, const char*> rows[] = {
-      {Value("Ann"), "Ann"}, {Value(123), "123"}, {Value(0.25), "0.25"}, {Value(true), "1"},
-      {Value(1e300), "1e+300"}, {Value(*Decimal::fromString("0.10")), "0.1"},
+      {Value("Ann"), "Ann"}, {Value(123), "123"},      {Value(0.25), "0.25"},
+      {Value(true), "1"},    {Value(1e300), "1e+300"}, {Value(*Decimal::fromString("0.10")), "0.1"},
   };
   for (const auto& [sent, text] : rows) {
     const Value kept = t.transformedValue(sent);

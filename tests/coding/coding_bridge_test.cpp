@@ -60,16 +60,35 @@ class AllKinds : public FastCodingObject {
 TEST(KeyedCodingBridge, EveryCoderOperationAndItsDecoder) {
   registerKeyedClass<AllKinds>("AllKinds");
   Bytes expected = cat({header(3, 0, 9),
-                        {0x2B, 0x08}, cstr("AllKinds"),                                      // 20
-                        {0x0D, 0x08}, cstr("b"),                                             // 31
-                        {0x10, 0x2C, 0x01, 0x08}, cstr("i"),                                 // 35, value at 36
-                        {0x12}, zeros(6), {0, 0, 0, 0, 0, 1, 0, 0}, {0x08}, cstr("l"),       // 41, value at 48
-                        {0x13, 0x00, 0x00, 0x00, 0x3F, 0x08}, cstr("f"),                     // 59, value at 60
-                        {0x14, 0, 0, 0, 0}, f64(2.0), {0x08}, cstr("d"),                     // 67, value at 72
-                        {0x15}, u32(1), {7, 0, 0, 0}, {0x08}, cstr("y"),                     // 83, fresh data: object 0
-                        {0x17}, cstr("z"), {0x08}, cstr("m"),                                // 95, object 1
-                        {0x02, 0x01, 0x08}, cstr("c"),                                       // 101
-                        {0x00}});                                                            // the object is 2
+                        {0x2B, 0x08},
+                        cstr("AllKinds"),  // 20
+                        {0x0D, 0x08},
+                        cstr("b"),  // 31
+                        {0x10, 0x2C, 0x01, 0x08},
+                        cstr("i"),  // 35, value at 36
+                        {0x12},
+                        zeros(6),
+                        {0, 0, 0, 0, 0, 1, 0, 0},
+                        {0x08},
+                        cstr("l"),  // 41, value at 48
+                        {0x13, 0x00, 0x00, 0x00, 0x3F, 0x08},
+                        cstr("f"),  // 59, value at 60
+                        {0x14, 0, 0, 0, 0},
+                        f64(2.0),
+                        {0x08},
+                        cstr("d"),  // 67, value at 72
+                        {0x15},
+                        u32(1),
+                        {7, 0, 0, 0},
+                        {0x08},
+                        cstr("y"),  // 83, fresh data: object 0
+                        {0x17},
+                        cstr("z"),
+                        {0x08},
+                        cstr("m"),  // 95, object 1
+                        {0x02, 0x01, 0x08},
+                        cstr("c"),  // 101
+                        {0x00}});   // the object is 2
   Value object = Value::object(new AllKinds());
   EXPECT_EQ(hex(encode(object)), hex(expected));
 

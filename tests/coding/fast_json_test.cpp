@@ -19,13 +19,29 @@ std::string compact(const Value& v) { return fastGraphToJson(v, false).value_or(
 TEST(FastJson, EveryKindHasItsNotation) {
   std::array<double, 16> identity{};
   for (int i = 0; i < 4; ++i) identity[i * 5] = 1;
-  Value graph = arr({Value(), Value::null(), Value(true), Value(-3), Value(0.25), Value::decimal(*Decimal::fromString("0.10")),
-                     Value("s"), Value::data(Bytes{0, 1, 2, 0xFF}), Value::date(-1.5), Value::set({Value(1)}),
-                     Value::orderedSet({Value(2)}), Value::url("b", Value::url("http://h/")), Value::point(1, 2),
-                     Value::size(3, 4), Value::rect(1, 2, 3, 4), Value::range(5, 6), Value::vector(7, 8),
-                     Value::affineTransform(1, 0, 0, 1, 9, 10), Value::transform3D(identity),
-                     Value::indexSet({IndexRange{1, 2}, IndexRange{7, 1}}), dict({{Value(1), "one"}}),
-                     dict({{"$data", "not data"}}), dict({{"k", Value::unsignedNumber(NumberKind::UnsignedLongLong, ~uint64_t{0})}}),
+  Value graph = arr({Value(),
+                     Value::null(),
+                     Value(true),
+                     Value(-3),
+                     Value(0.25),
+                     Value::decimal(*Decimal::fromString("0.10")),
+                     Value("s"),
+                     Value::data(Bytes{0, 1, 2, 0xFF}),
+                     Value::date(-1.5),
+                     Value::set({Value(1)}),
+                     Value::orderedSet({Value(2)}),
+                     Value::url("b", Value::url("http://h/")),
+                     Value::point(1, 2),
+                     Value::size(3, 4),
+                     Value::rect(1, 2, 3, 4),
+                     Value::range(5, 6),
+                     Value::vector(7, 8),
+                     Value::affineTransform(1, 0, 0, 1, 9, 10),
+                     Value::transform3D(identity),
+                     Value::indexSet({IndexRange{1, 2}, IndexRange{7, 1}}),
+                     dict({{Value(1), "one"}}),
+                     dict({{"$data", "not data"}}),
+                     dict({{"k", Value::unsignedNumber(NumberKind::UnsignedLongLong, ~uint64_t{0})}}),
                      Value::doubleNumber(NAN)});
   std::string expected =
       R"([{"$nil":true},null,true,-3,0.25,{"$decimal":"0.1"},"s",{"$data":"AAEC/w=="},{"$date":-1.5},)"
@@ -58,7 +74,8 @@ TEST(FastJson, CyclesObjectsAndSharing) {
   Value object = FastCoder::objectWithData(
       cat({header(1, 1, 0), {0x1D}, cstr("MissingOne"), u32(1), cstr("b"), {0x1E, 0x00, 0x0F, 0x07}}));
   EXPECT_EQ(compact(object), R"({"$class":"MissingOne","b":7})");
-  Value coded = FastCoder::objectWithData(cat({header(1, 0, 3), {0x2B, 0x08}, cstr("Elsewhere"), {0x2D, 0x08}, cstr("k"), {0x00}}));
+  Value coded = FastCoder::objectWithData(
+      cat({header(1, 0, 3), {0x2B, 0x08}, cstr("Elsewhere"), {0x2D, 0x08}, cstr("k"), {0x00}}));
   EXPECT_EQ(compact(coded), R"({"$class":"Elsewhere","k":1})");
 
   EXPECT_FALSE(fastGraphFromJson(R"([{"$cycle":true}])", false).has_value());
@@ -74,7 +91,8 @@ TEST(FastJson, EncodingWritesTheSmallestNumbersAndImmutableContainers) {
   // An object of an unknown class becomes the "$class" dictionary the reader would make.
   v = fastGraphFromJson(R"({"$class": "MissingOne", "b": 7})", false);
   ASSERT_TRUE(v.has_value());
-  EXPECT_EQ(encode(*v), cat({header(1, 1, 0), {0x1D}, cstr("MissingOne"), u32(1), cstr("b"), {0x1E, 0x00, 0x0F, 0x07}}));
+  EXPECT_EQ(encode(*v),
+            cat({header(1, 1, 0), {0x1D}, cstr("MissingOne"), u32(1), cstr("b"), {0x1E, 0x00, 0x0F, 0x07}}));
 
   Error error;
   EXPECT_FALSE(fastGraphFromJson(R"({"$data": "@@@@"})", false, &error).has_value());
@@ -95,8 +113,17 @@ TEST(FastJson, AliasDictionariesRoundTripAndEncodeAsTheirTarget) {
   EXPECT_EQ(compact(*v), text);
   // Root dictionary 9, the array 10 with 5 as Int8 and "x" (string 0), key "a" (string 1); then
   // the alias finds "x" again (StringAlias8 0) and key "b" (string 2). Objects: array, root.
-  EXPECT_EQ(encode(*v), cat({header(2, 0, 3), {0x09, 0, 0, 0}, u32(2), {0x0A, 0, 0, 0}, u32(2), {0x0F, 0x05, 0x08},
-                             cstr("x"), {0x08}, cstr("a"), {0x05, 0x00, 0x08}, cstr("b")}));
+  EXPECT_EQ(encode(*v), cat({header(2, 0, 3),
+                             {0x09, 0, 0, 0},
+                             u32(2),
+                             {0x0A, 0, 0, 0},
+                             u32(2),
+                             {0x0F, 0x05, 0x08},
+                             cstr("x"),
+                             {0x08},
+                             cstr("a"),
+                             {0x05, 0x00, 0x08},
+                             cstr("b")}));
   // A path that leads nowhere writes Nil in its place.
   v = fastGraphFromJson(R"([{"$alias":"7.q"}])", true);
   ASSERT_TRUE(v.has_value());

@@ -36,14 +36,22 @@ TEST(FastLegacyReader, NumbersTakeTableSlotsAndCanBeAliased) {
 
 TEST(FastLegacyReader, ContainersAndObjects) {
   // {"k": "v"}: value then key; Null is code 0 and Nil is 23.
-  EXPECT_EQ(FastCoder::objectWithData(cat({legacyHeader(3), u32(3), u32(1), u32(2), {'v', 0, 0, 0}, u32(2), {'k', 0, 0, 0}})),
-            dict({{"k", "v"}}));
+  EXPECT_EQ(
+      FastCoder::objectWithData(cat({legacyHeader(3), u32(3), u32(1), u32(2), {'v', 0, 0, 0}, u32(2), {'k', 0, 0, 0}})),
+      dict({{"k", "v"}}));
   EXPECT_EQ(FastCoder::objectWithData(cat({legacyHeader(0), u32(0)})), Value::null());
   EXPECT_TRUE(FastCoder::objectWithData(cat({legacyHeader(0), u32(23)})).isNil());
 
   // A class definition (slot 0), then the instance naming slot 0, then its one property.
-  Value object = FastCoder::objectWithData(cat({legacyHeader(2), u32(21), {'T', 'h', 'i', 'n', 'g', 0, 0, 0}, u32(1),
-                                                {'p', 0, 0, 0}, u32(22), u32(0), u32(9), u32(7)}));
+  Value object = FastCoder::objectWithData(cat({legacyHeader(2),
+                                                u32(21),
+                                                {'T', 'h', 'i', 'n', 'g', 0, 0, 0},
+                                                u32(1),
+                                                {'p', 0, 0, 0},
+                                                u32(22),
+                                                u32(0),
+                                                u32(9),
+                                                u32(7)}));
   EXPECT_EQ(object, dict({{"$class", "Thing"}, {"p", 7}}));
 
   // A mutable array holding itself.
@@ -55,7 +63,8 @@ TEST(FastLegacyReader, ContainersAndObjects) {
   // Index set, range and data.
   EXPECT_EQ(FastCoder::objectWithData(cat({legacyHeader(1), u32(32), u32(1), u32(4), u32(3)})).indexRanges(),
             (std::vector<IndexRange>{{4, 3}}));
-  EXPECT_EQ(FastCoder::objectWithData(cat({legacyHeader(1), u32(28), u32(4), u32(3)})).rangeValue(), (IndexRange{4, 3}));
+  EXPECT_EQ(FastCoder::objectWithData(cat({legacyHeader(1), u32(28), u32(4), u32(3)})).rangeValue(),
+            (IndexRange{4, 3}));
   EXPECT_EQ(FastCoder::objectWithData(cat({legacyHeader(1), u32(13), u32(2), {1, 2, 0, 0}})), Value::data(Bytes{1, 2}));
 }
 

@@ -26,9 +26,12 @@ void expectRefused(const Bytes& stream, const std::string& reason, bool property
 }
 
 TEST(FastReader, MalformedStreamsGiveNilWithTheirReason) {
-  expectRefused(cat({header(0, 0, 0), {0x02, 0x00}}), "Attempted to read cache object at index 0, but cache object count is 0");
-  expectRefused(cat({header(0, 0, 0), {0x05, 0x03}}), "Attempted to read cache object at index 3, but cache object count is 0");
-  expectRefused(cat({header(0, 0, 0), {0x1E, 0x05}}), "Attempted to read cache object at index 5, but cache object count is 0");
+  expectRefused(cat({header(0, 0, 0), {0x02, 0x00}}),
+                "Attempted to read cache object at index 0, but cache object count is 0");
+  expectRefused(cat({header(0, 0, 0), {0x05, 0x03}}),
+                "Attempted to read cache object at index 3, but cache object count is 0");
+  expectRefused(cat({header(0, 0, 0), {0x1E, 0x05}}),
+                "Attempted to read cache object at index 5, but cache object count is 0");
   expectRefused(cat({header(0, 0, 0), {49}}), "FastCoding cannot decode object of type: 49");
   expectRefused(cat({header(0, 0, 0), {0xFF}}), "FastCoding cannot decode object of type: 255");
   // A string without its NUL before the end.
@@ -93,10 +96,12 @@ TEST(FastReader, CountsAreOnlyHints) {
   // instead of reserving what the counts claim.
   Bytes hostile = cat({header(0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF), {0x0A, 0, 0, 0}, u32(0xFFFFFFFF), {0x2D}});
   expectRefused(hostile, "Unexpected EOF when parsing object starting at 29");
-  expectRefused(cat({header(0, 0, 0), {0x09, 0, 0, 0}, u32(0xFFFFFFFF)}), "Unexpected EOF when parsing object starting at 28");
+  expectRefused(cat({header(0, 0, 0), {0x09, 0, 0, 0}, u32(0xFFFFFFFF)}),
+                "Unexpected EOF when parsing object starting at 28");
   expectRefused(cat({header(0, 0, 0), {0x2A, 0, 0, 0}, u32(0xFFFFFFFF), u32(1)}),
                 "Unexpected EOF when parsing object starting at 32");
-  expectRefused(cat({header(0, 0, 0), {0x1D, 'C', 0, 0}, u32(0xFFFFFFFF)}), "Unexpected EOF when parsing object starting at 28");
+  expectRefused(cat({header(0, 0, 0), {0x1D, 'C', 0, 0}, u32(0xFFFFFFFF)}),
+                "Unexpected EOF when parsing object starting at 28");
 }
 
 TEST(FastReader, DeepNestingIsRefusedNotOverflowed) {
@@ -138,7 +143,14 @@ TEST(FastReader, AwakeningReplacesTheObjectForLaterAliasesOnly) {
   registerPropertyClass<Stand>("TestStand", {"x"});
   // Root mutable array (index 0); the object takes index 1 and its property x refers to it;
   // a later alias to index 1 finds the replacement.
-  Bytes stream = cat({header(2, 1, 1), {0x19, 0, 0, 0}, u32(2), {0x1D}, cstr("TestStand"), {0x00}, u32(1), cstr("x"),
+  Bytes stream = cat({header(2, 1, 1),
+                      {0x19, 0, 0, 0},
+                      u32(2),
+                      {0x1D},
+                      cstr("TestStand"),
+                      {0x00},
+                      u32(1),
+                      cstr("x"),
                       {0x1E, 0x00, 0x02, 0x01, 0x02, 0x01}});
   Value root = FastCoder::objectWithData(stream);
   ASSERT_EQ(root.count(), 2u);
@@ -172,8 +184,18 @@ class Throwing : public FastCodingObject {
 TEST(FastReader, NestedCodedObjectsSeeTheirOwnKeys) {
   registerKeyedClass<Nested>("TestNested");
   // Outer: pairs (inner -> Inner object, tag -> "t"); Inner: pair (tag -> "u").
-  Bytes stream = cat({header(2, 0, 5), {0x2B, 0x08}, cstr("TestNested"), {0x2B, 0x05, 0x00, 0x08}, cstr("u"), {0x08},
-                      cstr("tag"), {0x00, 0x08}, cstr("inner"), {0x08}, cstr("t"), {0x05, 0x02, 0x00}});
+  Bytes stream = cat({header(2, 0, 5),
+                      {0x2B, 0x08},
+                      cstr("TestNested"),
+                      {0x2B, 0x05, 0x00, 0x08},
+                      cstr("u"),
+                      {0x08},
+                      cstr("tag"),
+                      {0x00, 0x08},
+                      cstr("inner"),
+                      {0x08},
+                      cstr("t"),
+                      {0x05, 0x02, 0x00}});
   Value outer = FastCoder::objectWithData(stream);
   auto* o = dynamic_cast<Nested*>(outer.objectPointer());
   ASSERT_NE(o, nullptr);

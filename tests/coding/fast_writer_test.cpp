@@ -43,7 +43,8 @@ TEST(FastWriter, LongAndIndexKindsGoThroughThirtyTwoBits) {
   EXPECT_EQ(encode(Value::number(NumberKind::Char, 0x1FF)), cat({header(0, 0, 0), {0x0F, 0x7F}}));
   EXPECT_EQ(encode(Value::number(NumberKind::Char, -1)), cat({header(0, 0, 0), {0x0F, 0xFF}}));
   // An index of 2^63 and more still goes through its low 32 bits, not a saturated value.
-  EXPECT_EQ(encode(Value::unsignedNumber(NumberKind::Index, (uint64_t{1} << 63) + 5)), cat({header(0, 0, 0), {0x0F, 0x05}}));
+  EXPECT_EQ(encode(Value::unsignedNumber(NumberKind::Index, (uint64_t{1} << 63) + 5)),
+            cat({header(0, 0, 0), {0x0F, 0x05}}));
   // A kind no encoder knows writes nothing after the header.
   EXPECT_EQ(encode(Value::number(NumberKind::Unknown, 7)), header(0, 0, 0));
 }
@@ -69,9 +70,10 @@ TEST(FastWriter, NumbersReadBackWithTheirWidthKind) {
 TEST(FastWriter, MutableStringSharedTwiceIsWrittenOnce) {
   Value a = Value::mutableString("a");
   Bytes expected = cat({header(2, 0, 0),
-                        {0x0A, 0, 0, 0}, u32(2),  // immutable array at 20, count at 24
-                        {0x17, 'a', 0},           // the mutable string at 28 takes object index 0
-                        {0x02, 0x00}});           // then an alias to it; the array takes index 1
+                        {0x0A, 0, 0, 0},
+                        u32(2),          // immutable array at 20, count at 24
+                        {0x17, 'a', 0},  // the mutable string at 28 takes object index 0
+                        {0x02, 0x00}});  // then an alias to it; the array takes index 1
   EXPECT_EQ(encode(arr({a, a})), expected);
 
   Value back = FastCoder::objectWithData(expected);
@@ -91,8 +93,8 @@ TEST(FastWriter, EqualImmutableStringsOnceEqualDatesTwice) {
   Value d1 = Value::date(1.5);
   Value d2 = Value::date(1.5);
   // Array at 20; first date type at 28, padded to 32; second at 40, padded to 48.
-  Bytes dates = cat({header(3, 0, 0), {0x0A, 0, 0, 0}, u32(2), {0x30, 0, 0, 0}, f64(1.5),
-                     {0x30, 0, 0, 0, 0, 0, 0, 0}, f64(1.5)});
+  Bytes dates =
+      cat({header(3, 0, 0), {0x0A, 0, 0, 0}, u32(2), {0x30, 0, 0, 0}, f64(1.5), {0x30, 0, 0, 0, 0, 0, 0, 0}, f64(1.5)});
   EXPECT_EQ(encode(arr({d1, d2})), dates);
 
   Value back = FastCoder::objectWithData(dates);
@@ -167,17 +169,16 @@ TEST(FastWriter, Alias16PadsOnlyOnAnEvenOffset) {
 
 TEST(FastWriter, AliasDictionaryWritesTheValueAtItsKeyPath) {
   Value root = dict({{"items", arr({"a", "b", dict({{"name", "N"}})})}, {"ref", dict({{"$alias", "items.2.name"}})}});
-  Bytes expected = cat({header(3, 0, 6),
-                        {0x09, 0, 0, 0}, u32(2),       // root dictionary at 20
-                        {0x0A, 0, 0, 0}, u32(3),       // "items" value at 28
-                        {0x08}, cstr("a"),             // string 0
-                        {0x08}, cstr("b"),             // string 1
-                        {0x09, 0}, u32(1),             // {"name": "N"} at 42, count at 44
-                        {0x08}, cstr("N"),             // string 2
-                        {0x08}, cstr("name"),          // string 3
-                        {0x08}, cstr("items"),         // string 4
-                        {0x05, 0x02},                  // the alias dictionary: "N" again
-                        {0x08}, cstr("ref")});         // string 5
+  Bytes expected = cat({header(3, 0, 6), {0x09, 0, 0, 0}, u32(2),  // root dictionary at 20
+                        {0x0A, 0, 0, 0}, u32(3),                   // "items" value at 28
+                        {0x08},          cstr("a"),                // string 0
+                        {0x08},          cstr("b"),                // string 1
+                        {0x09, 0},       u32(1),                   // {"name": "N"} at 42, count at 44
+                        {0x08},          cstr("N"),                // string 2
+                        {0x08},          cstr("name"),             // string 3
+                        {0x08},          cstr("items"),            // string 4
+                        {0x05, 0x02},                              // the alias dictionary: "N" again
+                        {0x08},          cstr("ref")});            // string 5
   EXPECT_EQ(encode(root), expected);
 }
 
@@ -229,8 +230,8 @@ TEST(FastWriter, StructureValuesAndTheirDeliberateOffsets) {
   // A structure value takes an object index that the reader does not count, so an alias
   // written after it points one past the reader's table.
   Value m = Value::mutableString("m");
-  Bytes shifted = cat({header(3, 0, 0), {0x19, 0, 0, 0}, u32(3), {0x22, 0, 0, 0}, f64(0), f64(0), {0x17, 'm', 0},
-                       {0x02, 0x02}});
+  Bytes shifted =
+      cat({header(3, 0, 0), {0x19, 0, 0, 0}, u32(3), {0x22, 0, 0, 0}, f64(0), f64(0), {0x17, 'm', 0}, {0x02, 0x02}});
   EXPECT_EQ(encode(Value::mutableArray({Value::point(0, 0), m, m})), shifted);
   EXPECT_TRUE(FastCoder::objectWithData(shifted, &error).isNil());
   EXPECT_EQ(error.localizedDescription, "Attempted to read cache object at index 2, but cache object count is 2");
@@ -283,7 +284,14 @@ TEST_F(FastWriterObjects, PropertiesOfTheSubclassComeFirst) {
   Value object = Value::object(solid);
   // Definition at 20: name and NUL from 21 to 30, one pad byte, count at 32, keys from 36 to
   // 41; then Object8 with class index 0 and the values z, x, y.
-  Bytes expected = cat({header(1, 1, 0), {0x1D}, cstr("TestSolid"), {0}, u32(3), cstr("z"), cstr("x"), cstr("y"),
+  Bytes expected = cat({header(1, 1, 0),
+                        {0x1D},
+                        cstr("TestSolid"),
+                        {0},
+                        u32(3),
+                        cstr("z"),
+                        cstr("x"),
+                        cstr("y"),
                         {0x1E, 0x00, 0x0F, 0x03, 0x2D, 0x2E}});
   EXPECT_EQ(encode(object), expected);
 
@@ -299,8 +307,16 @@ TEST_F(FastWriterObjects, SecondObjectOfAClassReusesItsDefinition) {
   auto* a = new Shape();
   auto* b = new Shape();
   Value pair = arr({Value::object(a), Value::object(b)});
-  Bytes expected = cat({header(3, 1, 0), {0x0A, 0, 0, 0}, u32(2), {0x1D}, cstr("TestShape"), {0}, u32(2), cstr("x"),
-                        cstr("y"), {0x1E, 0x00, 0x00, 0x00, 0x1E, 0x00, 0x00, 0x00}});
+  Bytes expected = cat({header(3, 1, 0),
+                        {0x0A, 0, 0, 0},
+                        u32(2),
+                        {0x1D},
+                        cstr("TestShape"),
+                        {0},
+                        u32(2),
+                        cstr("x"),
+                        cstr("y"),
+                        {0x1E, 0x00, 0x00, 0x00, 0x1E, 0x00, 0x00, 0x00}});
   EXPECT_EQ(encode(pair), expected);
 }
 
@@ -319,15 +335,25 @@ class FreshGetter : public FastCodingObject {
 
 TEST(FastWriterFreshValues, NodesMadeByGettersAreNeverTakenForEarlierOnes) {
   registerPropertyClass<FreshGetter>("TestFresh", {"a", "b"});
-  Bytes expected = cat({header(3, 1, 0), {0x1D}, cstr("TestFresh"), {0}, u32(2), cstr("a"), cstr("b"), {0x1E, 0x00},
-                        {0x19, 0x00}, u32(0), {0x19, 0, 0, 0}, u32(0)});
+  Bytes expected = cat({header(3, 1, 0),
+                        {0x1D},
+                        cstr("TestFresh"),
+                        {0},
+                        u32(2),
+                        cstr("a"),
+                        cstr("b"),
+                        {0x1E, 0x00},
+                        {0x19, 0x00},
+                        u32(0),
+                        {0x19, 0, 0, 0},
+                        u32(0)});
   for (int i = 0; i < 20; ++i) EXPECT_EQ(hex(encode(Value::object(new FreshGetter()))), hex(expected));
 }
 
 TEST(FastWriterUnknownClass, ReadsAsDictionaryAndWritesBackTheSameBytes) {
   // The name and its NUL fill 21 to 31, so the count follows at 32 without padding.
-  Bytes stream = cat({header(1, 1, 0), {0x1D}, cstr("MissingOne"), u32(2), cstr("b"), cstr("a"),
-                      {0x1E, 0x00, 0x0F, 0x07, 0x01}});
+  Bytes stream =
+      cat({header(1, 1, 0), {0x1D}, cstr("MissingOne"), u32(2), cstr("b"), cstr("a"), {0x1E, 0x00, 0x0F, 0x07, 0x01}});
   Value back = FastCoder::objectWithData(stream);
   ASSERT_TRUE(back.isDictionary());
   EXPECT_TRUE(back.isMutable());
@@ -342,9 +368,20 @@ TEST(FastWriterUnknownClass, ReadsAsDictionaryAndWritesBackTheSameBytes) {
   // Two such dictionaries, the second with a key the first lacks: a wider definition follows.
   Value one = dict({{"$class", "K"}, {"p", 1}});
   Value two = dict({{"$class", "K"}, {"q", 0}, {"p", 1}});
-  Bytes expected = cat({header(3, 2, 0), {0x0A, 0, 0, 0}, u32(2),
-                        {0x1D}, cstr("K"), {0}, u32(1), cstr("p"), {0x1E, 0x00, 0x2D},  // def at 28, count at 32
-                        {0x1D}, cstr("K"), u32(2), cstr("p"), cstr("q"),                // def at 41, count at 44
+  Bytes expected = cat({header(3, 2, 0),
+                        {0x0A, 0, 0, 0},
+                        u32(2),
+                        {0x1D},
+                        cstr("K"),
+                        {0},
+                        u32(1),
+                        cstr("p"),
+                        {0x1E, 0x00, 0x2D},  // def at 28, count at 32
+                        {0x1D},
+                        cstr("K"),
+                        u32(2),
+                        cstr("p"),
+                        cstr("q"),  // def at 41, count at 44
                         {0x1E, 0x01, 0x2D, 0x2E}});
   EXPECT_EQ(encode(arr({one, two})), expected);
 }
@@ -369,8 +406,16 @@ TEST(FastWriterCoded, PairsValueFirstThenANilTerminator) {
   Value object = Value::object(c);  // owns c
   c->name = Value("v");
   c->n = 7;
-  Bytes expected = cat({header(1, 0, 4), {0x2B, 0x08}, cstr("TestCoded"), {0x08}, cstr("v"), {0x08}, cstr("name"),
-                        {0x0F, 0x07, 0x08}, cstr("n"), {0x00}});
+  Bytes expected = cat({header(1, 0, 4),
+                        {0x2B, 0x08},
+                        cstr("TestCoded"),
+                        {0x08},
+                        cstr("v"),
+                        {0x08},
+                        cstr("name"),
+                        {0x0F, 0x07, 0x08},
+                        cstr("n"),
+                        {0x00}});
   EXPECT_EQ(encode(object), expected);
 
   Value back = FastCoder::objectWithData(expected);
@@ -386,8 +431,16 @@ TEST(FastWriterCoded, PairsValueFirstThenANilTerminator) {
 }
 
 TEST(FastWriterCoded, UnknownCodedClassAndKeyedArchiveWriteBackUnchanged) {
-  Bytes coded = cat({header(1, 0, 4), {0x2B, 0x08}, cstr("Elsewhere"), {0x2D, 0x08}, cstr("k"), {0x08}, cstr("x"),
-                     {0x08}, cstr("j"), {0x00}});
+  Bytes coded = cat({header(1, 0, 4),
+                     {0x2B, 0x08},
+                     cstr("Elsewhere"),
+                     {0x2D, 0x08},
+                     cstr("k"),
+                     {0x08},
+                     cstr("x"),
+                     {0x08},
+                     cstr("j"),
+                     {0x00}});
   Value back = FastCoder::objectWithData(coded);
   ASSERT_TRUE(back.isObject());
   EXPECT_EQ(back.objectPointer()->className(), "Elsewhere");

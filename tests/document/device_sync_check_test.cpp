@@ -41,16 +41,16 @@ TEST(DeviceSyncComparison, ContentIsComparedPartByPartUnlessTheDevicesRunDiffere
   EXPECT_EQ(alone.status, C::kWaiting);
   EXPECT_EQ(alone.devices.at(0)["deviceIdentifier"], Value("A (This device)"));
   // A part not yet computable on one side does not count.
-  EXPECT_EQ(C::compare(answer({record("A", R"({"Note":"1","Tag":"2"})"), record("B", R"({"Note":"1","Tag":"incomplete"})")}),
-                       "A")
-                .status,
-            C::kInSync);
+  EXPECT_EQ(
+      C::compare(answer({record("A", R"({"Note":"1","Tag":"2"})"), record("B", R"({"Note":"1","Tag":"incomplete"})")}),
+                 "A")
+          .status,
+      C::kInSync);
   // Parts that differ, or exist on one side only, sorted without regard to case.
-  C::Comparison apart = C::compare(
-      answer({record("A", R"({"banana":"1","Apple":"2","cherry":"3","Same":"4"})"),
-              record("B", R"({"banana":"9","Apple":"8","Same":"4"})"),
-              record("C", R"({"banana":"7","Apple":"2","cherry":"3","Same":"4"})")}),
-      "B");
+  C::Comparison apart = C::compare(answer({record("A", R"({"banana":"1","Apple":"2","cherry":"3","Same":"4"})"),
+                                           record("B", R"({"banana":"9","Apple":"8","Same":"4"})"),
+                                           record("C", R"({"banana":"7","Apple":"2","cherry":"3","Same":"4"})")}),
+                                   "B");
   EXPECT_EQ(apart.status, C::kMismatch);
   EXPECT_EQ(apart.detail, std::optional<std::string>("Apple, banana, cherry"));
   // Different checksum versions or builds: only whether every device applied the same history.
@@ -125,15 +125,17 @@ TEST_F(DocumentTest, TheCheckPollsEveryFiveSecondsAndTimesOutAfterSixtyPolls) {
 // Two devices with their own caches check one package through a real server over HTTPS.
 TEST_F(DocumentTest, TwoDevicesSeeEachOtherThroughTheSyncServerOverHTTPS) {
   const std::string cert = dir / "cert.pem", key = dir / "key.pem";
-  const std::string make = "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext "
-                           "subjectAltName=IP:127.0.0.1 -keyout " + key + " -out " + cert + " >/dev/null 2>&1";
+  const std::string make =
+      "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext "
+      "subjectAltName=IP:127.0.0.1 -keyout " +
+      key + " -out " + cert + " >/dev/null 2>&1";
   ASSERT_EQ(std::system(make.c_str()), 0);
   const std::string log = dir / "server.log";
   const pid_t server = fork();
   if (server == 0) {
     if (freopen(log.c_str(), "w", stdout) == nullptr) _exit(126);
-    execl(CORVANE_BINARY_DIR "/bin/corvane", "corvane", "sync-server", "--listen", "127.0.0.1:0", "--cert", cert.c_str(),
-          "--key", key.c_str(), static_cast<char*>(nullptr));
+    execl(CORVANE_BINARY_DIR "/bin/corvane", "corvane", "sync-server", "--listen", "127.0.0.1:0", "--cert",
+          cert.c_str(), "--key", key.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
   ASSERT_GT(server, 0);
@@ -143,7 +145,8 @@ TEST_F(DocumentTest, TwoDevicesSeeEachOtherThroughTheSyncServerOverHTTPS) {
     Bytes bytes;
     if (env.readFile(log, &bytes, nullptr)) {
       const std::string text(bytes.begin(), bytes.end());
-      if (const size_t end = text.find('\n'); end != std::string::npos) port = text.substr(text.rfind(':', end) + 1, end - text.rfind(':', end) - 1);
+      if (const size_t end = text.find('\n'); end != std::string::npos)
+        port = text.substr(text.rfind(':', end) + 1, end - text.rfind(':', end) - 1);
     }
     if (port.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }

@@ -61,8 +61,9 @@ TEST_F(DocumentTest, ConsolidationKeepsIdentityOptionsAndPasswordAndLeavesADated
     EXPECT_FALSE(env.fileExists(package + ".temporary"));
     EXPECT_EQ(CorvanePackage::documentIdentifierForURL(package, &env), identifier);
     EXPECT_EQ(CorvanePackage::infoDictionaryForURL(package, &env)["DocumentOptions"], o.documentOptions);
-    EXPECT_EQ(CorvanePackage::canOpenURL(package, encrypted ? std::optional<std::string>("secret") : std::nullopt, &env),
-              true);
+    EXPECT_EQ(
+        CorvanePackage::canOpenURL(package, encrypted ? std::optional<std::string>("secret") : std::nullopt, &env),
+        true);
     FetchRequest people("Person");
     EXPECT_EQ(doc->context().count(people), std::optional<size_t>(3));
     // The document goes on in its new package, and a new device finds everything there.
@@ -80,9 +81,9 @@ TEST_F(DocumentTest, ConsolidationKeepsIdentityOptionsAndPasswordAndLeavesADated
     EXPECT_EQ(other->context().count(people), std::optional<size_t>(4));
     // The backup is refused, naming the original.
     EXPECT_FALSE(CorvaneDocument::open(backup, options("backup"), &error));
-    EXPECT_EQ(error.recoverySuggestion,
-              "The original file is named “" + pathDeletingExtension(pathLastComponent(package)) +
-                  "” and is located in the same folder.");
+    EXPECT_EQ(error.recoverySuggestion, "The original file is named “" +
+                                            pathDeletingExtension(pathLastComponent(package)) +
+                                            "” and is located in the same folder.");
   }
 }
 
@@ -124,9 +125,8 @@ TEST_F(DocumentTest, AnotherDeviceHearsOfAConsolidationWhicheverWayTheClientCarr
       // The client moves the folder; the new package follows as a copy of the laptop's.
       std::vector<std::string> names;
       ASSERT_TRUE(env.listDirectory(laptopFolder, true, &names, nullptr));
-      const auto backup = std::find_if(names.begin(), names.end(), [](const std::string& n) {
-        return pathExtension(n) == "backup";
-      });
+      const auto backup =
+          std::find_if(names.begin(), names.end(), [](const std::string& n) { return pathExtension(n) == "backup"; });
       ASSERT_NE(backup, names.end());
       ASSERT_TRUE(env.moveItem(desktopFolder + "/Doc.corvane", desktopFolder + "/" + *backup, nullptr));
       env.advance(1);

@@ -100,5 +100,4 @@ class DocumentTest : public ::testing::Test {
   std::string package = dir / "Doc.corvane";
 };
 
-
 }  // namespace corvane::testing

@@ -52,9 +52,8 @@ struct Library {
   std::shared_ptr<ManagedObjectContext> context;
 
   Library() {
-    ManagedObject::registerClass("Shelf", [](const EntityDescription* e, ManagedObjectContext* c) {
-      return new Shelf(e, c);
-    });
+    ManagedObject::registerClass("Shelf",
+                                 [](const EntityDescription* e, ManagedObjectContext* c) { return new Shelf(e, c); });
     coordinator = std::make_shared<PersistentStoreCoordinator>(model);
     Error error;
     EXPECT_NE(coordinator->addPersistentStore(kInMemoryStoreType, "", "", Value(), &error), nullptr)

@@ -64,10 +64,10 @@ Value deletions(std::vector<std::tuple<std::string, const char*, int, int>> list
     for (int i = first; i < first + count; ++i) uids.emplace_back(Value(uidNumber(prefix, i)), Value::dictionary());
     perEntity.emplace_back(Value(entity), Value::dictionary(std::move(uids)));
   }
-  Value record = Value::mutableDictionary({{Value("name"), Value("2024-05-17-09-41-07.250.X")},
-                                           {Value("session"), session},
-                                           {Value("changes"), Value::dictionary({{Value("delete"),
-                                                                                  Value::dictionary(perEntity)}})}});
+  Value record = Value::mutableDictionary(
+      {{Value("name"), Value("2024-05-17-09-41-07.250.X")},
+       {Value("session"), session},
+       {Value("changes"), Value::dictionary({{Value("delete"), Value::dictionary(perEntity)}})}});
   if (!date.isNil()) record.set(Value("date"), date);
   return record.copy();
 }
@@ -102,15 +102,14 @@ class RecentDeletesTest : public ::testing::Test {
   // 70 Things and 3 Gadgets deleted by Ann on her laptop, then 60 Gadgets by Bob, undated.
   void logManyDeletions(CorvaneDocument& doc) {
     CorvaneCache* cache = doc.store()->cache();
-    cache->addChange(deletions({{"Thing", "AAAAAAAA", 0, 70}, {"Gadget", "BBBBBBBB", 0, 3}},
-                               Value("2024-05-17T09:41:07.250+0000"),
-                               Value::dictionary({{Value("fullUserName"), Value("Ann")},
-                                                  {Value("machineName"), Value("Laptop")}})),
-                     false);
-    cache->addChange(deletions({{"Gadget", "CCCCCCCC", 0, 60}}, Value(),
-                               Value::dictionary({{Value("fullUserName"), Value("Bob")},
-                                                  {Value("machineName"), Value("Unknown")}})),
-                     false);
+    cache->addChange(
+        deletions({{"Thing", "AAAAAAAA", 0, 70}, {"Gadget", "BBBBBBBB", 0, 3}}, Value("2024-05-17T09:41:07.250+0000"),
+                  Value::dictionary({{Value("fullUserName"), Value("Ann")}, {Value("machineName"), Value("Laptop")}})),
+        false);
+    cache->addChange(
+        deletions({{"Gadget", "CCCCCCCC", 0, 60}}, Value(),
+                  Value::dictionary({{Value("fullUserName"), Value("Bob")}, {Value("machineName"), Value("Unknown")}})),
+        false);
   }
 
   TempDir dir;
@@ -202,9 +201,7 @@ TEST_F(RecentDeletesTest, ARealDeletionShowsWhoCreatedTheObjectAndTheReportIsSav
   const std::string report = doc->recentDeletesReportForEntityName("Person");
   EXPECT_NE(report.find(" Person " + uid + " was deleted by "), std::string::npos) << report;
   const std::string createdOn = DateFormatter(kSecondsDatePattern, DateTimeZone::gmt()).format(createdAt);
-  EXPECT_NE(report.find("\n   ↳ Created on " + createdOn + " by "),
-            std::string::npos)
-      << report;
+  EXPECT_NE(report.find("\n   ↳ Created on " + createdOn + " by "), std::string::npos) << report;
 
   std::optional<std::string> path = doc->logRecentDeletesForEntityName("Person");
   ASSERT_TRUE(path);

@@ -27,12 +27,12 @@ using testing::writeTextFile;
 // must cope with.
 class VolumeTestEnv : public ManualClockEnv {
  public:
-  std::vector<std::string> probes;                  // every fileExists() asked
-  std::set<std::string> vanished;                   // attributes() answers nullopt
-  std::set<std::string> unlistable;                 // listDirectory() fails
-  std::map<std::string, std::string> systemFiles;   // served instead of anything under /sys
-  std::map<std::string, uint64_t> free;             // freeSpace() when not empty
-  int removeAttributeErrno = 0;                     // removeExtendedAttribute() fails with it
+  std::vector<std::string> probes;                 // every fileExists() asked
+  std::set<std::string> vanished;                  // attributes() answers nullopt
+  std::set<std::string> unlistable;                // listDirectory() fails
+  std::map<std::string, std::string> systemFiles;  // served instead of anything under /sys
+  std::map<std::string, uint64_t> free;            // freeSpace() when not empty
+  int removeAttributeErrno = 0;                    // removeExtendedAttribute() fails with it
 
   bool fileExists(const std::string& path, bool* isDirectory = nullptr) override {
     probes.push_back(path);
@@ -42,8 +42,7 @@ class VolumeTestEnv : public ManualClockEnv {
     if (vanished.contains(path)) return std::nullopt;
     return ManualClockEnv::attributes(path);
   }
-  bool listDirectory(const std::string& path, bool skipHidden, std::vector<std::string>* names,
-                     Error* error) override {
+  bool listDirectory(const std::string& path, bool skipHidden, std::vector<std::string>* names, Error* error) override {
     if (unlistable.contains(path)) return setError(error, Error::fromErrno(EACCES, path));
     return ManualClockEnv::listDirectory(path, skipHidden, names, error);
   }

@@ -116,8 +116,9 @@ TEST(Env, StandardFoldersUseXdgVariablesWithFallbacks) {
   EXPECT_EQ(env.temporaryDirectory(), "/var/tmp");
 
   TempDir dir;
-  writeTextFile(dir / "user-dirs.dirs", "# written by xdg-user-dirs-update\nXDG_DOCUMENTS_DIR=\"$HOME/Docs\"\n"
-                                        "XDG_DESKTOP_DIR=\"$HOME/Schreibtisch\"\n");
+  writeTextFile(dir / "user-dirs.dirs",
+                "# written by xdg-user-dirs-update\nXDG_DOCUMENTS_DIR=\"$HOME/Docs\"\n"
+                "XDG_DESKTOP_DIR=\"$HOME/Schreibtisch\"\n");
   env.setEnvironmentVariable("XDG_CONFIG_HOME", dir.path());
   EXPECT_EQ(env.desktopDirectory(), "/home/ann/Schreibtisch");
 }
@@ -403,7 +404,8 @@ TEST(SystemFiles, ParseIdentityFiles) {
   EXPECT_EQ(posix::shellStyleValue(osRelease, "NAME"), "Debian GNU/Linux");
   EXPECT_FALSE(posix::shellStyleValue(osRelease, "VERSION"));
   EXPECT_EQ(posix::shellStyleValue("PRETTY_HOSTNAME='Ann Laptop'\n", "PRETTY_HOSTNAME"), "Ann Laptop");
-  EXPECT_EQ(posix::shellStyleValue("PRETTY_HOSTNAME=\"Ann \\\"K\\\" Laptop\"\n", "PRETTY_HOSTNAME"), "Ann \"K\" Laptop");
+  EXPECT_EQ(posix::shellStyleValue("PRETTY_HOSTNAME=\"Ann \\\"K\\\" Laptop\"\n", "PRETTY_HOSTNAME"),
+            "Ann \"K\" Laptop");
 
   EXPECT_EQ(posix::uuidFromMachineId("3d1219c7c4c5404aaa1f6d2a48adfda4\n"), "3D1219C7-C4C5-404A-AA1F-6D2A48ADFDA4");
   EXPECT_FALSE(posix::uuidFromMachineId("3d1219c7c4c5404aaa1f6d2a48adfda"));
@@ -470,8 +472,7 @@ TEST(PosixEnv, LaunchDetachedStartsAProgramAndReportsExecFailures) {
   TempDir dir;
   const std::string marker = dir / "started";
   Error error;
-  ASSERT_TRUE(env->launchDetached("/bin/sh", {"-c", "echo $PPID > '" + marker + "'"}, &error))
-      << error.description();
+  ASSERT_TRUE(env->launchDetached("/bin/sh", {"-c", "echo $PPID > '" + marker + "'"}, &error)) << error.description();
   // The program runs on its own; wait (bounded) for its trace.
   for (int i = 0; i < 500 && readTextFile(marker).empty(); ++i) ::usleep(10000);
   const std::string parent = readTextFile(marker);

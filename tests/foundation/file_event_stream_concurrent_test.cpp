@@ -22,8 +22,8 @@ class FileEventStreamTest : public ::testing::Test {
   }
 
   FileEventStream makeStream(double latency) {
-    return FileEventStream(folder, latency, [this](const std::vector<std::string>& paths) { batches.push_back(paths); },
-                           loop);
+    return FileEventStream(
+        folder, latency, [this](const std::vector<std::string>& paths) { batches.push_back(paths); }, loop);
   }
   // Waits until a batch timer is scheduled, then lets straggling events reach the loop.
   bool waitForEvents() {
@@ -110,7 +110,8 @@ TEST_F(FileEventStreamTest, NothingAfterStopAndAMissingFolderCannotStart) {
   EXPECT_TRUE(batches.empty());
   EXPECT_FALSE(stream.isRunning());
 
-  FileEventStream missing(dir / "nowhere", 1, [](const std::vector<std::string>&) {}, loop);
+  FileEventStream missing(
+      dir / "nowhere", 1, [](const std::vector<std::string>&) {}, loop);
   Error error;
   EXPECT_FALSE(missing.start(&error));
   EXPECT_FALSE(error.localizedDescription.empty());

@@ -58,9 +58,8 @@ TEST(FolderMerge, LogsEachStepWithTheFixedTexts) {
   LogCapture log;
   corvaneMergeContentsOfPath(Env::defaultEnv(), dir / "src", dir / "dst", nullptr);
   EXPECT_EQ(log.lines(), (std::vector<std::string>{
-                             "- mergeContentsOfPath: " + (dir / "src") + "\n intoPath: " + (dir / "dst"),
-                             " subPath: d", "   create directory", " subPath: d/f", "   removeItemAtPath",
-                             "   moveItemAtPath"}));
+                             "- mergeContentsOfPath: " + (dir / "src") + "\n intoPath: " + (dir / "dst"), " subPath: d",
+                             "   create directory", " subPath: d/f", "   removeItemAtPath", "   moveItemAtPath"}));
 }
 
 // Fails every move, as a full disk or a locked file would.

@@ -72,23 +72,28 @@ TEST(PropertyList, XmlOutputReadsBackWithDatesAndDataKept) {
 }
 
 TEST(PropertyList, XmlTextIsTheUsualFormWithFarDatesKept) {
-  Value v = dict({{"a&b", "<x>"}, {"n", -3}, {"empty", arr({})}, {"d", Value::data(asBytes("abcd"))},
-                  {"late", Value::date(3124137600.0)}, {"early", Value::date(-3187296000.0)}});
+  Value v = dict({{"a&b", "<x>"},
+                  {"n", -3},
+                  {"empty", arr({})},
+                  {"d", Value::data(asBytes("abcd"))},
+                  {"late", Value::date(3124137600.0)},
+                  {"early", Value::date(-3187296000.0)}});
   auto xml = xmlPropertyListBytes(v);
   ASSERT_TRUE(xml);
-  EXPECT_EQ(asStringView(*xml),
-            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-            "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-            "<plist version=\"1.0\">\n"
-            "<dict>\n"
-            "\t<key>a&amp;b</key>\n\t<string>&lt;x&gt;</string>\n"
-            "\t<key>n</key>\n\t<integer>-3</integer>\n"
-            "\t<key>empty</key>\n\t<array/>\n"
-            "\t<key>d</key>\n\t<data>YWJjZA==</data>\n"
-            "\t<key>late</key>\n\t<date>2100-01-01T00:00:00Z</date>\n"
-            "\t<key>early</key>\n\t<date>1900-01-01T00:00:00Z</date>\n"
-            "</dict>\n"
-            "</plist>\n");
+  EXPECT_EQ(
+      asStringView(*xml),
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+      "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+      "<plist version=\"1.0\">\n"
+      "<dict>\n"
+      "\t<key>a&amp;b</key>\n\t<string>&lt;x&gt;</string>\n"
+      "\t<key>n</key>\n\t<integer>-3</integer>\n"
+      "\t<key>empty</key>\n\t<array/>\n"
+      "\t<key>d</key>\n\t<data>YWJjZA==</data>\n"
+      "\t<key>late</key>\n\t<date>2100-01-01T00:00:00Z</date>\n"
+      "\t<key>early</key>\n\t<date>1900-01-01T00:00:00Z</date>\n"
+      "</dict>\n"
+      "</plist>\n");
 }
 
 TEST(PropertyList, RefusesValuesWithoutAPlistForm) {
@@ -102,7 +107,8 @@ TEST(PropertyList, RefusesValuesWithoutAPlistForm) {
 
 Bytes fromHex(std::string_view hex) {
   Bytes out;
-  for (size_t i = 0; i + 1 < hex.size(); i += 2) out.push_back(static_cast<uint8_t>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16)));
+  for (size_t i = 0; i + 1 < hex.size(); i += 2)
+    out.push_back(static_cast<uint8_t>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16)));
   return out;
 }
 
@@ -117,7 +123,12 @@ TEST(BinaryPropertyList, ReadsAHandLaidOutFile) {
       "1001"              // 17: integer 1
       "527879"            // 19: "xy"
       "080d0f1113"        // 22: offset table
-      "000000000000" "01" "01" "0000000000000005" "0000000000000000" "0000000000000016");
+      "000000000000"
+      "01"
+      "01"
+      "0000000000000005"
+      "0000000000000000"
+      "0000000000000016");
   Error error;
   auto v = propertyListFromBytes(bytes, &error);
   ASSERT_TRUE(v) << error.description();
@@ -147,16 +158,22 @@ TEST(BinaryPropertyList, ReadsWhatAnotherWriterWrote) {
 }
 
 TEST(BinaryPropertyList, HostileFilesAreRefusedNeverACrash) {
-  const char* tail = "000000000000" "01" "01" "0000000000000002" "0000000000000000";
+  const char* tail =
+      "000000000000"
+      "01"
+      "01"
+      "0000000000000002"
+      "0000000000000000";
   struct Case {
     const char* name;
     std::string hex;
   } cases[] = {
       {"integer key", std::string("62706c6973743030") + "d10101" + "1001" + "080b" + tail + "000000000000000d"},
       {"array holding itself", std::string("62706c6973743030") + "a100" + "1001" + "080a" + tail + "000000000000000c"},
-      {"reference out of range", std::string("62706c6973743030") + "a109" + "1001" + "080a" + tail + "000000000000000c"},
-      {"count beyond the file", std::string("62706c6973743030") + "4f13ffffffffffffffff" + "1001" + "0812" + tail +
-                                    "0000000000000014"},
+      {"reference out of range",
+       std::string("62706c6973743030") + "a109" + "1001" + "080a" + tail + "000000000000000c"},
+      {"count beyond the file",
+       std::string("62706c6973743030") + "4f13ffffffffffffffff" + "1001" + "0812" + tail + "0000000000000014"},
   };
   for (const Case& c : cases) {
     Error error;

@@ -12,7 +12,7 @@ namespace corvane {
 namespace {
 
 TEST(RunLoopConcurrent, RunServesPostsFromOtherThreadsUntilStopped) {
-  RunLoop loop;  // the real clock: run() really sleeps between posts
+  RunLoop loop;                           // the real clock: run() really sleeps between posts
   std::vector<std::vector<int>> seen(3);  // only the loop's thread touches it
   std::atomic<bool> timerFired{false};
   loop.postAfter(0.01, [&] { timerFired = true; });

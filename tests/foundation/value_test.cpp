@@ -305,7 +305,7 @@ TEST(ValueEqualityTest, DeepWithOrderOnlyWhereItMatters) {
   EXPECT_NE(arr({1, 2}), arr({2, 1}));
   EXPECT_EQ(Value::set({1, 2, 3}), Value::set({3, 2, 1}));
   EXPECT_NE(Value::orderedSet({1, 2}), Value::orderedSet({2, 1}));
-  EXPECT_NE(arr({1, 2}), Value::orderedSet({1, 2}));  // different kinds
+  EXPECT_NE(arr({1, 2}), Value::orderedSet({1, 2}));    // different kinds
   EXPECT_EQ(arr({1, 2}), Value::mutableArray({1, 2}));  // mutability does not matter
   EXPECT_NE(dict({{"a", 1}}), dict({{"a", 2}}));
   EXPECT_NE(dict({{"a", 1}}), dict({{"b", 1}}));
@@ -450,8 +450,7 @@ TEST(ValueDescriptionTest, OldStylePropertyListForm) {
   EXPECT_EQ(Value::date(-1).description(), "2000-12-31 23:59:59 +0000");
   EXPECT_EQ(Value::date(730000000.5).description(), "2024-02-19 01:46:40 +0000");
   EXPECT_EQ(Value::set({1}).description(), "{(\n    1\n)}");
-  EXPECT_EQ(Value::indexSet({{1, 3}, {7, 1}}).description(),
-            "[number of indexes: 4 (in 2 ranges), indexes: (1-3 7)]");
+  EXPECT_EQ(Value::indexSet({{1, 3}, {7, 1}}).description(), "[number of indexes: 4 (in 2 ranges), indexes: (1-3 7)]");
 }
 
 // ---- Other kinds ----------------------------------------------------------------------------
@@ -508,7 +507,7 @@ TEST(ValueCompareTest, OrdersByKindThenValue) {
   EXPECT_LT(Value::compare(Value("z"), Value("\xc3\xa9")), 0);  // U+00E9 sorts after z
   EXPECT_LT(Value::compare(Value("ab"), Value("abc")), 0);
   EXPECT_LT(Value::compare(Value::date(1), Value::date(2)), 0);
-  EXPECT_LT(Value::compare(Value(), Value(0)), 0);  // nil first
+  EXPECT_LT(Value::compare(Value(), Value(0)), 0);      // nil first
   EXPECT_LT(Value::compare(Value(99), Value("1")), 0);  // numbers before strings
   EXPECT_LT(Value::compare(arr({1, 2}), arr({1, 3})), 0);
   EXPECT_EQ(Value::compare(Value::set({1, 2}), Value::set({2, 1})), 0);

@@ -46,7 +46,8 @@ TEST(ContextConcurrency, PrivateContextsSaveSideBySide) {
   for (auto& t : threads) t.join();
   EXPECT_EQ(saved.load(), kContexts);
   auto reader = s.newContext(ConcurrencyType::PrivateQueue);
-  reader->performAndWait([&] { EXPECT_EQ(*reader->count(FetchRequest("Note")), static_cast<size_t>(kContexts * kNotes)); });
+  reader->performAndWait(
+      [&] { EXPECT_EQ(*reader->count(FetchRequest("Note")), static_cast<size_t>(kContexts * kNotes)); });
 }
 
 TEST(ContextConcurrency, PerformRunsBlocksInOrderOnTheContextsQueue) {

@@ -147,8 +147,13 @@ struct Partners {
   Retained<ManagedObject> ann, bob, badge, spare, inbox, archive, a;
 };
 Partners savedPartners(ManagedObjectContext& c) {
-  Partners p{c.insertNewObject("Person"), c.insertNewObject("Person"), c.insertNewObject("Badge"),
-             c.insertNewObject("Badge"),  c.insertNewObject("Folder"), c.insertNewObject("Folder"), note(c, "a")};
+  Partners p{c.insertNewObject("Person"),
+             c.insertNewObject("Person"),
+             c.insertNewObject("Badge"),
+             c.insertNewObject("Badge"),
+             c.insertNewObject("Folder"),
+             c.insertNewObject("Folder"),
+             note(c, "a")};
   p.ann->setToOne("badge", p.badge.get());
   p.bob->setToOne("badge", p.spare.get());
   p.a->setToOne("folder", p.inbox.get());
@@ -294,7 +299,8 @@ TEST(ManagedObjectContext, SavedObjectsComeBackAsFaultsInAnotherContext) {
   for (const auto& f : third->objectWithID(a->objectID())->toMany("attachments")) order += f->stringValue("name");
   EXPECT_EQ(order, "cab");
 
-  auto gone = other->existingObjectWithID(ObjectID::makePermanent(testing::testModel()->entity("Note"), Value(999), s.store), &error);
+  auto gone = other->existingObjectWithID(
+      ObjectID::makePermanent(testing::testModel()->entity("Note"), Value(999), s.store), &error);
   EXPECT_FALSE(gone);
   EXPECT_EQ(error.code, 133000);
   EXPECT_EQ(other->existingObjectWithID(a->objectID())->stringValue("title"), "a");
@@ -358,8 +364,8 @@ TEST(ManagedObjectContext, FetchesFilterSortLimitAndAnswerEachResultType) {
   groups.setSortDescriptors({SortDescriptor("priority")});
   auto grouped = fresh->execute(groups);
   ASSERT_TRUE(grouped);
-  EXPECT_EQ(*grouped, arr({dict({{"priority", 0}}), dict({{"priority", 1}}), dict({{"priority", 2}}),
-                           dict({{"priority", 3}})}));
+  EXPECT_EQ(*grouped,
+            arr({dict({{"priority", 0}}), dict({{"priority", 1}}), dict({{"priority", 2}}), dict({{"priority", 3}})}));
 
   Error error;
   FetchRequest unknown("Nope");
@@ -580,8 +586,8 @@ TEST(ManagedObjectContext, PostsObjectsDidChangeAndDidSave) {
   Stack s;
   auto& c = *s.context;
   std::vector<Notification> seen;
-  auto observer = NotificationCenter::defaultCenter().addObserver(
-      "", s.context.get(), [&](const Notification& n) { seen.push_back(n); });
+  auto observer = NotificationCenter::defaultCenter().addObserver("", s.context.get(),
+                                                                  [&](const Notification& n) { seen.push_back(n); });
   auto a = note(c, "a");
   auto b = note(c, "b");
   c.processPendingChanges();
@@ -744,9 +750,8 @@ class Task : public ManagedObject {
 };
 
 TEST(ManagedObjectContext, RegisteredClassesMakeObjectsWithTheirOwnRules) {
-  ManagedObject::registerClass("Checklist", [](const EntityDescription* e, ManagedObjectContext* c) {
-    return new Task(e, c);
-  });
+  ManagedObject::registerClass("Checklist",
+                               [](const EntityDescription* e, ManagedObjectContext* c) { return new Task(e, c); });
   Stack s;
   auto list = s.context->insertNewObject("Checklist");
   auto* task = dynamic_cast<Task*>(list.get());

@@ -134,7 +134,8 @@ TEST(ObjectModel, FileLoadingReportsMissingFile) {
   EXPECT_FALSE(error.empty());
   auto model = ObjectModel::fromFile(std::string(CORVANE_SOURCE_DIR) + "/examples/notes_model.json", &error);
   ASSERT_TRUE(model) << error.localizedDescription;
-  EXPECT_EQ(model->entity("Note")->relationship("tags")->inverseRelationship(), model->entity("Tag")->relationship("notes"));
+  EXPECT_EQ(model->entity("Note")->relationship("tags")->inverseRelationship(),
+            model->entity("Tag")->relationship("notes"));
 }
 
 }  // namespace

@@ -170,9 +170,11 @@ TEST(Predicate, SurvivesArbitraryAndHostileInput) {
 
   // Random texts made of the grammar's own pieces: every one parses or is refused, and the
   // ones that parse can be evaluated.
-  const char* pieces[] = {"title", "priority", "(", ")", "==", "<", "AND", "OR", "NOT", "'x'", "3", "{", "}", ",",
-                          "IN", "BEGINSWITH", "[cd]", "%@", "ANY", "CAST(", "\"NSDate\"", ".", "@count", "LIKE",
-                          "'*'", "nil", "\\", "'", "\"", "\xff", "\xc3", "é", "BETWEEN", "TRUEPREDICATE", " "};
+  const char* pieces[] = {
+      "title", "priority", "(",          ")",    "==",     "<",       "AND",           "OR",   "NOT",
+      "'x'",   "3",        "{",          "}",    ",",      "IN",      "BEGINSWITH",    "[cd]", "%@",
+      "ANY",   "CAST(",    "\"NSDate\"", ".",    "@count", "LIKE",    "'*'",           "nil",  "\\",
+      "'",     "\"",       "\xff",       "\xc3", "é",      "BETWEEN", "TRUEPREDICATE", " "};
   std::mt19937 random(7);
   for (int i = 0; i < 20000; ++i) {
     std::string text;

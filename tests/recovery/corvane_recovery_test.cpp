@@ -21,9 +21,9 @@ class RecoveryTest : public DocumentTest {
   RecoverySetup setup() {
     RecoverySetup s;
     s.env = &env;
-    s.application = ApplicationInfo{"com.example.Test", "Test", "7", "1.0",
-                                    Value::array({Value::dictionary({{Value("CFBundleTypeExtensions"),
-                                                                      Value::array({Value("notes")})}})})};
+    s.application = ApplicationInfo{
+        "com.example.Test", "Test", "7", "1.0",
+        Value::array({Value::dictionary({{Value("CFBundleTypeExtensions"), Value::array({Value("notes")})}})})};
     s.cacheRoots = {dir / "cacheA"};
     s.defaults = defaults;
     s.storeCacheRoot = dir / "rebuilt-caches";
@@ -66,7 +66,8 @@ class RecoveryTest : public DocumentTest {
       for (const auto& o : c.fetch(request).value_or(std::vector<Retained<ManagedObject>>{})) {
         std::string line = std::string(entity) + " ";
         for (const char* key : {"name", "label", "age", "balance", "born"}) {
-          if (o->entity().property(key) != nullptr && !o->isNil(key)) line += fmt::format(" {}={}", key, o->value(key).description());
+          if (o->entity().property(key) != nullptr && !o->isNil(key))
+            line += fmt::format(" {}={}", key, o->value(key).description());
         }
         if (o->entity().property("employer") != nullptr) {
           if (auto e = o->toOne("employer")) line += " employer=" + e->stringValue("name");
@@ -90,8 +91,8 @@ class RecoveryTest : public DocumentTest {
 TEST_F(RecoveryTest, EntitiesAreFoundByFileNameAndNamesAreMadeSafe) {
   const std::string folder = dir / "cache";
   ASSERT_TRUE(env.createDirectory(folder, true, nullptr));
-  for (const char* name : {"Invoice_uids.fast", "Invoice_A.fast", "Invoice_a.fast", "Changes.fast",
-                           "Line_Item_3.fast", "Invoice_AB.fast", "Invoice_G.fast", "Order_G.fast", "plain.fast"}) {
+  for (const char* name : {"Invoice_uids.fast", "Invoice_A.fast", "Invoice_a.fast", "Changes.fast", "Line_Item_3.fast",
+                           "Invoice_AB.fast", "Invoice_G.fast", "Order_G.fast", "plain.fast"}) {
     ASSERT_TRUE(env.writeFileAtomically(pathJoin(folder, name), Bytes{}, nullptr));
   }
   CorvaneRecovery recovery(folder, nullptr, setup());
@@ -115,7 +116,8 @@ TEST_F(RecoveryTest, EntitiesAreFoundByFileNameAndNamesAreMadeSafe) {
   EXPECT_EQ(CorvaneRecovery::suggestedNameForCacheURL(folder, &env), "Recovered_Cache_cache");
   ASSERT_TRUE(env.writeFileAtomically(
       pathJoin(folder, "Changes.fast"),
-      *FastCoder::dataWithRootObject(Value::array({Value::dictionary({{Value("name"), Value("a:b.json")}})})), nullptr));
+      *FastCoder::dataWithRootObject(Value::array({Value::dictionary({{Value("name"), Value("a:b.json")}})})),
+      nullptr));
   EXPECT_EQ(CorvaneRecovery::suggestedNameForCacheURL(folder, &env), "Recovered_a_b.json_cache");
   EXPECT_EQ(CorvaneRecovery::documentFileExtension(ApplicationInfo{}), "fast");
 }

@@ -94,7 +94,8 @@ TEST_P(KeychainBehaviour, GenericItemsAreAddedFoundAndUpdatedInPlace) {
 
 TEST_P(KeychainBehaviour, MissingItemsFailWithTheQueryInTheError) {
   Error error;
-  EXPECT_FALSE(MCSMStoreGenericKeychainItem::genericKeychainItemForService(kApp, "nobody", Value(), &error, keychain()));
+  EXPECT_FALSE(
+      MCSMStoreGenericKeychainItem::genericKeychainItemForService(kApp, "nobody", Value(), &error, keychain()));
   EXPECT_EQ(error.domain, "NSOSStatusErrorDomain");
   EXPECT_EQ(error.code, -25300);
   const Value expected = Value::dictionary({{"acct", "nobody"},
@@ -130,8 +131,8 @@ TEST_P(KeychainBehaviour, InternetItemsAreKeyedByTheirLocation) {
   MCSMStoreInternetKeychainItem::Location other = dav;
   other.port = 8443;
   Error error;
-  ASSERT_TRUE(MCSMStoreInternetKeychainItem::internetKeychainItemWithLocation(dav, "bob", Value(), "p443", &error,
-                                                                              keychain()))
+  ASSERT_TRUE(
+      MCSMStoreInternetKeychainItem::internetKeychainItemWithLocation(dav, "bob", Value(), "p443", &error, keychain()))
       << error.description();
   ASSERT_TRUE(MCSMStoreInternetKeychainItem::internetKeychainItemWithLocation(other, "bob", Value(), "p8443", &error,
                                                                               keychain()));
@@ -141,8 +142,9 @@ TEST_P(KeychainBehaviour, InternetItemsAreKeyedByTheirLocation) {
   EXPECT_EQ(item->port(), 443u);
   EXPECT_EQ((*item)["port"], Value(443));
   EXPECT_EQ(item->protocol(), "htps");
-  EXPECT_EQ(item->description(),
-            "MCSMStoreInternetKeychainItem server:cloud.example.com securityDomain:Files account:bob path:/dav port:443");
+  EXPECT_EQ(
+      item->description(),
+      "MCSMStoreInternetKeychainItem server:cloud.example.com securityDomain:Files account:bob path:/dav port:443");
 
   MCSMStoreInternetKeychainItem::Location anyPort = dav;
   anyPort.port = 0;  // left out of the look-up
@@ -168,8 +170,8 @@ TEST_P(KeychainBehaviour, DocumentPasswordIsRememberedLabelledAndForgotten) {
 
   // The item the document's prompt reads: service = bundle identifier, account = document
   // identifier, label = file name, synchronizable = the bundle identifier text.
-  auto item = MCSMStoreGenericKeychainItem::genericKeychainItemForService(kApp, doc.documentIdentifier, Value(),
-                                                                          &error, keychain());
+  auto item = MCSMStoreGenericKeychainItem::genericKeychainItemForService(kApp, doc.documentIdentifier, Value(), &error,
+                                                                          keychain());
   ASSERT_TRUE(item);
   EXPECT_EQ((*item)["labl"], Value("Budget 2.ledger"));
   EXPECT_EQ((*item)["sync"], Value(kApp));
@@ -186,13 +188,15 @@ TEST_P(KeychainBehaviour, ApplicationUUIDIsMadeOnceAndKept) {
   EXPECT_EQ(MCSMStoreApplicationUUIDKeychainItem::applicationUUID(kApp, nullptr, keychain()), first);
   auto item = MCSMStoreApplicationUUIDKeychainItem::applicationUUIDKeychainItem(kApp, nullptr, keychain());
   ASSERT_TRUE(item);
-  EXPECT_EQ(item->description(), "MCSMStoreApplicationUUIDKeychainItem service:org.corvane.keychain.ApplicationUUID "
-                                 "account:com.example.Ledger uuid:" + *first);
+  EXPECT_EQ(item->description(),
+            "MCSMStoreApplicationUUIDKeychainItem service:org.corvane.keychain.ApplicationUUID "
+            "account:com.example.Ledger uuid:" +
+                *first);
 }
 
 TEST_P(KeychainBehaviour, LockedKeychainRefusesUntilUnlocked) {
-  ASSERT_TRUE(MCSMStoreGenericKeychainItem::genericKeychainItemWithService(kApp, "L", Value(), "pw", nullptr,
-                                                                           keychain()));
+  ASSERT_TRUE(
+      MCSMStoreGenericKeychainItem::genericKeychainItemWithService(kApp, "L", Value(), "pw", nullptr, keychain()));
   Error error;
   ASSERT_TRUE(MCSMStoreKeychainItem::lockKeychain(keychain(), &error)) << error.description();
   EXPECT_FALSE(MCSMStoreGenericKeychainItem::genericKeychainItemForService(kApp, "L", Value(), &error, keychain()));
@@ -247,11 +251,8 @@ TEST(KeychainItemTest, SavingFailureIsReportedWithTheQueryButNotThePassword) {
   EXPECT_EQ(error.localizedDescription, "The password could not be saved to the keychain.");
   EXPECT_EQ(error.code, -36);
   EXPECT_EQ(error.userInfo["MCSMKeychainItemQueryKey"],
-            Value::dictionary({{"acct", "DOC-9"},
-                               {"class", "genp"},
-                               {"labl", "Budget.ledger"},
-                               {"svce", kApp},
-                               {"sync", kApp}}));
+            Value::dictionary(
+                {{"acct", "DOC-9"}, {"class", "genp"}, {"labl", "Budget.ledger"}, {"svce", kApp}, {"sync", kApp}}));
   EXPECT_EQ(error.userInfo.description().find("hunter2"), std::string::npos);
   EXPECT_FALSE(removeDocumentPassword({kApp, "DOC-9"}, &error, &keychain)) << "a real failure is not 'not found'";
 }

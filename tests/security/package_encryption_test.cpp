@@ -18,7 +18,8 @@ Bytes packageVerifier() {
 }
 
 Value infoWithEncryption(const Value& salt, const Value& rounds, const Value& verifier) {
-  return dict({{"DocumentIdentifier", "X"}, {"Encryption", dict({{"Salt", salt}, {"Rounds", rounds}, {"Info", verifier}})}});
+  return dict(
+      {{"DocumentIdentifier", "X"}, {"Encryption", dict({{"Salt", salt}, {"Rounds", rounds}, {"Info", verifier}})}});
 }
 
 Value packageInfo() {

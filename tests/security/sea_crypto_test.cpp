@@ -33,9 +33,7 @@ SeaCrypto cryptoWithVectorKeys(Env* env = Env::defaultEnv()) {
   return crypto;
 }
 
-Bytes foxBlock() {
-  return concat({sequence(0, 16), fromHex(kFoxCiphertext), fromHex(kFoxTag)});
-}
+Bytes foxBlock() { return concat({sequence(0, 16), fromHex(kFoxCiphertext), fromHex(kFoxTag)}); }
 
 TEST(SeaCryptoTest, KeyDerivationMatchesPBKDF2) {
   SeaCrypto crypto = cryptoWithVectorKeys();

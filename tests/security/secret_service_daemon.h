@@ -52,8 +52,8 @@ class SecretServiceDaemon {
     GError* error = nullptr;
     GVariant* opened = g_dbus_connection_call_sync(
         bus, "org.freedesktop.secrets", "/org/freedesktop/secrets", "org.freedesktop.Secret.Service", "OpenSession",
-        g_variant_new("(sv)", "plain", g_variant_new_string("")), G_VARIANT_TYPE("(vo)"), G_DBUS_CALL_FLAGS_NONE,
-        5000, nullptr, &error);
+        g_variant_new("(sv)", "plain", g_variant_new_string("")), G_VARIANT_TYPE("(vo)"), G_DBUS_CALL_FLAGS_NONE, 5000,
+        nullptr, &error);
     GVariant* done = nullptr;
     if (opened != nullptr) {
       const gchar* session = nullptr;
@@ -90,10 +90,12 @@ class SecretServiceDaemon {
     writeTextFile(dir_ / "bus.conf",
                   "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
                   " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-                  "<busconfig>\n  <type>session</type>\n  <listen>unix:dir=" + dir_.path() + "</listen>\n"
-                  "  <auth>EXTERNAL</auth>\n"
-                  "  <policy context=\"default\">\n    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-                  "    <allow eavesdrop=\"true\"/>\n    <allow own=\"*\"/>\n  </policy>\n</busconfig>\n");
+                  "<busconfig>\n  <type>session</type>\n  <listen>unix:dir=" +
+                      dir_.path() +
+                      "</listen>\n"
+                      "  <auth>EXTERNAL</auth>\n"
+                      "  <policy context=\"default\">\n    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+                      "    <allow eavesdrop=\"true\"/>\n    <allow own=\"*\"/>\n  </policy>\n</busconfig>\n");
     writeTextFile(home + "/.keep", "");
     writeTextFile(runtime + "/.keep", "");
     ::chmod(runtime.c_str(), 0700);
@@ -121,8 +123,8 @@ class SecretServiceDaemon {
                         passwordPipe[0], -1, dir_ / "daemons.log");
     ::close(passwordPipe[0]);
     const std::string password = kLoginPassword;
-    const bool written = ::write(passwordPipe[1], password.data(), password.size()) ==
-                         static_cast<ssize_t>(password.size());
+    const bool written =
+        ::write(passwordPipe[1], password.data(), password.size()) == static_cast<ssize_t>(password.size());
     ::close(passwordPipe[1]);
     if (keyringPid_ <= 0 || !written) {
       return fail("gnome-keyring-daemon did not start (is Debian's gnome-keyring installed?)");
@@ -143,8 +145,8 @@ class SecretServiceDaemon {
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    fail("the Secret Service did not answer: " + error.localizedDescription + "; the daemons said: " +
-         readTextFile(dir_ / "daemons.log"));
+    fail("the Secret Service did not answer: " + error.localizedDescription +
+         "; the daemons said: " + readTextFile(dir_ / "daemons.log"));
   }
 
   void fail(std::string why) { failure_ = std::move(why); }

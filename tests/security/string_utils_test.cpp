@@ -29,17 +29,28 @@ TEST(StoreEntityNameTest, FirstNonEmptyComponent) {
   EXPECT_EQ(storeEntityName(""), std::nullopt);
   EXPECT_EQ(storeEntityName("///"), std::nullopt);
   EXPECT_EQ(storeEntityName("\xFF/ABC"), std::nullopt);  // no UTF-8 form
-  EXPECT_EQ(storeEntityName("B\xC3\xBC" "cher/ABC"), "B\xC3\xBC" "cher");
+  EXPECT_EQ(storeEntityName("B\xC3\xBC"
+                            "cher/ABC"),
+            "B\xC3\xBC"
+            "cher");
 }
 
 TEST(AnonymizeTest, KeepsFirstAndLastCharacter) {
-  EXPECT_EQ(anonymize("abc"), "a\xE2\x80\xA6" "c");
-  EXPECT_EQ(anonymize("Annabel"), "A\xE2\x80\xA6" "l");
+  EXPECT_EQ(anonymize("abc"),
+            "a\xE2\x80\xA6"
+            "c");
+  EXPECT_EQ(anonymize("Annabel"),
+            "A\xE2\x80\xA6"
+            "l");
   EXPECT_EQ(anonymize("ab"), "\xE2\x80\xA6");
   EXPECT_EQ(anonymize(""), "\xE2\x80\xA6");
   // Characters, not bytes: "é" + "a" is two characters in three bytes.
-  EXPECT_EQ(anonymize("\xC3\xA9" "a"), "\xE2\x80\xA6");
-  EXPECT_EQ(anonymize("\xC3\xA9" "tude\xC3\xA9"), "\xC3\xA9\xE2\x80\xA6\xC3\xA9");
+  EXPECT_EQ(anonymize("\xC3\xA9"
+                      "a"),
+            "\xE2\x80\xA6");
+  EXPECT_EQ(anonymize("\xC3\xA9"
+                      "tude\xC3\xA9"),
+            "\xC3\xA9\xE2\x80\xA6\xC3\xA9");
   // Four-byte characters at both ends stay whole.
   EXPECT_EQ(anonymize("\xF0\x9F\x98\x80x\xF0\x9F\x98\x81"), "\xF0\x9F\x98\x80\xE2\x80\xA6\xF0\x9F\x98\x81");
 }

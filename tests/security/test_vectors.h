@@ -17,7 +17,8 @@ inline Bytes fromHex(std::string_view hex) {
     return static_cast<uint8_t>(c - 'A' + 10);
   };
   Bytes out;
-  for (size_t i = 0; i + 1 < hex.size(); i += 2) out.push_back(static_cast<uint8_t>(nibble(hex[i]) << 4 | nibble(hex[i + 1])));
+  for (size_t i = 0; i + 1 < hex.size(); i += 2)
+    out.push_back(static_cast<uint8_t>(nibble(hex[i]) << 4 | nibble(hex[i + 1])));
   return out;
 }
 

@@ -66,9 +66,10 @@ TEST_F(ChangeFilesTest, AnInsertWritesTheChangeFileObjectFilesAndDataFiles) {
   const Value photoRecord = dict({{"length", 5},
                                   {"hash", "183514034b5bc90a17c2cff528642dcc290f1aef3bf0b5c5bdd6c12b1d3fe296"},
                                   {"name", Value(dataName)}});
-  EXPECT_EQ(change["changes"], dict({{"insert", dict({{"Company", dict({{Value(uid(acme)), dict({})}})},
-                                                      {"Person", dict({{Value(uid(bob)), dict({})},
-                                                                       {Value(uid(ann)), dict({{"data", arr({photoRecord})}})}})}})}}));
+  EXPECT_EQ(change["changes"],
+            dict({{"insert", dict({{"Company", dict({{Value(uid(acme)), dict({})}})},
+                                   {"Person", dict({{Value(uid(bob)), dict({})},
+                                                    {Value(uid(ann)), dict({{"data", arr({photoRecord})}})}})}})}}));
 
   EXPECT_EQ(annFile["version"], Value("1"));
   EXPECT_EQ(annFile["type"], Value("insert"));
@@ -124,16 +125,17 @@ TEST_F(ChangeFilesTest, UpdatesRecordChangedValuesOnlyAndChainToThePreviousChang
   EXPECT_EQ(change["date"], Value("2023-03-08T20:26:42.000+0000"));
   EXPECT_EQ(change["changes"].keys(), std::vector<Value>{Value("update")});
   EXPECT_EQ(change["changes"]["update"]["Person"].count(), 3u);  // Ann and, through the inverses, Bob and Cid
-  EXPECT_EQ(objectFile("Person", uid(ann), second),
-            dict({{"version", "1"},
-                  {"type", "update"},
-                  {"payload", dict({{"name", dict({{"value", "Ann B"}})},
-                                    {"height", dict({})},  // set to nothing
-                                    {"friends", dict({{"removedValues", arr({Value("Person/" + uid(bob))})}})},
-                                    {"children", dict({{"orderedValues", arr({Value("Person/" + uid(bob)),
-                                                                              Value("Person/" + uid(cid))})},
-                                                       {"addedValues", arr({Value("Person/" + uid(bob)),
-                                                                            Value("Person/" + uid(cid))})}})}})}}));
+  EXPECT_EQ(
+      objectFile("Person", uid(ann), second),
+      dict({{"version", "1"},
+            {"type", "update"},
+            {"payload",
+             dict({{"name", dict({{"value", "Ann B"}})},
+                   {"height", dict({})},  // set to nothing
+                   {"friends", dict({{"removedValues", arr({Value("Person/" + uid(bob))})}})},
+                   {"children",
+                    dict({{"orderedValues", arr({Value("Person/" + uid(bob)), Value("Person/" + uid(cid))})},
+                          {"addedValues", arr({Value("Person/" + uid(bob)), Value("Person/" + uid(cid))})}})}})}}));
   EXPECT_EQ(objectFile("Person", uid(bob), second)["payload"],
             dict({{"friendOf", dict({{"removedValues", arr({Value("Person/" + uid(ann))})}})},
                   {"parent", dict({{"value", arr({Value("Person/" + uid(ann))})}})}}));
@@ -159,7 +161,7 @@ class OneToOneTest : public ChangeFilesTest {
        "relationships": [{"name": "pinnedNote", "destination": "Note", "inverse": "pinnedIn"}]},
       {"name": "Note", "attributes": [{"name": "title", "type": "string"}],
        "relationships": [{"name": "pinnedIn", "destination": "Folder", "inverse": "pinnedNote"}]}]})",
-                                  &error);
+                                      &error);
     EXPECT_TRUE(openModel) << error.localizedDescription;
   }
   Retained<ManagedObject> named(OpenStore& s, const std::string& entity, const std::string& key,

@@ -37,8 +37,8 @@
 #include "corvane/store/corvane_managed_object_context.h"
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
-#include "corvane/store/store_environment.h"
 #include "corvane/store/corvane_store_options.h"
+#include "corvane/store/store_environment.h"
 #include "support/test_models.h"
 
 using namespace corvane;
@@ -172,8 +172,8 @@ int main(int argc, char** argv) {
     for (const auto& t : touched) planned.append(t.deleted.isNil() ? describe(t.op, t.uid, *t.person) : t.deleted);
     emit("begin", dict({{"save", Value(static_cast<long long>(round))}, {"objects", planned}}));
     if (!context->save(&error)) {
-      emit("failed", dict({{"save", Value(static_cast<long long>(round))},
-                           {"error", Value(error.localizedDescription)}}));
+      emit("failed",
+           dict({{"save", Value(static_cast<long long>(round))}, {"error", Value(error.localizedDescription)}}));
       return 2;
     }
     Value saved = Value::mutableArray();

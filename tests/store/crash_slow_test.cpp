@@ -114,10 +114,10 @@ struct Chain {
   std::string package;
   std::string cacheRoot;  // the crashing device's
   std::optional<std::string> password;
-  People expected;                      // what every device must hold now
+  People expected;                                               // what every device must hold now
   std::map<std::string, std::pair<uint64_t, long long>> origin;  // UID -> seed and save that last wrote it
-  std::set<std::string> deleted;        // UIDs that printed saves deleted
-  std::set<std::string> errors;         // what the new devices' opening passes logged as errors
+  std::set<std::string> deleted;                                 // UIDs that printed saves deleted
+  std::set<std::string> errors;  // what the new devices' opening passes logged as errors
 };
 
 class CrashTest : public StoreTest {
@@ -201,8 +201,7 @@ class CrashTest : public StoreTest {
     std::vector<std::string> args = {CORVANE_CRASH_SAVER_PATH, chain.package, chain.cacheRoot, std::to_string(seed)};
     if (chain.password) args.push_back(*chain.password);
     std::vector<std::string> environment = {"PATH=/usr/bin:/bin", "HOME=" + home, "XDG_DATA_HOME=" + home + "/data",
-                                            "XDG_CACHE_HOME=" + home + "/cache",
-                                            "XDG_CONFIG_HOME=" + home + "/config"};
+                                            "XDG_CACHE_HOME=" + home + "/cache", "XDG_CONFIG_HOME=" + home + "/config"};
     if (const char* asan = std::getenv("ASAN_OPTIONS")) environment.push_back(std::string("ASAN_OPTIONS=") + asan);
     std::vector<char*> argv, envp;
     for (auto& a : args) argv.push_back(a.data());

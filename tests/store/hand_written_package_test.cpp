@@ -65,23 +65,25 @@ class HandWrittenPackageTest : public StoreTest {
     const std::string dataRecord =
         R"({"length":)" + photoLength + R"(,"hash":")" + photoHash + R"(","name":")" + kPhoto + R"("})";
     // c1 inserts Ann (with a photo, an employer and a friend), Bob, Acme and a gadget.
-    write("Changes/" + std::string(kC1), seal(std::string(R"({"name":")") + kC1 +
-                                              R"(","date":"2024-05-17T09:41:07.250+0000","changes":{"insert":{)"
-                                              R"("Person":{")" + kAnn + R"(":{"data":[)" + dataRecord + R"(]},")" +
-                                              kBob + R"(":{}},"Company":{")" + kAcme + R"(":{}},"Gadget":{")" +
-                                              kGadget + R"(":{}}}},)" + kSession + "}"));
+    write("Changes/" + std::string(kC1),
+          seal(std::string(R"({"name":")") + kC1 +
+               R"(","date":"2024-05-17T09:41:07.250+0000","changes":{"insert":{)"
+               R"("Person":{")" +
+               kAnn + R"(":{"data":[)" + dataRecord + R"(]},")" + kBob + R"(":{}},"Company":{")" + kAcme +
+               R"(":{}},"Gadget":{")" + kGadget + R"(":{}}}},)" + kSession + "}"));
     write("Entities/" + folder("Person") + "/" + kAnn + "/" + kC1,
           seal(std::string(R"({"version":"1","type":"insert","payload":{"name":{"value":"Ann"},)"
                            R"("age":{"value":"42"},"serial":{"value":"9007199254740993"},)"
                            R"("balance":{"value":"12.50"},"height":{"value":"1.75"},"active":{"value":true},)"
                            R"("born":{"value":"2024-05-17T09:41:07.250+0000"},"photo":{"value":")") +
                kPhoto + R"(","length":)" + photoLength + R"(,"hash":")" + photoHash +
-               R"("},"employer":{"value":["Company/)" + kAcme + R"("]},"friends":{"addedValues":["Person/)" +
-               kBob + R"("]},"children":{},"parent":{}}})"));
+               R"("},"employer":{"value":["Company/)" + kAcme + R"("]},"friends":{"addedValues":["Person/)" + kBob +
+               R"("]},"children":{},"parent":{}}})"));
     write("Entities/" + folder("Person") + "/" + kAnn + "/Data/" + kPhoto, photo);
-    write("Entities/" + folder("Person") + "/" + kBob + "/" + kC1,
-          seal(R"({"version":"1","type":"insert","payload":{"name":{"value":"Bob"},"friendOf":{"addedValues":["Person/)" +
-               std::string(kAnn) + R"("]}}})"));
+    write(
+        "Entities/" + folder("Person") + "/" + kBob + "/" + kC1,
+        seal(R"({"version":"1","type":"insert","payload":{"name":{"value":"Bob"},"friendOf":{"addedValues":["Person/)" +
+             std::string(kAnn) + R"("]}}})"));
     write("Entities/" + folder("Company") + "/" + kAcme + "/" + kC1,
           seal(R"({"version":"1","type":"insert","payload":{"name":{"value":"Acme"},"staff":{"addedValues":["Person/)" +
                std::string(kAnn) + R"("]}}})"));
@@ -91,8 +93,8 @@ class HandWrittenPackageTest : public StoreTest {
     write("Changes/" + std::string(kC2),
           seal(std::string(R"({"name":")") + kC2 +
                R"(","date":"2024-05-17T09:42:00.000+0000","changes":{"update":{"Person":{")" + kAnn +
-               R"(":{}}},"delete":{"Gadget":{")" + kGadget + R"(":{}}}},)" + kSession + R"(,"previousName":")" +
-               kC1 + R"("})"));
+               R"(":{}}},"delete":{"Gadget":{")" + kGadget + R"(":{}}}},)" + kSession + R"(,"previousName":")" + kC1 +
+               R"("})"));
     write("Entities/" + folder("Person") + "/" + kAnn + "/" + kC2,
           seal(R"({"version":"1","type":"update","payload":{"name":{"value":"Ann B"},"age":{},)"
                R"("born":{"value":"2024-05-18T10:00:00.000Z"}}})"));
@@ -178,8 +180,8 @@ TEST_F(HandWrittenPackageTest, ForeignValuesShowClampedAndTyped) {
   write("Info.plist", kInfoPlist);
   write("Changes/" + std::string(kC1), std::string(R"({"name":")") + kC1 +
                                            R"(","date":"2024-05-17T09:41:07.250+0000","changes":{"insert":{)"
-                                           R"("Person":{")" + kAnn + R"(":{},")" + kBob + R"(":{}}}},)" +
-                                           kSession + "}");
+                                           R"("Person":{")" +
+                                           kAnn + R"(":{},")" + kBob + R"(":{}}}},)" + kSession + "}");
   write("Entities/Person/" + std::string(kAnn) + "/" + kC1,
         R"({"version":"1","type":"insert","payload":{"name":{"value":123},)"
         R"("rank":{"value":"99999999999999999999999"},"age":{"value":"1e5"},)"
@@ -239,10 +241,9 @@ class HostileNamesTest : public StoreTest {
     env.removeItem(cacheRoot, nullptr);
     write("Info.plist", kInfoPlist);
     const std::string photoHash = corvaneSHA256HexDigest(asBytes("PHOTO"));
-    write("Changes/" + std::string(kC1),
-          std::string(R"({"name":")") + kC1 + R"(","changes":{"insert":{"Person":{")" + kAnn +
-              R"(":{"data":[{"length":5,"hash":")" + photoHash + R"(","name":")" + kPhoto + R"("}]}},)" +
-              R"("Company":{")" + kAcme + R"(":{}}}}})");
+    write("Changes/" + std::string(kC1), std::string(R"({"name":")") + kC1 + R"(","changes":{"insert":{"Person":{")" +
+                                             kAnn + R"(":{"data":[{"length":5,"hash":")" + photoHash + R"(","name":")" +
+                                             kPhoto + R"("}]}},)" + R"("Company":{")" + kAcme + R"(":{}}}}})");
     write("Entities/Person/" + std::string(kAnn) + "/" + kC1,
           std::string(R"({"version":"1","type":"insert","payload":{"name":{"value":"Ann"},"photo":{"value":")") +
               kPhoto + R"(","length":5,"hash":")" + photoHash + R"("}}})");
@@ -282,8 +283,8 @@ TEST_F(HostileNamesTest, ChangeFilesWithNamesThatLeaveTheirFolderAreRefusedAsDam
   writeTextFile(sentinel, kSecret);
   const std::string secretHash = corvaneSHA256HexDigest(asBytes(kSecret));
   const std::string annFile = R"({"version":"1","type":"update","payload":{"name":{"value":"Ann B"}}})";
-  const std::string escapingData = R"({"data":[{"length":6,"hash":")" + secretHash +
-                                   R"(","name":"../../../../../secret"}]})";
+  const std::string escapingData =
+      R"({"data":[{"length":6,"hash":")" + secretHash + R"(","name":"../../../../../secret"}]})";
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"UID with ..", annUpdate("../../../../secret")},
       {"empty UID", annUpdate("")},
@@ -294,11 +295,13 @@ TEST_F(HostileNamesTest, ChangeFilesWithNamesThatLeaveTheirFolderAreRefusedAsDam
       {"empty data name", annUpdate(kAnn, R"({"data":[{"length":6,"name":""}]})")},
       {"data name that is no text", annUpdate(kAnn, R"({"data":[{"length":6,"name":7}]})")},
       {"previousName leading out", std::string(R"({"name":")") + kC2 + R"(","previousName":"../../secret"})"},
-      {"name leading out", R"({"name":"../../secret","changes":{"update":{"Person":{")" + std::string(kAnn) + R"(":{}}}}})"},
+      {"name leading out",
+       R"({"name":"../../secret","changes":{"update":{"Person":{")" + std::string(kAnn) + R"(":{}}}}})"},
       {"name that is no text", R"({"name":5})"},
-      {"entity name leading out", R"({"name":")" + std::string(kC2) + R"(","changes":{"insert":{"../Person":{"X":{}}}}})"},
-      {"recovery refreshing ..", R"({"name":")" + std::string(kC2) +
-                                     R"(","type":"recovery","refreshes":{"update":{"Person":{"..":{}}}}})"},
+      {"entity name leading out",
+       R"({"name":")" + std::string(kC2) + R"(","changes":{"insert":{"../Person":{"X":{}}}}})"},
+      {"recovery refreshing ..",
+       R"({"name":")" + std::string(kC2) + R"(","type":"recovery","refreshes":{"update":{"Person":{"..":{}}}}})"},
   };
   const std::string c2 = package + "/Changes/" + kC2;
   for (const auto& [label, body] : cases) {

@@ -54,7 +54,7 @@ struct Device {
   std::unique_ptr<DeviceEnv> env;
   Value environmentValue;
   OpenStore opened;
-  std::vector<std::string> saves;  // the change files this device wrote
+  std::vector<std::string> saves;        // the change files this device wrote
   std::set<std::string> appliedEarlier;  // applied in an earlier session
 };
 
@@ -276,8 +276,8 @@ class MultiDeviceTest : public StoreTest {
         if (std::find(device->saves.begin(), device->saves.end(), name) != device->saves.end()) continue;
         if (device->appliedEarlier.contains(name)) continue;
         const std::string completed = "Completed validation Changes/" + name;
-        const bool logged = std::any_of(log.begin(), log.end(),
-                                        [&](const std::string& m) { return m.starts_with(completed); });
+        const bool logged =
+            std::any_of(log.begin(), log.end(), [&](const std::string& m) { return m.starts_with(completed); });
         EXPECT_TRUE(logged) << device->name << "'s log does not say it applied " << name << "\n"
                             << ::testing::PrintToString(log);
       }

@@ -48,7 +48,8 @@ TEST_F(PackageTest, NewPackageHasEveryInfoKeyAndItsFolders) {
   EXPECT_TRUE(i["DateCreation"].isDate());
   EXPECT_NEAR(i["DateCreation"].dateValue(), env.now(), 1.0);
   EXPECT_TRUE(i["Encryption"].isNil());
-  for (const char* folder : {"Changes", "Entities", "Errors"}) EXPECT_TRUE(pathExists(package + "/" + folder)) << folder;
+  for (const char* folder : {"Changes", "Entities", "Errors"})
+    EXPECT_TRUE(pathExists(package + "/" + folder)) << folder;
   EXPECT_TRUE(CorvanePackage::isCorrectFormat(package, &env));
   EXPECT_EQ(CorvanePackage::documentIdentifierForURL(package, &env), i["DocumentIdentifier"].str());
   EXPECT_TRUE(CorvanePackage::documentExistsAtURL(package, i["DocumentIdentifier"].str(), &env));
@@ -101,7 +102,8 @@ TEST_F(PackageTest, EncryptedPackageEntryPasswordsAndHashedFolderNames) {
   EXPECT_FALSE(CorvanePackage::canOpenURL(package, std::string("Secret"), &env));
   EXPECT_FALSE(CorvanePackage::canOpenURL(package, std::nullopt, &env));
   // SHA-256 of "(null).Person.org.corvane.Corvane": the salt slot never held the salt.
-  EXPECT_EQ(s.store->fileNameForEntityName("Person"), "8D76580C0EFC1B41F39C3DE2227191D2F901C22B18FADBC9EA825184DA5071AD");
+  EXPECT_EQ(s.store->fileNameForEntityName("Person"),
+            "8D76580C0EFC1B41F39C3DE2227191D2F901C22B18FADBC9EA825184DA5071AD");
   EXPECT_EQ(s.store->fileNameForEntityName("Company"),
             "8E482B3807E2F11348A8FD714E867C5FA8E304CDB22AC8E9614F6F9DB5A8EF54");
   EXPECT_EQ(s.store->entityNameForFileName("8D76580C0EFC1B41F39C3DE2227191D2F901C22B18FADBC9EA825184DA5071AD"),
@@ -156,9 +158,9 @@ TEST_F(PackageTest, FileExtensionComesFromTheDocumentTypes) {
   ApplicationInfo host;
   ApplicationInfo::setCurrent(host);
   EXPECT_EQ(CorvanePackage::fileExtension(), std::nullopt);
-  host.documentTypes = arr({dict({{"NSPersistentStoreTypeKey", "SQLite"}, {"CFBundleTypeExtensions", arr({"sql"})}}),
-                            dict({{"NSPersistentStoreTypeKey", "CorvaneStore"},
-                                  {"CFBundleTypeExtensions", arr({"ledger", "ldg"})}})});
+  host.documentTypes =
+      arr({dict({{"NSPersistentStoreTypeKey", "SQLite"}, {"CFBundleTypeExtensions", arr({"sql"})}}),
+           dict({{"NSPersistentStoreTypeKey", "CorvaneStore"}, {"CFBundleTypeExtensions", arr({"ledger", "ldg"})}})});
   ApplicationInfo::setCurrent(host);
   EXPECT_EQ(CorvanePackage::fileExtension(), std::optional<std::string>("ledger"));
   ApplicationInfo::setCurrent(ApplicationInfo());

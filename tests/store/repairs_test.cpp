@@ -33,7 +33,8 @@ TEST_F(RepairsTest, FakeChangesCarryTheirRefreshes) {
   const std::string path = package + "/Changes/2024-01-01-00-00-00.000.AAAAAAAA-0000-4000-8000-000000000001.json";
   const Value refreshes = dict({{"update", dict({{"Person", dict({{"U", dict({})}})}})}});
   ASSERT_TRUE(s.store->writeFakeChangeToURL(path, refreshes));
-  EXPECT_EQ(readJSON(path), dict({{"name", Value(pathLastComponent(path))}, {"type", "recovery"}, {"refreshes", refreshes}}));
+  EXPECT_EQ(readJSON(path),
+            dict({{"name", Value(pathLastComponent(path))}, {"type", "recovery"}, {"refreshes", refreshes}}));
   ASSERT_TRUE(s.store->writeFakeChangeToURL(path, Value()));
   EXPECT_TRUE(readJSON(path)["refreshes"].isNil());
   close(s);

@@ -187,8 +187,11 @@ TEST_F(RequestsTest, AnotherDevicesChangeRefreshesOpenContextsWithThreeNotificat
   std::vector<std::string> order;
   Value received;
   NotificationCenter& center = NotificationCenter::defaultCenter();
-  auto will = center.addObserver(kCorvaneObjectsWillChangeExternallyNotification, a.context.get(),
-                                 [&](const Notification& n) { order.push_back("will"); received = n.userInfo; });
+  auto will =
+      center.addObserver(kCorvaneObjectsWillChangeExternallyNotification, a.context.get(), [&](const Notification& n) {
+        order.push_back("will");
+        received = n.userInfo;
+      });
   auto platform = center.addObserver(kCorvaneObjectsChangedInManagingContextNotification, a.context.get(),
                                      [&](const Notification&) { order.push_back("private"); });
   auto did = center.addObserver(kCorvaneObjectsDidChangeExternallyNotification, a.context.get(),
@@ -239,13 +242,15 @@ TEST_F(RequestsTest, AWholeGraphIsCopiedAsOneChangeWithAnonymising) {
   const std::string copy = dir / "Copy.corvane";
   OpenStore target = open(Value(), nullptr, copy);
   ASSERT_TRUE(target);
-  const Value anonymize = dict({{kCorvaneAnonymizeOptions,
-                                 dict({{"entities", dict({{"Person", dict({{"name", dict({{"type", "truncate"}})},
-                                                                            {"age", dict({{"type", "nullify"}})}})}})}})}});
+  const Value anonymize =
+      dict({{kCorvaneAnonymizeOptions,
+             dict({{"entities", dict({{"Person", dict({{"name", dict({{"type", "truncate"}})},
+                                                       {"age", dict({{"type", "nullify"}})}})}})}})}});
   std::vector<double> progress;
   bool done = false;
-  target.store->writeAllObjectsInContext(source.context, source.store, anonymize,
-                                         [&](double p) { progress.push_back(p); }, [&](bool written) { done = written; });
+  target.store->writeAllObjectsInContext(
+      source.context, source.store, anonymize, [&](double p) { progress.push_back(p); },
+      [&](bool written) { done = written; });
   waitUntil([&] { return done; });
   const std::vector<std::string> changes = list(copy + "/Changes");
   ASSERT_EQ(changes.size(), 1u);

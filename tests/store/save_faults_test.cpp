@@ -18,7 +18,8 @@ std::vector<std::string> people(OpenStore& s) {
   if (auto found = s.context->fetch(request)) {
     for (const auto& person : *found) {
       const Value photo = person->valueForKey("photo");
-      out.push_back(person->stringValue("name") + (photo.isData() ? "+" + std::string(asStringView(photo.bytes())) : ""));
+      out.push_back(person->stringValue("name") +
+                    (photo.isData() ? "+" + std::string(asStringView(photo.bytes())) : ""));
     }
   }
   std::sort(out.begin(), out.end());

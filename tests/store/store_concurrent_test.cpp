@@ -110,9 +110,10 @@ TEST_F(StoreConcurrentTest, OnePassAtATimeWhateverThreadAsks) {
   ASSERT_TRUE(save(s));
   const std::string first = s.store->cache()->changes().at(0)["name"].str();
   const std::string late = "9999-01-01-00-00-00.000.00000000-0000-0000-0000-000000000000.json";
-  writeTextFile(package + "/Changes/" + late,
-                fmt::format(R"({{"name":"{}","previousName":"{}","changes":{{"update":{{"Person":{{"GONE":{{}}}}}}}}}})",
-                            late, first));
+  writeTextFile(
+      package + "/Changes/" + late,
+      fmt::format(R"({{"name":"{}","previousName":"{}","changes":{{"update":{{"Person":{{"GONE":{{}}}}}}}}}})", late,
+                  first));
   auto rejections = [&] {
     const std::vector<std::string> all = messages(s.store);
     return std::count(all.begin(), all.end(), "Update in progress: Abort and trying again in some seconds");

@@ -24,11 +24,11 @@
 #include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
-#include "corvane/store/store_environment.h"
 #include "corvane/store/corvane_store_options.h"
-#include "support/test_models.h"
+#include "corvane/store/store_environment.h"
 #include "support/printers.h"
 #include "support/temp_dir.h"
+#include "support/test_models.h"
 
 namespace corvane::testing {
 
@@ -79,8 +79,7 @@ class TestEnv : public ManualClockEnv {
     touch(path);
     return ManualClockEnv::attributes(path);
   }
-  bool listDirectory(const std::string& path, bool skipHidden, std::vector<std::string>* names,
-                     Error* error) override {
+  bool listDirectory(const std::string& path, bool skipHidden, std::vector<std::string>* names, Error* error) override {
     touch(path);
     return ManualClockEnv::listDirectory(path, skipHidden, names, error);
   }
@@ -188,9 +187,7 @@ class StoreTest : public ::testing::Test {
     RunLoop::main().discardPendingWork();
   }
 
-  void waitUntil(const std::function<bool()>& done) {
-    ASSERT_TRUE(RunLoop::main().runUntil(done, 30)) << "timed out";
-  }
+  void waitUntil(const std::function<bool()>& done) { ASSERT_TRUE(RunLoop::main().runUntil(done, 30)) << "timed out"; }
   // Runs what the store handed to the main loop (log entries, cache updates).
   void drain() {
     for (int i = 0; i < 5; ++i) RunLoop::main().runOnce();

@@ -1,8 +1,8 @@
 // Watching the Changes folder: one pass after a quiet period, passes deferred while one runs,
 // this device's own files ignored, and a closed store ignoring everything. Timers run on the
 // fake clock; only the kernel's hand-over of file events is waited for, in bounded real time.
-#include "store/store_test_support.h"
 #include "corvane/store/corvane_store_options.h"
+#include "store/store_test_support.h"
 
 namespace corvane::testing {
 namespace {

@@ -4,8 +4,8 @@
 // alone, and an object inserted and deleted within one pass is reported only as deleted.
 #include <algorithm>
 
-#include "store/store_test_support.h"
 #include "corvane/store/corvane_store_options.h"
+#include "store/store_test_support.h"
 
 namespace corvane::testing {
 namespace {
@@ -119,9 +119,9 @@ TEST_F(UpdateHistoryTest, AnObjectInsertedAndDeletedInOnePassIsOnlyDeleted) {
   cacheRoot = rootA;
 
   Value received;
-  auto did = NotificationCenter::defaultCenter().addObserver(kCorvaneObjectsDidChangeExternallyNotification,
-                                                             a.context.get(),
-                                                             [&](const Notification& n) { received = n.userInfo; });
+  auto did =
+      NotificationCenter::defaultCenter().addObserver(kCorvaneObjectsDidChangeExternallyNotification, a.context.get(),
+                                                      [&](const Notification& n) { received = n.userInfo; });
   update(a.store);
   EXPECT_EQ(received[kInsertedObjectsKey].count(), 0u) << received.description();
   EXPECT_EQ(received[kDeletedObjectsKey].count(), 1u) << received.description();

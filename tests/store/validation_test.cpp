@@ -17,9 +17,9 @@ namespace {
 struct History {
   std::string c1, c2;
   std::string ann, bob;
-  std::string bobFile;      // Bob's object file of c2
-  std::string bobData;      // Bob's data file
-  std::string bobShort;     // Bob's object file relative to the package
+  std::string bobFile;   // Bob's object file of c2
+  std::string bobData;   // Bob's data file
+  std::string bobShort;  // Bob's object file relative to the package
   std::string bobDataShort;
 };
 
@@ -172,7 +172,8 @@ TEST_P(DamagedFileTest, StopsThePassUnlessRecovering) {
 INSTANTIATE_TEST_SUITE_P(
     ValidationTest, DamagedFileTest,
     ::testing::Values(
-        Damage{"MissingObjectFile", [](FakeVolumes&, const History& h) { EXPECT_TRUE(Env::defaultEnv()->removeItem(h.bobFile, nullptr)); },
+        Damage{"MissingObjectFile",
+               [](FakeVolumes&, const History& h) { EXPECT_TRUE(Env::defaultEnv()->removeItem(h.bobFile, nullptr)); },
                "Missing file: ", false, kCorvaneLogTypeWarning},
         Damage{"EmptyObjectFile", [](FakeVolumes&, const History& h) { writeTextFile(h.bobFile, ""); },
                "Empty file: ", false, kCorvaneLogTypeWarning},
@@ -181,7 +182,8 @@ INSTANTIATE_TEST_SUITE_P(
                "Incomplete file: ", false, kCorvaneLogTypeWarning},
         Damage{"ObjectFileNotOnDisk", [](FakeVolumes& volumes, const History& h) { volumes.remote.insert(h.bobFile); },
                "File not on disk: ", false, kCorvaneLogTypeError},
-        Damage{"MissingDataFile", [](FakeVolumes&, const History& h) { EXPECT_TRUE(Env::defaultEnv()->removeItem(h.bobData, nullptr)); },
+        Damage{"MissingDataFile",
+               [](FakeVolumes&, const History& h) { EXPECT_TRUE(Env::defaultEnv()->removeItem(h.bobData, nullptr)); },
                "Data file is not on disk: ", true, kCorvaneLogTypeError},
         Damage{"DataFileOfTheWrongLength",
                [](FakeVolumes&, const History& h) { writeTextFile(h.bobData, "BOBPHOTO and more"); },

@@ -288,8 +288,7 @@ bool SyncthingCluster::waitUntilInSync(double timeoutSeconds, std::string* error
       }
       const std::string mine = (*status)["globalFiles"].description() + "/" +
                                (*status)["globalDirectories"].description() + "/" +
-                               (*status)["globalDeleted"].description() + "/" +
-                               (*status)["globalBytes"].description();
+                               (*status)["globalDeleted"].description() + "/" + (*status)["globalBytes"].description();
       if (!agreed.empty() && agreed != mine) return {};
       agreed = mine;
     }

@@ -42,12 +42,15 @@ std::string infoPlist(const std::string& encryption) {
 class CryptCommandsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    writeTextFile(package + "/Info.plist",
-                  infoPlist("\t<key>Encryption</key>\n\t<dict>\n"
-                            "\t\t<key>Info</key>\n\t\t<data>" + std::string(kPackageVerifierBase64) + "</data>\n"
-                            "\t\t<key>Rounds</key>\n\t\t<integer>1000</integer>\n"
-                            "\t\t<key>Salt</key>\n\t\t<data>" + std::string(kPackageSaltBase64) + "</data>\n"
-                            "\t</dict>\n"));
+    writeTextFile(package + "/Info.plist", infoPlist("\t<key>Encryption</key>\n\t<dict>\n"
+                                                     "\t\t<key>Info</key>\n\t\t<data>" +
+                                                     std::string(kPackageVerifierBase64) +
+                                                     "</data>\n"
+                                                     "\t\t<key>Rounds</key>\n\t\t<integer>1000</integer>\n"
+                                                     "\t\t<key>Salt</key>\n\t\t<data>" +
+                                                     std::string(kPackageSaltBase64) +
+                                                     "</data>\n"
+                                                     "\t</dict>\n"));
     writeTextFile(change, toString(fromHex(kPackageChangeBlock)));
     writeTextFile(rightPassword, "correct horse\n");
     writeTextFile(wrongPassword, "correct horse!\n");
@@ -75,8 +78,7 @@ TEST_F(CryptCommandsTest, DecryptsWithPasswordFromFileOrEnvironment) {
 
   // The password file wins over the environment; a CRLF line ending is not part of it.
   writeTextFile(rightPassword, "correct horse\r\nsecond line\n");
-  r = runTool({"decrypt", "--package", package, "--password-file", rightPassword, change},
-              {"CORVANE_PASSWORD=wrong"});
+  r = runTool({"decrypt", "--package", package, "--password-file", rightPassword, change}, {"CORVANE_PASSWORD=wrong"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, plainChange);
 
@@ -117,8 +119,8 @@ TEST_F(CryptCommandsTest, DamagedFileIsReportedAndNothingIsWritten) {
   std::string damaged = toString(fromHex(kPackageChangeBlock));
   damaged[40] ^= 0x01;
   writeTextFile(dir / "damaged.json", damaged);
-  RunResult r = runTool({"decrypt", "--package", package, change, dir / "damaged.json"},
-                        {"CORVANE_PASSWORD=correct horse"});
+  RunResult r =
+      runTool({"decrypt", "--package", package, change, dir / "damaged.json"}, {"CORVANE_PASSWORD=correct horse"});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("damaged.json could not be decrypted: wrong password or damaged file"), std::string::npos)
       << r.err;
@@ -133,8 +135,8 @@ TEST_F(CryptCommandsTest, DamagedFileIsReportedAndNothingIsWritten) {
 TEST_F(CryptCommandsTest, EncryptedOutputDecryptsBack) {
   writeTextFile(dir / "plain.txt", "hello, support\n");
   const std::string sealed = dir / "sealed.bin";
-  RunResult r = runTool({"encrypt", "--package", package, dir / "plain.txt", "-o", sealed},
-                        {"CORVANE_PASSWORD=correct horse"});
+  RunResult r =
+      runTool({"encrypt", "--package", package, dir / "plain.txt", "-o", sealed}, {"CORVANE_PASSWORD=correct horse"});
   ASSERT_EQ(r.status, 0) << r.err;
   std::string block = readTextFile(sealed);
   EXPECT_EQ(block.size(), 16u + 16u + 64u);
@@ -183,8 +185,8 @@ TEST_F(CryptCommandsTest, PasswordNeverFromTheCommandLine) {
 }
 
 TEST_F(CryptCommandsTest, UsageAndHelp) {
-  RunResult r = runTool({"decrypt", "--package", package, change, change, "-o", dir / "out"},
-                        {"CORVANE_PASSWORD=correct horse"});
+  RunResult r =
+      runTool({"decrypt", "--package", package, change, change, "-o", dir / "out"}, {"CORVANE_PASSWORD=correct horse"});
   EXPECT_EQ(r.status, 2);
   EXPECT_FALSE(pathExists(dir / "out"));
   r = runTool({"decrypt", change});  // --package is required

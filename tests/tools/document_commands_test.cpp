@@ -43,7 +43,8 @@ class DocumentCommandsTest : public ::testing::Test {
     const pid_t pid = testing::startTool(args, {}, home, dir / "server.out", dir / "server.err");
     for (int i = 0; i < 200; ++i) {
       const std::string out = readTextFile(dir / "server.out");
-      if (const size_t at = out.find("listening on "); at != std::string::npos && out.find('\n', at) != std::string::npos) {
+      if (const size_t at = out.find("listening on ");
+          at != std::string::npos && out.find('\n', at) != std::string::npos) {
         const std::string line = out.substr(at, out.find('\n', at) - at);
         return {pid, line.substr(line.rfind(':') + 1)};
       }
@@ -169,7 +170,8 @@ TEST_F(DocumentCommandsTest, RecoverRebuildsALostDocumentFromThisDevicesCache) {
   RunResult ann = run({"insert", package, "--model", model, "Person", "name=Ann", "balance=12.50",
                        "employer=Company/" + firstLine(acme)});
   ASSERT_EQ(ann.status, 0) << ann.err;
-  ASSERT_EQ(run({"insert", package, "--model", model, "Person", "name=Bob", "parent=Person/" + firstLine(ann)}).status, 0);
+  ASSERT_EQ(run({"insert", package, "--model", model, "Person", "name=Bob", "parent=Person/" + firstLine(ann)}).status,
+            0);
   const Value lost = dump();
   ASSERT_TRUE(Env::defaultEnv()->removeItem(package, nullptr));
 
@@ -204,7 +206,8 @@ TEST_F(DocumentCommandsTest, RecoverRebuildsALostDocumentFromThisDevicesCache) {
 TEST_F(DocumentCommandsTest, SyncCheckTellsWhetherTwoDevicesSeeTheSameContent) {
   const std::string cert = dir / "cert.pem", key = dir / "key.pem";
   ASSERT_EQ(std::system(("openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext "
-                         "subjectAltName=IP:127.0.0.1 -keyout " + key + " -out " + cert + " >/dev/null 2>&1")
+                         "subjectAltName=IP:127.0.0.1 -keyout " +
+                         key + " -out " + cert + " >/dev/null 2>&1")
                             .c_str()),
             0);
   // Records live 2 s, so that the second round sees nothing of the first.
@@ -218,10 +221,10 @@ TEST_F(DocumentCommandsTest, SyncCheckTellsWhetherTwoDevicesSeeTheSameContent) {
   ASSERT_TRUE(Env::defaultEnv()->createDirectory(dir / "desktop", true, nullptr));
   ASSERT_TRUE(Env::defaultEnv()->copyItem(laptop, desktop, nullptr));
   auto check = [&](const std::string& device, const std::string& copy, const std::string& out) {
-    return testing::startTool({"sync-check", copy, "--model", model, "--server", "https://127.0.0.1:" + port,
-                               "--cacert", cert, "--interval", "0.2", "--polls", "15", "--cache-root",
-                               dir / ("cache-" + device)},
-                              {"CORVANE_DEVICE_IDENTIFIER=" + device}, home, out, out + ".err");
+    return testing::startTool(
+        {"sync-check", copy, "--model", model, "--server", "https://127.0.0.1:" + port, "--cacert", cert, "--interval",
+         "0.2", "--polls", "15", "--cache-root", dir / ("cache-" + device)},
+        {"CORVANE_DEVICE_IDENTIFIER=" + device}, home, out, out + ".err");
   };
   // Alone, the laptop waits, and gives up after its polls.
   pid_t a = check("laptop", laptop, dir / "a.out");
@@ -237,9 +240,9 @@ TEST_F(DocumentCommandsTest, SyncCheckTellsWhetherTwoDevicesSeeTheSameContent) {
   EXPECT_NE(readTextFile(dir / "a.out").find("laptop (This device)"), std::string::npos);
   EXPECT_NE(readTextFile(dir / "a.out").find("All in Sync"), std::string::npos);
   // The desktop saves a company that has not reached the laptop's copy.
-  ASSERT_EQ(run({"insert", desktop, "--model", model, "Company", "name=Acme", "--cache-root", dir / "cache-desktop"})
-                .status,
-            0);
+  ASSERT_EQ(
+      run({"insert", desktop, "--model", model, "Company", "name=Acme", "--cache-root", dir / "cache-desktop"}).status,
+      0);
   usleep(2500000);
   a = check("laptop", laptop, dir / "a.out");
   b = check("desktop", desktop, dir / "b.out");
@@ -257,9 +260,10 @@ TEST_F(DocumentCommandsTest, TheSyncServerRefusesBadRequestsAndOutlivesSlowOnes)
   ASSERT_FALSE(port.empty()) << readTextFile(dir / "server.err");
   const std::string url = "http://127.0.0.1:" + port + "/Tools/SyncTest/post.php";
   auto post = [&](const std::string& bodyFile) {
-    const std::string command = "curl -s -o " + dir / "answer" + " -w '%{http_code}' --max-time 10 -H "
-                                "'Content-Type: application/json' --data-binary @" + bodyFile + " " + url + " > " +
-                                dir / "code";
+    const std::string command = "curl -s -o " + dir / "answer" +
+                                " -w '%{http_code}' --max-time 10 -H "
+                                "'Content-Type: application/json' --data-binary @" +
+                                bodyFile + " " + url + " > " + dir / "code";
     (void)std::system(command.c_str());
     return readTextFile(dir / "code");
   };
@@ -269,7 +273,8 @@ TEST_F(DocumentCommandsTest, TheSyncServerRefusesBadRequestsAndOutlivesSlowOnes)
   ASSERT_EQ(std::system(slow.c_str()), 0);
   writeTextFile(dir / "bad.json", "{\"deviceIdentifier\": \"A\"}");
   writeTextFile(dir / "broken.json", "{\"documentIdentifier\": ");
-  writeTextFile(dir / "big.json", "{\"documentIdentifier\": \"" + std::string(100000, 'x') + "\", \"deviceIdentifier\": \"A\"}");
+  writeTextFile(dir / "big.json",
+                "{\"documentIdentifier\": \"" + std::string(100000, 'x') + "\", \"deviceIdentifier\": \"A\"}");
   writeTextFile(dir / "good.json", "{\"documentIdentifier\": \"D\", \"deviceIdentifier\": \"A\", \"checkSum\": \"X\"}");
   EXPECT_EQ(post(dir / "bad.json"), "400");
   EXPECT_EQ(post(dir / "broken.json"), "400");
@@ -286,8 +291,9 @@ TEST_F(DocumentCommandsTest, TheSyncServerRefusesBadRequestsAndOutlivesSlowOnes)
 TEST_F(DocumentCommandsTest, WatchStopsWhenAnotherDeviceOptimizesTheDocument) {
   ASSERT_EQ(run({"create", package, "--model", model}).status, 0);
   ASSERT_EQ(run({"insert", package, "--model", model, "Person", "name=Ann"}).status, 0);
-  const pid_t watch = testing::startTool({"watch", package, "--model", model, "--cache-root", dir / "watcher", "--for", "60"},
-                                         {"CORVANE_MACHINE_NAME=Desktop"}, home, dir / "watch.out", dir / "watch.err");
+  const pid_t watch =
+      testing::startTool({"watch", package, "--model", model, "--cache-root", dir / "watcher", "--for", "60"},
+                         {"CORVANE_MACHINE_NAME=Desktop"}, home, dir / "watch.out", dir / "watch.err");
   for (int i = 0; i < 300 && readTextFile(dir / "watch.out").find("watching") == std::string::npos; ++i) {
     usleep(100'000);
   }
@@ -337,8 +343,8 @@ TEST_F(DocumentCommandsTest, TheICloudDriveWarningAsksOnTheTerminalAndCanBeSilen
   EXPECT_NE(created.err.find("corvane: This file is saved on iCloud Drive"), std::string::npos) << created.err;
 
   std::string terminal;
-  RunResult asked = testing::runToolOnTerminal({"dump", package, "--model", model}, {}, home, "1\ny\n", "[1]: ",
-                                               &terminal);
+  RunResult asked =
+      testing::runToolOnTerminal({"dump", package, "--model", model}, {}, home, "1\ny\n", "[1]: ", &terminal);
   EXPECT_EQ(asked.status, 0) << terminal;
   EXPECT_NE(terminal.find("1) I have a Backup  2) Show in Finder"), std::string::npos) << terminal;
   EXPECT_NE(terminal.find("Do not show this message again? [y/N]"), std::string::npos) << terminal;
@@ -356,12 +362,17 @@ TEST_F(DocumentCommandsTest, AChangeWaitingForItsFilesIsNamedOnceInPlainWords) {
   const std::string uid = "B0B0B0B0-0000-4000-8000-000000000001";
   const std::string name = "2999-01-01-00-00-00.000.7AB1E700-0000-4000-8000-000000000002.json";
   writeTextFile(package + "/Changes/" + name,
-                "{\"name\":\"" + name + "\",\"date\":\"2999-01-01T00:00:00.000+0000\",\"changes\":{\"insert\":{"
-                "\"Person\":{\"" + uid + "\":{}}}},\"session\":{\"userName\":\"ada\",\"fullUserName\":\"Ada "
-                "Lovelace\",\"machineName\":\"Tablet\",\"id\":\"S1\",\"version\":\"1\"}}");
+                "{\"name\":\"" + name +
+                    "\",\"date\":\"2999-01-01T00:00:00.000+0000\",\"changes\":{\"insert\":{"
+                    "\"Person\":{\"" +
+                    uid +
+                    "\":{}}}},\"session\":{\"userName\":\"ada\",\"fullUserName\":\"Ada "
+                    "Lovelace\",\"machineName\":\"Tablet\",\"id\":\"S1\",\"version\":\"1\"}}");
   const std::string objectFile = "Entities/Person/" + uid + "/" + name;
-  const std::string notice = "corvane: the change " + name + " from Tablet (Ada Lovelace) is still waiting for its "
-                             "file " + objectFile;
+  const std::string notice = "corvane: the change " + name +
+                             " from Tablet (Ada Lovelace) is still waiting for its "
+                             "file " +
+                             objectFile;
 
   RunResult dumped = run({"dump", package, "--model", model});
   EXPECT_EQ(dumped.status, 0) << dumped.err;
@@ -375,8 +386,8 @@ TEST_F(DocumentCommandsTest, AChangeWaitingForItsFilesIsNamedOnceInPlainWords) {
   // The object is not there yet: the command says where it will come from.
   RunResult updated = run({"update", package, "--model", model, "Person", uid, "name=Bob"});
   EXPECT_EQ(updated.status, 1);
-  EXPECT_NE(updated.err.find("corvane: no Person with UID " + uid + " in " + package + "; it is in the change " +
-                             name + " from Tablet (Ada Lovelace), which is still waiting for its files"),
+  EXPECT_NE(updated.err.find("corvane: no Person with UID " + uid + " in " + package + "; it is in the change " + name +
+                             " from Tablet (Ada Lovelace), which is still waiting for its files"),
             std::string::npos)
       << updated.err;
   RunResult deleted = run({"delete", package, "--model", model, "Person", "NOPE"});

@@ -48,8 +48,8 @@ TEST_F(FastCommandsTest, EncodeWritesTheBytesAndDumpPrintsThemBack) {
   ASSERT_EQ(r.status, 0) << r.err;
   // Dictionary at 20 (count at 24); 300 at 28 with its u16 at 30; "n" at 32; the date at 35
   // with its double at 40; "d" at 48.
-  std::string expected = header(2, 0, 2) + bytes({9, 0, 0, 0, 2, 0, 0, 0, 16, 0, 0x2C, 1, 8, 'n', 0, 0x30, 0, 0, 0, 0,
-                                                   0, 0, 0, 0, 0, 0, 0, 0x40, 8, 'd', 0});
+  std::string expected = header(2, 0, 2) + bytes({9, 0, 0, 0, 2, 0, 0, 0, 16, 0, 0x2C, 1,    8, 'n', 0, 0x30,
+                                                  0, 0, 0, 0, 0, 0, 0, 0, 0,  0, 0,    0x40, 8, 'd', 0});
   EXPECT_EQ(readTextFile(dir / "out.fast"), expected);
 
   r = runFast({"fast", "dump", "--compact", dir / "out.fast"});
@@ -106,13 +106,18 @@ TEST_F(FastCommandsTest, DumpDecryptsWithThePackagePassword) {
   writeTextFile(package + "/Info.plist",
                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
                 "\t<key>Encryption</key>\n\t<dict>\n"
-                "\t\t<key>Info</key>\n\t\t<data>" + std::string(kPackageVerifierBase64) + "</data>\n"
-                "\t\t<key>Rounds</key>\n\t\t<integer>1000</integer>\n"
-                "\t\t<key>Salt</key>\n\t\t<data>" + std::string(kPackageSaltBase64) + "</data>\n"
-                "\t</dict>\n</dict>\n</plist>\n");
+                "\t\t<key>Info</key>\n\t\t<data>" +
+                    std::string(kPackageVerifierBase64) +
+                    "</data>\n"
+                    "\t\t<key>Rounds</key>\n\t\t<integer>1000</integer>\n"
+                    "\t\t<key>Salt</key>\n\t\t<data>" +
+                    std::string(kPackageSaltBase64) +
+                    "</data>\n"
+                    "\t</dict>\n</dict>\n</plist>\n");
   writeTextFile(dir / "plain.fast", header(0, 0, 1) + bytes({8, 'h', 'i', 0}));
   const std::vector<std::string> password = {"CORVANE_PASSWORD=correct horse"};
-  FastRun r = runFast({"encrypt", "--package", package, dir / "plain.fast", "-o", dir / "cache.fast"}, "/dev/null", password);
+  FastRun r =
+      runFast({"encrypt", "--package", package, dir / "plain.fast", "-o", dir / "cache.fast"}, "/dev/null", password);
   ASSERT_EQ(r.status, 0) << r.err;
 
   r = runFast({"fast", "dump", "--package", package, dir / "cache.fast"}, "/dev/null", password);

@@ -21,8 +21,8 @@
 #include "corvane/store/corvane_package.h"
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
-#include "corvane/store/store_environment.h"
 #include "corvane/store/corvane_store_options.h"
+#include "corvane/store/store_environment.h"
 #include "support/temp_dir.h"
 #include "tools/tool_runner.h"
 

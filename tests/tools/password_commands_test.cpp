@@ -114,7 +114,8 @@ TEST_F(PasswordCommandsTest, TheSettingAloneDecidesWhetherTheKeptPasswordIsUsed)
   const std::string defaultsFile = dir / "home/config/org.corvane.Corvane.cli.plist";
   std::string defaults = readTextFile(defaultsFile);
   ASSERT_NE(defaults.find("Corvane.DontShowPasswordPromptAgain."), std::string::npos) << defaults;
-  writeTextFile(defaultsFile, "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict/>\n</plist>\n");
+  writeTextFile(defaultsFile,
+                "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict/>\n</plist>\n");
   EXPECT_NE(run({"password", "status", package}).out.find("but commands do not use it"), std::string::npos);
   RunResult asks = run({"dump", package, "--model", model});
   EXPECT_EQ(asks.status, 1);

@@ -79,32 +79,31 @@ TEST_F(StoreCommandsTest, ANewUsersSessionWithEveryValueType) {
   ASSERT_EQ(acmeUID.size(), 36u);
   const std::string bob = line(run({"insert", package, "--model", model, "Person", "name=Bob"}));
   const std::string cid = line(run({"insert", package, "--model", model, "Person", "name=Cid"}));
-  RunResult ann = run({"insert", package, "--model", model, "Person", "name=Ann", "age=42", "rank=-3",
-                       "serial=9007199254740993", "balance=12.50", "height=1.75", "weight=0.5", "active=true",
-                       "born=2024-05-17T09:41:07.250+0000", "photo=@" + (dir / "photo.bin"),
-                       "employer=Company/" + acmeUID, "friends=Person/" + bob + ",Person/" + cid,
-                       "children=Person/" + cid + ",Person/" + bob});
+  RunResult ann =
+      run({"insert", package, "--model", model, "Person", "name=Ann", "age=42", "rank=-3", "serial=9007199254740993",
+           "balance=12.50", "height=1.75", "weight=0.5", "active=true", "born=2024-05-17T09:41:07.250+0000",
+           "photo=@" + (dir / "photo.bin"), "employer=Company/" + acmeUID, "friends=Person/" + bob + ",Person/" + cid,
+           "children=Person/" + cid + ",Person/" + bob});
   ASSERT_EQ(ann.status, 0) << ann.err;
   const std::string annUID = line(ann);
 
-  const Value expectedAnn = dict({{"entity", "Person"},
-                                  {"uid", Value(annUID)},
-                                  {"name", "Ann"},
-                                  {"age", 42},
-                                  {"rank", -3},
-                                  {"serial", 9007199254740993LL},
-                                  {"balance", "12.5"},
-                                  {"height", 1.75},
-                                  {"weight", 0.5},
-                                  {"active", true},
-                                  {"born", "2024-05-17T09:41:07.250+0000"},
-                                  {"photo", dict({{"length", 5},
-                                                  {"sha256", "183514034b5bc90a17c2cff528642dcc290f1aef3bf0b5c5bdd6c12b1d3fe296"}})},
-                                  {"friends", Value::array({Value("Person/" + std::min(bob, cid)),
-                                                            Value("Person/" + std::max(bob, cid))})},
-                                  {"friendOf", Value::array()},
-                                  {"children", arr({Value("Person/" + cid), Value("Person/" + bob)})},
-                                  {"employer", Value("Company/" + acmeUID)}});
+  const Value expectedAnn = dict(
+      {{"entity", "Person"},
+       {"uid", Value(annUID)},
+       {"name", "Ann"},
+       {"age", 42},
+       {"rank", -3},
+       {"serial", 9007199254740993LL},
+       {"balance", "12.5"},
+       {"height", 1.75},
+       {"weight", 0.5},
+       {"active", true},
+       {"born", "2024-05-17T09:41:07.250+0000"},
+       {"photo", dict({{"length", 5}, {"sha256", "183514034b5bc90a17c2cff528642dcc290f1aef3bf0b5c5bdd6c12b1d3fe296"}})},
+       {"friends", Value::array({Value("Person/" + std::min(bob, cid)), Value("Person/" + std::max(bob, cid))})},
+       {"friendOf", Value::array()},
+       {"children", arr({Value("Person/" + cid), Value("Person/" + bob)})},
+       {"employer", Value("Company/" + acmeUID)}});
   Value all = dump();
   ASSERT_EQ(all.count(), 4u);
   EXPECT_EQ(all.at(0)["entity"], Value("Company"));  // entity name, then UID
@@ -118,8 +117,8 @@ TEST_F(StoreCommandsTest, ANewUsersSessionWithEveryValueType) {
   EXPECT_EQ(keys[1], Value("uid"));
 
   // Updates: a value, a cleared value, one member added and one removed, a to-one cleared.
-  RunResult updated = run({"update", package, "--model", model, "Person", annUID, "name=Ann B", "friends-=Person/" + bob,
-                           "employer=", "--null", "age"});
+  RunResult updated = run({"update", package, "--model", model, "Person", annUID, "name=Ann B",
+                           "friends-=Person/" + bob, "employer=", "--null", "age"});
   ASSERT_EQ(updated.status, 0) << updated.err;
   Value ann2 = dump({"--entity", "Person", "--where", "name BEGINSWITH 'Ann'"}).at(0);
   EXPECT_EQ(ann2["name"], Value("Ann B"));
@@ -168,8 +167,9 @@ TEST_F(StoreCommandsTest, WithAPassword) {
   std::vector<std::string> create = {"create", package, "--model", model};
   create.insert(create.end(), password.begin(), password.end());
   ASSERT_EQ(run(create).status, 0);
-  RunResult ann = run({"insert", package, "--model", model, "Person", "name=Annabelle", "photo=@" + (dir / "photo.bin")},
-                      {"CORVANE_PASSWORD=s3cret"});
+  RunResult ann =
+      run({"insert", package, "--model", model, "Person", "name=Annabelle", "photo=@" + (dir / "photo.bin")},
+          {"CORVANE_PASSWORD=s3cret"});
   ASSERT_EQ(ann.status, 0) << ann.err;
   Value people = dump(password);
   ASSERT_EQ(people.count(), 1u);
@@ -207,7 +207,8 @@ TEST_F(StoreCommandsTest, MistakesAreNamedAndWriteNothing) {
                 "Person has no attribute or relationship 'colour'");
   expectFailure({"insert", package, "--model", model, "Person", "age=old"}, "age: 'old' is not a 32-bit integer");
   expectFailure({"insert", package, "--model", model, "Person", "born=yesterday"}, "born: 'yesterday' is not a date");
-  expectFailure({"insert", package, "--model", model, "Person", "active=maybe"}, "active: 'maybe' is not true or false");
+  expectFailure({"insert", package, "--model", model, "Person", "active=maybe"},
+                "active: 'maybe' is not true or false");
   expectFailure({"insert", package, "--model", model, "Person", "photo=@" + (dir / "nothing")}, "photo: ");
   expectFailure({"insert", package, "--model", model, "Person", "employer=Company/NOPE"}, "no object Company/NOPE");
   expectFailure({"insert", package, "--model", model, "Person", "name"}, "'name' is not KEY=VALUE", 2);

@@ -76,8 +76,8 @@ int runCopy(CopyOptions options) {
     return fail(reason);
   }
   std::cout << "copied " << options.store.package
-            << (request.upToChange.empty() ? " as it stands now" : " as it stood after " + request.upToChange)
-            << " to " << options.destination << (request.password ? " (encrypted)" : " (not encrypted)") << "\n";
+            << (request.upToChange.empty() ? " as it stands now" : " as it stood after " + request.upToChange) << " to "
+            << options.destination << (request.password ? " (encrypted)" : " (not encrypted)") << "\n";
   return kExitSuccess;
 }
 
@@ -91,15 +91,16 @@ void setupCopy(CLI::App& app, int* status) {
       ->type_name("DEST");
   command->add_option("--up-to", options->upTo, "The change to stop at, by its name as `corvane changes` prints it")
       ->type_name("CHANGE");
-  CLI::Option* password =
-      command->add_option("--password-file", options->copyPasswordFile,
-                          "Encrypt the copy with the password on the first line of FILE")
-          ->type_name("FILE");
+  CLI::Option* password = command
+                              ->add_option("--password-file", options->copyPasswordFile,
+                                           "Encrypt the copy with the password on the first line of FILE")
+                              ->type_name("FILE");
   command->add_flag("--no-password", options->noPassword, "Do not encrypt the copy, even if the original is")
       ->excludes(password);
-  command->add_option("--source-password-file", options->store.password.passwordFile,
-                      "The original's password, when it differs from the copy's (else $CORVANE_PASSWORD, the "
-                      "keychain or a prompt)")
+  command
+      ->add_option("--source-password-file", options->store.password.passwordFile,
+                   "The original's password, when it differs from the copy's (else $CORVANE_PASSWORD, the "
+                   "keychain or a prompt)")
       ->type_name("FILE");
   addStoreOptions(command, &options->store, true, false);
   command->footer(

@@ -31,8 +31,9 @@ bool writeStandardOutput(const std::vector<Bytes>& results) {
 
 int runCrypt(const CryptOptions& options) {
   if (!options.output.empty() && options.files.size() > 1) {
-    std::fprintf(stderr, "corvane: -o takes one FILE; without -o the results of several files go to standard "
-                         "output one after the other\n");
+    std::fprintf(stderr,
+                 "corvane: -o takes one FILE; without -o the results of several files go to standard "
+                 "output one after the other\n");
     return kExitUsage;
   }
   Env* env = Env::defaultEnv();
@@ -91,8 +92,9 @@ void setupCryptCommand(CLI::App& app, int* status, bool encrypt) {
   command->add_option("files", options->files, encrypt ? "Plain files to encrypt" : "Encrypted files to decrypt")
       ->required()
       ->type_name("FILE");
-  command->add_option("-o,--output", options->output,
-                      "Write the result to FILE atomically (one input only) instead of standard output")
+  command
+      ->add_option("-o,--output", options->output,
+                   "Write the result to FILE atomically (one input only) instead of standard output")
       ->type_name("FILE");
   addPasswordOptions(command, &options->password);
   command->footer(

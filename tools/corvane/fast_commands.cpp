@@ -123,16 +123,20 @@ int runEncode(const EncodeOptions& options) {
 }
 
 void setupFastCommand(CLI::App& app, int* status) {
-  CLI::App* fast = app.add_subcommand("fast", "Show FastCoding files (the local cache's files) as JSON, and build them");
+  CLI::App* fast =
+      app.add_subcommand("fast", "Show FastCoding files (the local cache's files) as JSON, and build them");
   fast->require_subcommand(1);
   fast->footer(kNotationHelp);
 
   auto dump = std::make_shared<DumpOptions>();
   CLI::App* dumpCommand = fast->add_subcommand("dump", "Print the object graph of a FastCoding file as JSON");
-  dumpCommand->add_option("file", dump->file, "The FastCoding file, or - for standard input")->required()->type_name("FILE");
-  dumpCommand->add_option("--package", dump->package,
-                          "Decrypt the file first with this document package's password (caches of encrypted "
-                          "documents are encrypted whole)")
+  dumpCommand->add_option("file", dump->file, "The FastCoding file, or - for standard input")
+      ->required()
+      ->type_name("FILE");
+  dumpCommand
+      ->add_option("--package", dump->package,
+                   "Decrypt the file first with this document package's password (caches of encrypted "
+                   "documents are encrypted whole)")
       ->type_name("PKG");
   dumpCommand->add_flag("--compact", dump->compact, "One line instead of indented JSON");
   addPasswordOptions(dumpCommand, &dump->password);
@@ -144,10 +148,13 @@ void setupFastCommand(CLI::App& app, int* status) {
   CLI::App* encodeCommand = fast->add_subcommand("encode", "Write FastCoding data from JSON in the dump notation");
   encodeCommand->add_option("file", encode->file, "The JSON file, or - (the default) for standard input")
       ->type_name("FILE");
-  encodeCommand->add_option("-o,--output", encode->output, "Write the FastCoding data to FILE atomically (- for standard output)")
+  encodeCommand
+      ->add_option("-o,--output", encode->output,
+                   "Write the FastCoding data to FILE atomically (- for standard output)")
       ->required()
       ->type_name("OUT");
-  encodeCommand->add_flag("--mutable", encode->mutableContainers, "Make arrays, dictionaries, sets and index sets mutable");
+  encodeCommand->add_flag("--mutable", encode->mutableContainers,
+                          "Make arrays, dictionaries, sets and index sets mutable");
   encodeCommand->footer(std::string("Integers are written with the smallest code that holds them; containers are "
                                     "immutable unless --mutable. ") +
                         kNotationHelp);

@@ -49,8 +49,7 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
   }
   int status = kExitSuccess;
   auto& commands = registry();
-  std::stable_sort(commands.begin(), commands.end(),
-                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::stable_sort(commands.begin(), commands.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
   for (auto& [order, setup] : commands) setup(app, &status);
   try {
     app.parse(argc, argv);

@@ -56,7 +56,7 @@ std::unique_ptr<StoreSession> openSession(const StoreOptions& options, std::stri
 struct WatchOptions {
   StoreOptions store;
   double seconds = 0;  // 0: until interrupted
-  double poll = 0;  // 0: rely on the store's folder watch
+  double poll = 0;     // 0: rely on the store's folder watch
 };
 
 // One line per object: what happened, the object, and (unless it is gone) its values now.
@@ -397,8 +397,9 @@ void setupWatch(CLI::App& app, int* status) {
   command->add_option("--for", options->seconds, "Stop after SECONDS (default: until interrupted)")
       ->type_name("SECONDS")
       ->check(CLI::NonNegativeNumber);
-  command->add_option("--poll", options->poll,
-                      "Also look for new change files every SECONDS, for folders a watch cannot see (default: off)")
+  command
+      ->add_option("--poll", options->poll,
+                   "Also look for new change files every SECONDS, for folders a watch cannot see (default: off)")
       ->type_name("SECONDS")
       ->check(CLI::NonNegativeNumber);
   command->footer("Ends cleanly on Ctrl-C (SIGINT) or SIGTERM.");
@@ -443,7 +444,8 @@ void setupDevices(CLI::App& app, int* status) {
 void setupRepair(CLI::App& app, int* status) {
   auto options = std::make_shared<RepairOptions>();
   CLI::App* command = app.add_subcommand(
-      "repair", "Repair the history: discard a damaged change file, or put a recovery change in place of a missing one");
+      "repair",
+      "Repair the history: discard a damaged change file, or put a recovery change in place of a missing one");
   addPackage(command, &options->store);
   command->add_option("action", options->action, "discard or insert-recovery")
       ->required()
@@ -467,8 +469,8 @@ void setupChecksum(CLI::App& app, int* status) {
 
 void setupFixConflicts(CLI::App& app, int* status) {
   auto options = std::make_shared<StoreOptions>();
-  CLI::App* command = app.add_subcommand(
-      "fix-conflicts", "Merge entity folders a sync service duplicated (\"Person 2\") and catch up");
+  CLI::App* command =
+      app.add_subcommand("fix-conflicts", "Merge entity folders a sync service duplicated (\"Person 2\") and catch up");
   addPackage(command, options.get());
   addStoreOptions(command, options.get(), true);
   command->callback([options, status] { *status = runFixConflicts(*options); });

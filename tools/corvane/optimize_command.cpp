@@ -49,8 +49,8 @@ int runOptimize(const OptimizeOptions& options) {
 
 void setupOptimize(CLI::App& app, int* status) {
   auto options = std::make_shared<OptimizeOptions>();
-  CLI::App* command = app.add_subcommand(
-      "optimize", "Consolidate every change into one, keeping the old package as a dated backup");
+  CLI::App* command =
+      app.add_subcommand("optimize", "Consolidate every change into one, keeping the old package as a dated backup");
   command->add_option("package", options->store.package, "The document package")->required()->type_name("PKG");
   command->add_flag("--yes", options->yes, "Do not ask for confirmation");
   addStoreOptions(command, &options->store, true);

@@ -63,7 +63,8 @@ namespace {
 // also when the keychain fails (the person is asked then, as the document does).
 std::optional<std::string> keptPassword(Env* env, const std::string& package) {
   const std::string identifier = CorvanePackage::documentIdentifierForURL(package, env);
-  if (identifier.empty() || !toolDefaults()->boolForKey(dontShowPasswordPromptAgainKey(identifier))) return std::nullopt;
+  if (identifier.empty() || !toolDefaults()->boolForKey(dontShowPasswordPromptAgainKey(identifier)))
+    return std::nullopt;
   return findDocumentPassword({toolApplication().identifier, identifier}, nullptr, defaultKeychain());
 }
 
@@ -90,9 +91,10 @@ std::optional<std::string> passwordFromTerminal(const std::string& prompt) {
 }
 
 void addPasswordOptions(CLI::App* command, PasswordOptions* options) {
-  command->add_option("--password-file", options->passwordFile,
-                      "Read the password from the first line of FILE (else $CORVANE_PASSWORD, else one kept by "
-                      "`corvane password save`, else a prompt)")
+  command
+      ->add_option("--password-file", options->passwordFile,
+                   "Read the password from the first line of FILE (else $CORVANE_PASSWORD, else one kept by "
+                   "`corvane password save`, else a prompt)")
       ->type_name("FILE");
 }
 
@@ -124,8 +126,8 @@ std::optional<OpenedPackage> openPackage(Env* env, const std::string& package, E
   opened.path = package;
   Error readError;
   if (!readPropertyListFile(env, infoPath, &opened.info, &readError) || !opened.info.isDictionary()) {
-    std::string reason = readError.localizedDescription.empty() ? "not a property-list dictionary"
-                                                                 : readError.localizedDescription;
+    std::string reason =
+        readError.localizedDescription.empty() ? "not a property-list dictionary" : readError.localizedDescription;
     *error = infoPath + " could not be read: " + reason;
     return std::nullopt;
   }

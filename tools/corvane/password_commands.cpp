@@ -75,7 +75,8 @@ int runSave(const PasswordCommandOptions& options) {
   std::optional<std::string> password =
       obtainPassword(env, options.password, "Password for " + options.package + ": ", &error);
   if (!password) return fail(error);
-  if (!CorvanePackage::canOpenURL(options.package, *password, env)) return fail("wrong password for " + options.package);
+  if (!CorvanePackage::canOpenURL(options.package, *password, env))
+    return fail("wrong password for " + options.package);
 
   KeychainBackend* keychain = defaultKeychain();
   Error saveError;
@@ -133,13 +134,15 @@ int runStatus(const PasswordCommandOptions& options) {
   if (!kept) {
     std::printf("no password of %s is kept in %s; commands ask for it\n", package, where.c_str());
   } else if (!CorvanePackage::canOpenURL(options.package, *kept, env)) {
-    std::printf("the password of %s kept in %s no longer opens it; commands ask for it "
-                "(`corvane password save` replaces it)\n",
-                package, where.c_str());
+    std::printf(
+        "the password of %s kept in %s no longer opens it; commands ask for it "
+        "(`corvane password save` replaces it)\n",
+        package, where.c_str());
   } else if (!used) {
-    std::printf("the password of %s is kept in %s, but commands do not use it and ask "
-                "(`corvane password save` turns that on)\n",
-                package, where.c_str());
+    std::printf(
+        "the password of %s is kept in %s, but commands do not use it and ask "
+        "(`corvane password save` turns that on)\n",
+        package, where.c_str());
   } else {
     std::printf("the password of %s is kept in %s; commands open it without asking\n", package, where.c_str());
   }
@@ -159,8 +162,7 @@ void setupPasswordCommand(CLI::App& app, int* status) {
     int (*run)(const PasswordCommandOptions&);
   };
   for (const Entry& entry : {
-           Entry{"save", "Check the document's password and keep it in the keychain, so commands do not ask",
-                 runSave},
+           Entry{"save", "Check the document's password and keep it in the keychain, so commands do not ask", runSave},
            Entry{"forget", "Remove the document's password from the keychain; commands ask again", runForget},
            Entry{"status", "Say whether a password is kept for the document and whether commands use it", runStatus},
        }) {

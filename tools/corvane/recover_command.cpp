@@ -25,7 +25,7 @@ namespace corvane::cli {
 namespace {
 
 struct RecoverOptions {
-  std::string application;             // whose caches ("" the tool's)
+  std::string application;              // whose caches ("" the tool's)
   std::vector<std::string> cacheRoots;  // instead of the application's
   std::string model;
   std::string extension = "corvane";
@@ -65,7 +65,8 @@ int runList(const RecoverOptions& options) {
     entry.set(Value("encrypted"), Value(encrypted));
     Value entities = Value::mutableDictionary();
     if (!encrypted) {
-      for (const std::string& entity : recovery->availableEntitiesWithError(nullptr).value_or(std::vector<std::string>{})) {
+      for (const std::string& entity :
+           recovery->availableEntitiesWithError(nullptr).value_or(std::vector<std::string>{})) {
         const auto uids = recovery->UIDsForEntity(entity, nullptr);
         entities.set(Value(entity), Value(static_cast<long long>(uids ? uids->size() : 0)));
       }
@@ -125,7 +126,8 @@ int runOne(const RecoverOptions& options) {
   const bool rebuilt = recovery->rebuildPackageToURL(destination, Value(), &failure);
   terminal.endProgress();
   if (!rebuilt) return fail("could not rebuild " + options.destination + ": " + failure.localizedDescription);
-  std::cout << "rebuilt " << destination << " from " << recovery->cacheURL() << " (binary values are not kept in a cache)\n";
+  std::cout << "rebuilt " << destination << " from " << recovery->cacheURL()
+            << " (binary values are not kept in a cache)\n";
   return kExitSuccess;
 }
 
@@ -157,14 +159,13 @@ int runAll(const RecoverOptions& options) {
 
 void setupRecover(CLI::App& app, int* status) {
   auto options = std::make_shared<RecoverOptions>();
-  CLI::App* command = app.add_subcommand(
-      "recover", "Rebuild lost documents from the caches this machine keeps of them");
+  CLI::App* command =
+      app.add_subcommand("recover", "Rebuild lost documents from the caches this machine keeps of them");
   auto common = [options](CLI::App* c) {
     c->add_option("--application", options->application,
                   "Look at the caches of the application with this identifier (default: this tool's)")
         ->type_name("ID");
-    c->add_option("--cache-root", options->cacheRoots, "Look for caches in DIR instead (repeatable)")
-        ->type_name("DIR");
+    c->add_option("--cache-root", options->cacheRoots, "Look for caches in DIR instead (repeatable)")->type_name("DIR");
   };
   common(command);
   command->add_option("cache", options->cache, "A cache folder, or the path of the lost document")->type_name("CACHE");

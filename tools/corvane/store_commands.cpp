@@ -52,7 +52,8 @@ std::optional<Value> parseAttribute(const AttributeDescription& attribute, const
     case AttributeType::URI:
       return Value(text);
     case AttributeType::Integer16:
-      if (auto v = parseInteger(text, INT16_MIN, INT16_MAX)) return Value::number(NumberKind::Short, v->longLongValue());
+      if (auto v = parseInteger(text, INT16_MIN, INT16_MAX))
+        return Value::number(NumberKind::Short, v->longLongValue());
       *problem = "an integer from -32768 to 32767";
       return std::nullopt;
     case AttributeType::Integer32:
@@ -76,7 +77,7 @@ std::optional<Value> parseAttribute(const AttributeDescription& attribute, const
         return std::nullopt;
       }
       return attribute.attributeType() == AttributeType::Float ? Value::floatNumber(static_cast<float>(d))
-                                                              : Value::doubleNumber(d);
+                                                               : Value::doubleNumber(d);
     }
     case AttributeType::Boolean:
       if (text == "true") return Value(true);
@@ -479,8 +480,8 @@ int runChanges(const ChangesOptions& options) {
       continue;
     }
     std::cout << "  " << text(entry["date"]) << "  " << text(entry["author"]) << " (" << text(entry["machine"])
-              << ")  inserted " << entry["inserted"].longLongValue() << ", updated "
-              << entry["updated"].longLongValue() << ", deleted " << entry["deleted"].longLongValue();
+              << ")  inserted " << entry["inserted"].longLongValue() << ", updated " << entry["updated"].longLongValue()
+              << ", deleted " << entry["deleted"].longLongValue();
     if (entry["recovery"].boolValue()) std::cout << "  [recovery]";
     std::cout << "\n";
   }
@@ -509,7 +510,8 @@ void setupCreate(CLI::App& app, int* status) {
   command->footer(
       "With --password-file or $CORVANE_PASSWORD (or --encrypted) the document is encrypted with that password. "
       "Prints the document identifier.");
-  command->callback([options, identifier, encrypted, status] { *status = runCreate(*options, *identifier, *encrypted); });
+  command->callback(
+      [options, identifier, encrypted, status] { *status = runCreate(*options, *identifier, *encrypted); });
 }
 
 void setupInfo(CLI::App& app, int* status) {
@@ -528,9 +530,9 @@ void setupObjectCommand(CLI::App& app, int* status, const std::string& name) {
   auto options = std::make_shared<ObjectCommandOptions>();
   const bool inserting = name == "insert";
   const bool deleting = name == "delete";
-  CLI::App* command = app.add_subcommand(
-      name, inserting ? "Insert an object and print its UID"
-                      : deleting ? "Delete an object" : "Change values of an object");
+  CLI::App* command = app.add_subcommand(name, inserting  ? "Insert an object and print its UID"
+                                               : deleting ? "Delete an object"
+                                                          : "Change values of an object");
   command->add_option("package", options->store.package, "The document package")->required()->type_name("PKG");
   command->add_option("entity", options->entity, "The entity of the object")->required()->type_name("ENTITY");
   if (!inserting) command->add_option("uid", options->uid, "The object's UID")->required()->type_name("UID");

@@ -98,8 +98,9 @@ void addStoreOptions(CLI::App* command, StoreOptions* options, bool withModel, b
         ->required()
         ->type_name("MODEL.json");
   }
-  command->add_option("--cache-root", options->cacheRoot,
-                      "Keep this device's cache of the document under DIR (default: the tool's data folder)")
+  command
+      ->add_option("--cache-root", options->cacheRoot,
+                   "Keep this device's cache of the document under DIR (default: the tool's data folder)")
       ->type_name("DIR");
   command->add_flag("--recover", options->recover,
                     "Recovery mode: go on past damaged or missing change files instead of stopping");
@@ -177,8 +178,8 @@ std::unique_ptr<StoreSession> StoreSession::create(const StoreOptions& options, 
   return openDocument(options, std::move(documentOptions), error);
 }
 
-std::unique_ptr<StoreSession> StoreSession::openDocument(const StoreOptions& options,
-                                                         DocumentOptions documentOptions, std::string* error) {
+std::unique_ptr<StoreSession> StoreSession::openDocument(const StoreOptions& options, DocumentOptions documentOptions,
+                                                         std::string* error) {
   std::unique_ptr<StoreSession> session(new StoreSession());
   session->model_ = loadModel(options.model, error);
   if (!session->model_) return nullptr;
@@ -187,7 +188,8 @@ std::unique_ptr<StoreSession> StoreSession::openDocument(const StoreOptions& opt
   documentOptions.model = session->model_;
   documentOptions.application = toolApplication();
   documentOptions.interaction = session->interaction_;
-  if (std::optional<std::string> machine = env->environmentVariable("CORVANE_MACHINE_NAME"); machine && !machine->empty()) {
+  if (std::optional<std::string> machine = env->environmentVariable("CORVANE_MACHINE_NAME");
+      machine && !machine->empty()) {
     documentOptions.machineName = *machine;
   }
   // The tool's cache: where it has always been (the data folder, under the tool's identifier),

@@ -16,10 +16,10 @@
 #include <vector>
 
 #include "corvane/document/corvane_document.h"
-#include "corvane/graph/managed_object_context.h"
 #include "corvane/foundation/date_format.h"
 #include "corvane/foundation/env.h"
 #include "corvane/foundation/user_defaults.h"
+#include "corvane/graph/managed_object_context.h"
 #include "corvane/graph/object_model.h"
 #include "corvane/store/corvane_store.h"
 #include "package_password.h"

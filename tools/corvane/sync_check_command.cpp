@@ -49,8 +49,7 @@ int runSyncCheck(const SyncCheckOptions& options) {
   });
   check.setPanelOpen(true);
   check.pollDeviceInfo();
-  RunLoop::main().runUntil([&outcome] { return outcome.has_value(); },
-                           (options.polls + 1) * (options.interval + 25.0));
+  RunLoop::main().runUntil([&outcome] { return outcome.has_value(); }, (options.polls + 1) * (options.interval + 25.0));
   check.resetDeviceInfo();
   session->close();
   return outcome.value_or(kExitTimedOut);
@@ -58,12 +57,10 @@ int runSyncCheck(const SyncCheckOptions& options) {
 
 void setupSyncCheck(CLI::App& app, int* status) {
   auto options = std::make_shared<SyncCheckOptions>();
-  CLI::App* command = app.add_subcommand(
-      "sync-check", "Check whether every device that works on a document sees the same content");
+  CLI::App* command =
+      app.add_subcommand("sync-check", "Check whether every device that works on a document sees the same content");
   command->add_option("package", options->store.package, "The document package")->required()->type_name("PKG");
-  command->add_option("--server", options->server, "The sync server (https://host:port)")
-      ->required()
-      ->type_name("URL");
+  command->add_option("--server", options->server, "The sync server (https://host:port)")->required()->type_name("URL");
   command->add_option("--polls", options->polls, "Give up after this many polls")->capture_default_str();
   command->add_option("--interval", options->interval, "Seconds between polls")->capture_default_str();
   command->add_option("--cacert", options->cacert, "Trust the certificates in FILE (a server's own authority)")

@@ -141,7 +141,8 @@ int runSyncServer(const SyncServerOptions& options) {
     listening = socket;
   });
   // Port 0: one the system chooses, printed below.
-  const int bound = port == 0 ? server->bind_to_any_port(address.c_str()) : (server->bind_to_port(address.c_str(), port) ? port : -1);
+  const int bound =
+      port == 0 ? server->bind_to_any_port(address.c_str()) : (server->bind_to_port(address.c_str(), port) ? port : -1);
   if (bound <= 0) {
     // Wakes the stopper from its sigwait(); the signal is blocked, so nothing is terminated.
     pthread_kill(stopper.native_handle(), SIGTERM);  // NOLINT(bugprone-bad-signal-to-kill-thread)
@@ -149,7 +150,8 @@ int runSyncServer(const SyncServerOptions& options) {
     return fail("cannot listen on " + options.listen);
   }
   if (listening >= 0) (void)::listen(listening, SOMAXCONN);
-  std::cout << "listening on " << (options.cert.empty() ? "http://" : "https://") << address << ":" << bound << std::endl;
+  std::cout << "listening on " << (options.cert.empty() ? "http://" : "https://") << address << ":" << bound
+            << std::endl;
   server->listen_after_bind();
   if (stopper.joinable()) stopper.join();
   std::cout << "stopped" << std::endl;

@@ -42,7 +42,6 @@ std::optional<std::string> askOnTerminal(const std::string& question) {
   return answer;
 }
 
-
 size_t TerminalInteraction::runAlert(const Alert& alert) {
   printAlert(alert);
   return 0;
@@ -52,7 +51,9 @@ void TerminalInteraction::revealInFileViewer(const std::string& path) {
   std::fprintf(stderr, "corvane: see %s\n", path.c_str());
 }
 
-void TerminalInteraction::openFile(const std::string& path) { std::fprintf(stderr, "corvane: open %s\n", path.c_str()); }
+void TerminalInteraction::openFile(const std::string& path) {
+  std::fprintf(stderr, "corvane: open %s\n", path.c_str());
+}
 
 std::optional<std::string> TerminalInteraction::askPassword(const std::string& message) {
   return passwordFromTerminal(message + ": ");
@@ -107,8 +108,9 @@ void TerminalInteraction::updateProgress(double fraction, const std::string& tex
   std::string bar;
   if (fraction >= 0) {
     const int filled = static_cast<int>(std::clamp(fraction, 0.0, 1.0) * kBarWidth);
-    bar = "[" + std::string(static_cast<size_t>(filled), '#') + std::string(static_cast<size_t>(kBarWidth - filled), '.') +
-          "] " + std::to_string(static_cast<int>(std::clamp(fraction, 0.0, 1.0) * 100)) + "% ";
+    bar = "[" + std::string(static_cast<size_t>(filled), '#') +
+          std::string(static_cast<size_t>(kBarWidth - filled), '.') + "] " +
+          std::to_string(static_cast<int>(std::clamp(fraction, 0.0, 1.0) * 100)) + "% ";
   }
   const std::string title = progressTitle_.empty() ? "" : progressTitle_ + " ";
   // Back to the start of the line and clear it: the bar is redrawn in place.

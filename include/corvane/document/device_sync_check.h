@@ -89,8 +89,8 @@ class DeviceSyncCheck {
 
   // The outcome of comparing the records an endpoint answered with.
   struct Comparison {
-    std::vector<Value> devices;  // the records, this device's marked "(This device)"
-    std::string status;          // kWaiting, kInSync or kMismatch
+    std::vector<Value> devices;         // the records, this device's marked "(This device)"
+    std::string status;                 // kWaiting, kInSync or kMismatch
     std::optional<std::string> detail;  // the parts that differ, sorted, joined with ", "
   };
   static Comparison compare(const Value& answer, const std::string& thisDevice);

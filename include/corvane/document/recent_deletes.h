@@ -29,14 +29,14 @@ inline constexpr int64_t kRecentDeletesPerEntity = 50;
 // {"entityName", "date", "user"} of the deletion, `changeEvents` the object's history as
 // CorvaneStore::changesHistoryForObjectID() gives it.
 using DeletedObjectLabel = std::function<std::optional<std::string>(const Value& info, const std::string& objectUID,
-                                                                     const Value& changeEvents)>;
+                                                                    const Value& changeEvents)>;
 
 // The plain-text report of the deletions of `entityName` and its sub-entities, or one of the
 // messages "No change log available", "Change log content is empty", "Entity <E> not found",
 // "No deleted <E> objects found in recent changes". `store` may be nullptr. Dates of creation
 // are shown in the local zone of `env`.
-std::string recentDeletesReport(CorvaneStore* store, const ObjectModel& model, const std::string& entityName,
-                                Env* env, const DeletedObjectLabel& label = {});
+std::string recentDeletesReport(CorvaneStore* store, const ObjectModel& model, const std::string& entityName, Env* env,
+                                const DeletedObjectLabel& label = {});
 
 // Writes `report` atomically, in UTF-8, into the desktop folder as
 // "Deleted_<entity>_Objects_<yyyy-MM-dd_HH-mm-ss, local time>.txt", making the folder when it is

@@ -35,8 +35,8 @@
 #include <string>
 
 #include "corvane/foundation/env.h"
-#include "corvane/store/store_environment.h"
 #include "corvane/foundation/value.h"
+#include "corvane/store/store_environment.h"
 
 namespace corvane {
 

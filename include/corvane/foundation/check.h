@@ -21,8 +21,8 @@ namespace corvane {
     if (false) (void)(condition); \
   } while (false)
 #else
-#define CORVANE_DCHECK(condition)                                                  \
-  do {                                                                             \
-    if (!(condition)) ::corvane::dcheckFailed(__FILE__, __LINE__, #condition);     \
+#define CORVANE_DCHECK(condition)                                              \
+  do {                                                                         \
+    if (!(condition)) ::corvane::dcheckFailed(__FILE__, __LINE__, #condition); \
   } while (false)
 #endif

@@ -58,9 +58,7 @@ class Decimal {
   // Numeric comparison; not-a-number sorts before every number and equals itself.
   int compare(const Decimal& other) const noexcept;
   friend bool operator==(const Decimal& a, const Decimal& b) noexcept { return a.compare(b) == 0; }
-  friend std::strong_ordering operator<=>(const Decimal& a, const Decimal& b) noexcept {
-    return a.compare(b) <=> 0;
-  }
+  friend std::strong_ordering operator<=>(const Decimal& a, const Decimal& b) noexcept { return a.compare(b) <=> 0; }
 
  private:
   Mantissa mantissa_ = 0;

@@ -154,16 +154,14 @@ class EnvWrapper : public Env {
   bool writeFileAtomically(const std::string& path, ByteView data, Error* error) override;
   bool fileExists(const std::string& path, bool* isDirectory = nullptr) override;
   std::optional<FileAttributes> attributes(const std::string& path) override;
-  bool listDirectory(const std::string& path, bool skipHidden, std::vector<std::string>* names,
-                     Error* error) override;
+  bool listDirectory(const std::string& path, bool skipHidden, std::vector<std::string>* names, Error* error) override;
   bool createDirectory(const std::string& path, bool intermediates, Error* error) override;
   bool removeItem(const std::string& path, Error* error) override;
   bool moveItem(const std::string& from, const std::string& to, Error* error) override;
   bool copyItem(const std::string& from, const std::string& to, Error* error) override;
   std::optional<std::string> trashItem(const std::string& path, Error* error) override;
   std::optional<Bytes> extendedAttribute(const std::string& path, const std::string& name) override;
-  bool setExtendedAttribute(const std::string& path, const std::string& name, ByteView value,
-                            Error* error) override;
+  bool setExtendedAttribute(const std::string& path, const std::string& name, ByteView value, Error* error) override;
   bool removeExtendedAttribute(const std::string& path, const std::string& name) override;
   std::vector<VolumeInfo> mountedVolumes() override;
   std::optional<VolumeInfo> volumeForPath(const std::string& path) override;
@@ -180,8 +178,7 @@ class EnvWrapper : public Env {
   std::optional<std::string> environmentVariable(const std::string& name) override;
   bool randomBytes(uint8_t* out, size_t n) override;
   std::vector<RunningApplication> runningApplications() override;
-  bool launchDetached(const std::string& executable, const std::vector<std::string>& arguments,
-                      Error* error) override;
+  bool launchDetached(const std::string& executable, const std::vector<std::string>& arguments, Error* error) override;
 
  private:
   Env* target_;

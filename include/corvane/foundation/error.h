@@ -33,8 +33,7 @@ struct Error {
   Value userInfo;  // nil or a dictionary
 
   Error() = default;
-  Error(std::string domain_, int64_t code_, std::string description = {}, std::string suggestion = {},
-        Value info = {})
+  Error(std::string domain_, int64_t code_, std::string description = {}, std::string suggestion = {}, Value info = {})
       : domain(std::move(domain_)),
         code(code_),
         localizedDescription(std::move(description)),

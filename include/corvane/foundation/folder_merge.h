@@ -24,7 +24,6 @@ bool createDirectoryAtPathIfNeeded(Env* env, const std::string& path);
 // With an `error` pointer, the first failing remove or move stops the merge at once, leaving
 // the source in place partly merged, and is reported through it. Without one, failures go
 // unseen and the merge runs to the end. Each step is logged.
-void corvaneMergeContentsOfPath(Env* env, const std::string& source, const std::string& destination,
-                                Error* error);
+void corvaneMergeContentsOfPath(Env* env, const std::string& source, const std::string& destination, Error* error);
 
 }  // namespace corvane

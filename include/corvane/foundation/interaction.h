@@ -47,9 +47,9 @@ struct PasswordAnswer {
 // A save panel: where to save a copy of a document, and whether to encrypt it.
 struct SavePanel {
   std::string title;
-  std::string directory;     // where the panel opens
-  std::string proposedName;  // without the extension
-  std::string fileExtension;  // the document's ("corvane"), without the dot
+  std::string directory;       // where the panel opens
+  std::string proposedName;    // without the extension
+  std::string fileExtension;   // the document's ("corvane"), without the dot
   bool offersPassword = true;  // the password choice below the file list
 };
 

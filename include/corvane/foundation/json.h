@@ -30,8 +30,7 @@ struct JsonReadOptions {
 
 // Parses one JSON text (objects, arrays and, at the top, scalars too). Trailing white space
 // is allowed, anything else after the value is an error.
-std::optional<Value> jsonToValue(std::string_view text, Error* error = nullptr,
-                                 const JsonReadOptions& options = {});
+std::optional<Value> jsonToValue(std::string_view text, Error* error = nullptr, const JsonReadOptions& options = {});
 
 enum class JsonStyle { Compact, Pretty };
 

@@ -1,6 +1,6 @@
 // corvane::Mutex, corvane::MutexLock, corvane::SharedMutex and corvane::RecursiveMutex —
-// std::mutex, std::shared_mutex and std::recursive_mutex with the lock annotations of thread_annotations.h, so that clang checks
-// at compile time that guarded state is touched only under its lock (the thread-safety preset).
+// std::mutex, std::shared_mutex and std::recursive_mutex with the lock annotations of thread_annotations.h, so that
+// clang checks at compile time that guarded state is touched only under its lock (the thread-safety preset).
 //
 //   mutable Mutex mutex_;
 //   std::vector<Task> queue_ CORVANE_GUARDED_BY(mutex_);

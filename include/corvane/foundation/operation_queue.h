@@ -79,7 +79,7 @@ class Operation : public std::enable_shared_from_this<Operation> {
   std::unique_ptr<std::unordered_set<const Operation*>> dependencySet_;
   size_t unfinishedDependencies_ = 0;
   std::vector<std::weak_ptr<Operation>> dependants_;
-  std::shared_ptr<void> queue_;  // the queue it was added to, while unfinished
+  std::shared_ptr<void> queue_;                               // the queue it was added to, while unfinished
   std::list<std::shared_ptr<Operation>>::iterator position_;  // its place in that queue
   std::function<void()> completion_;
   QueuePriority priority_ = QueuePriority::Normal;

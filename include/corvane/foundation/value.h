@@ -44,13 +44,13 @@ class Value;
 class Object;
 
 enum class ValueKind : uint8_t {
-  Nil,         // no value at all (an empty slot, a missing key)
-  Null,        // the null singleton, a value that says "nothing" inside a container
-  Number,      // a plain number, booleans included (see NumberKind)
-  Decimal,     // an exact decimal number
-  String,      // UTF-8 text
-  Data,        // bytes
-  Date,        // seconds since 2001-01-01 00:00:00 UTC
+  Nil,      // no value at all (an empty slot, a missing key)
+  Null,     // the null singleton, a value that says "nothing" inside a container
+  Number,   // a plain number, booleans included (see NumberKind)
+  Decimal,  // an exact decimal number
+  String,   // UTF-8 text
+  Data,     // bytes
+  Date,     // seconds since 2001-01-01 00:00:00 UTC
   Array,
   Dictionary,  // insertion-ordered map from Value to Value
   Set,         // insertion-ordered set of distinct values
@@ -65,19 +65,19 @@ enum class ValueKind : uint8_t {
 // and how its text form looks; comparisons ignore it.
 enum class NumberKind : uint8_t {
   Bool,
-  Char,       // signed 8-bit
-  Short,      // signed 16-bit
-  Int,        // signed 32-bit
-  Long,       // signed 64-bit on this platform, but encoded as 32-bit by FastCoding
-  LongLong,   // signed 64-bit
-  Index,      // the platform's unsigned index type: 64-bit, encoded as 32-bit by FastCoding
+  Char,      // signed 8-bit
+  Short,     // signed 16-bit
+  Int,       // signed 32-bit
+  Long,      // signed 64-bit on this platform, but encoded as 32-bit by FastCoding
+  LongLong,  // signed 64-bit
+  Index,     // the platform's unsigned index type: 64-bit, encoded as 32-bit by FastCoding
   UnsignedChar,
   UnsignedShort,
   UnsignedInt,
   UnsignedLong,
   UnsignedLongLong,
-  Float,   // IEEE single
-  Double,  // IEEE double
+  Float,    // IEEE single
+  Double,   // IEEE double
   Unknown,  // a kind no encoder knows (kept so that readers of foreign data can say so)
 };
 
@@ -162,7 +162,7 @@ class Value {
   static Value nil() { return Value(); }
   static Value null();
   static Value boolean(bool b);
-  static Value number(NumberKind kind, int64_t v);   // for signed and Bool kinds
+  static Value number(NumberKind kind, int64_t v);  // for signed and Bool kinds
   static Value unsignedNumber(NumberKind kind, uint64_t v);
   static Value floatNumber(float v);
   static Value doubleNumber(double v);
@@ -283,7 +283,7 @@ class Value {
   // temporary: `for (x : f().elements())` would walk a vector that died with the temporary.
   const std::vector<Value>& elements() const& noexcept;
   const std::vector<Value>& elements() const&& = delete;
-  const Value& at(size_t i) const;  // element i, nil when out of range
+  const Value& at(size_t i) const;      // element i, nil when out of range
   bool contains(const Value& v) const;  // member of an array/set/ordered set, key of a dictionary
 
   // Dictionary entries in insertion order (not on a temporary, as elements()).

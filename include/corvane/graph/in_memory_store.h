@@ -20,8 +20,7 @@ inline constexpr const char* kInMemoryStoreType = "InMemory";
 
 class InMemoryStore final : public IncrementalStore {
  public:
-  InMemoryStore(PersistentStoreCoordinator* coordinator, std::string configurationName, std::string url,
-                Value options);
+  InMemoryStore(PersistentStoreCoordinator* coordinator, std::string configurationName, std::string url, Value options);
   ~InMemoryStore() override;
 
   std::string type() const override { return kInMemoryStoreType; }

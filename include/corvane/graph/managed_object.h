@@ -241,7 +241,7 @@ class ManagedObject : public Object {
 
   const EntityDescription* entity_;
   ManagedObjectContext* context_;
-  mutable ObjectID id_;                // null for a new object until someone asks for it
+  mutable ObjectID id_;               // null for a new object until someone asks for it
   mutable std::vector<Value> slots_;  // one per property; empty while a fault
   std::vector<Value> committed_;      // snapshot as last read or saved, unless clean_
   uint64_t version_ = 0;
@@ -251,10 +251,10 @@ class ManagedObject : public Object {
   bool updated_ = false;
   bool deleted_ = false;
   bool propagated_ = false;  // delete rules applied for the current deletion
-  uint32_t incoming_ = 0;            // scratch for letting go of unreferenced objects
+  uint32_t incoming_ = 0;    // scratch for letting go of unreferenced objects
   bool marked_ = false;
-  uint8_t memberships_ = 0;          // the context's sets holding the object, one bit each
-  mutable uint8_t listed_ = 0;       // scratch bits for listing a set without repeats
+  uint8_t memberships_ = 0;     // the context's sets holding the object, one bit each
+  mutable uint8_t listed_ = 0;  // scratch bits for listing a set without repeats
 };
 
 }  // namespace corvane

@@ -167,12 +167,12 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   friend class ManagedObject;
   // What a context knows lives behind impl_; each of its jobs is a class of its own. All are
   // private to the graph layer (src/graph/).
-  struct Impl;      // context_impl.h: the state the jobs share
-  class Registry;   // context_registry.h: registered objects and their IDs
-  class Faults;     // context_faults.h: reading values into objects, refreshing them
-  class Changes;    // context_changes.h: inserts, deletes and delete rules, change notifications
-  class Saving;     // context_saving.h: validating and writing changes, a child's changes
-  class Fetching;   // context_fetching.h: fetch requests with pending changes
+  struct Impl;     // context_impl.h: the state the jobs share
+  class Registry;  // context_registry.h: registered objects and their IDs
+  class Faults;    // context_faults.h: reading values into objects, refreshing them
+  class Changes;   // context_changes.h: inserts, deletes and delete rules, change notifications
+  class Saving;    // context_saving.h: validating and writing changes, a child's changes
+  class Fetching;  // context_fetching.h: fetch requests with pending changes
 
   std::unique_ptr<Impl> impl_;
 };

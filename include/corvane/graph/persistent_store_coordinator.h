@@ -31,9 +31,9 @@ class ObjectModel;
 
 class PersistentStoreCoordinator {
  public:
-  using StoreFactory = std::function<std::unique_ptr<IncrementalStore>(
-      PersistentStoreCoordinator* coordinator, const std::string& configurationName, const std::string& url,
-      const Value& options)>;
+  using StoreFactory = std::function<std::unique_ptr<IncrementalStore>(PersistentStoreCoordinator* coordinator,
+                                                                       const std::string& configurationName,
+                                                                       const std::string& url, const Value& options)>;
 
   explicit PersistentStoreCoordinator(std::shared_ptr<const ObjectModel> model);
   virtual ~PersistentStoreCoordinator();

@@ -38,8 +38,8 @@ std::optional<std::string> findDocumentPassword(const DocumentPasswordItem& item
 // last path component). On failure the error's description is kKeychainPasswordNotSavedMessage;
 // domain and code are the keychain's, and the user info carries the query under
 // "MCSMKeychainItemQueryKey" and the keychain's own text under "NSUnderlyingError".
-bool saveDocumentPassword(const DocumentPasswordItem& item, const std::string& fileName,
-                          const std::string& password, Error* error = nullptr, KeychainBackend* keychain = nullptr);
+bool saveDocumentPassword(const DocumentPasswordItem& item, const std::string& fileName, const std::string& password,
+                          Error* error = nullptr, KeychainBackend* keychain = nullptr);
 
 // Forgets the password. Nothing remembered is not a failure.
 bool removeDocumentPassword(const DocumentPasswordItem& item, Error* error = nullptr,

@@ -47,13 +47,13 @@ inline constexpr const char* kKeychainSynchronizable = "sync";
 
 // Error domain and status codes of keychain failures.
 inline constexpr const char* kKeychainErrorDomain = "NSOSStatusErrorDomain";
-inline constexpr int kKeychainErrorParam = -50;                   // a malformed request
-inline constexpr int kKeychainErrorIO = -36;                      // the store could not be read or written
-inline constexpr int kKeychainErrorNotAvailable = -25291;         // no keychain could be reached
-inline constexpr int kKeychainErrorDuplicateItem = -25299;        // add: the item exists
-inline constexpr int kKeychainErrorItemNotFound = -25300;         // nothing matched
+inline constexpr int kKeychainErrorParam = -50;                     // a malformed request
+inline constexpr int kKeychainErrorIO = -36;                        // the store could not be read or written
+inline constexpr int kKeychainErrorNotAvailable = -25291;           // no keychain could be reached
+inline constexpr int kKeychainErrorDuplicateItem = -25299;          // add: the item exists
+inline constexpr int kKeychainErrorItemNotFound = -25300;           // nothing matched
 inline constexpr int kKeychainErrorInteractionNotAllowed = -25308;  // locked
-inline constexpr int kKeychainErrorDecode = -26275;               // a stored secret does not decrypt
+inline constexpr int kKeychainErrorDecode = -26275;                 // a stored secret does not decrypt
 
 using KeychainAttributes = std::map<std::string, std::string>;
 
@@ -91,8 +91,8 @@ class KeychainBackend {
   // The items whose attributes include all of `match`: every one, or the first only when `all`
   // is false; passwords included when asked. nullopt with kKeychainErrorItemNotFound when
   // nothing matched, so that a result is never empty.
-  virtual std::optional<std::vector<KeychainRecord>> find(const KeychainAttributes& match, bool all,
-                                                          bool withPasswords, Error* error) = 0;
+  virtual std::optional<std::vector<KeychainRecord>> find(const KeychainAttributes& match, bool all, bool withPasswords,
+                                                          Error* error) = 0;
   // Deletes every item whose attributes include all of `match`. kKeychainErrorItemNotFound
   // when nothing matched.
   [[nodiscard]] virtual bool remove(const KeychainAttributes& match, Error* error) = 0;

@@ -103,9 +103,11 @@ class MCSMStoreGenericKeychainItem : public MCSMStoreKeychainItem {
   std::string className() const override { return "MCSMStoreGenericKeychainItem"; }
 
   // The item of `service` and `account` (and `attributes`, when given), with its password.
-  static std::optional<MCSMStoreGenericKeychainItem> genericKeychainItemForService(
-      const std::string& service, const std::string& account, const Value& attributes = Value(),
-      Error* error = nullptr, KeychainBackend* keychain = nullptr);
+  static std::optional<MCSMStoreGenericKeychainItem> genericKeychainItemForService(const std::string& service,
+                                                                                   const std::string& account,
+                                                                                   const Value& attributes = Value(),
+                                                                                   Error* error = nullptr,
+                                                                                   KeychainBackend* keychain = nullptr);
   // Every item of `service` (and `attributes`), without passwords.
   static std::optional<std::vector<MCSMStoreGenericKeychainItem>> genericKeychainItemsForService(
       const std::string& service, const Value& attributes = Value(), Error* error = nullptr,
@@ -113,8 +115,8 @@ class MCSMStoreGenericKeychainItem : public MCSMStoreKeychainItem {
   // Adds the item with `password`; when one of that service and account exists, updates its
   // password and attributes (label included) instead.
   static std::optional<MCSMStoreGenericKeychainItem> genericKeychainItemWithService(
-      const std::string& service, const std::string& account, const Value& attributes,
-      const std::string& password, Error* error = nullptr, KeychainBackend* keychain = nullptr);
+      const std::string& service, const std::string& account, const Value& attributes, const std::string& password,
+      Error* error = nullptr, KeychainBackend* keychain = nullptr);
 
  protected:
   KeychainAttributes identifyingAttributes() const override;
@@ -154,14 +156,14 @@ class MCSMStoreInternetKeychainItem : public MCSMStoreKeychainItem {
   std::string className() const override { return "MCSMStoreInternetKeychainItem"; }
 
   static std::optional<MCSMStoreInternetKeychainItem> internetKeychainItemForLocation(
-      const Location& location, const std::string& account, const Value& attributes = Value(),
-      Error* error = nullptr, KeychainBackend* keychain = nullptr);
+      const Location& location, const std::string& account, const Value& attributes = Value(), Error* error = nullptr,
+      KeychainBackend* keychain = nullptr);
   static std::optional<std::vector<MCSMStoreInternetKeychainItem>> internetKeychainItemsForLocation(
       const Location& location, const Value& attributes = Value(), Error* error = nullptr,
       KeychainBackend* keychain = nullptr);
   static std::optional<MCSMStoreInternetKeychainItem> internetKeychainItemWithLocation(
-      const Location& location, const std::string& account, const Value& attributes,
-      const std::string& password, Error* error = nullptr, KeychainBackend* keychain = nullptr);
+      const Location& location, const std::string& account, const Value& attributes, const std::string& password,
+      Error* error = nullptr, KeychainBackend* keychain = nullptr);
 
  protected:
   KeychainAttributes identifyingAttributes() const override;
@@ -185,8 +187,8 @@ class MCSMStoreApplicationUUIDKeychainItem : public MCSMStoreGenericKeychainItem
 
   // The application's identifier: the existing item's, else a new item's. `bundleIdentifier`
   // empty means ApplicationInfo::current().identifier. nullopt when the keychain fails.
-  static std::optional<std::string> applicationUUID(const std::string& bundleIdentifier = {},
-                                                    Error* error = nullptr, KeychainBackend* keychain = nullptr);
+  static std::optional<std::string> applicationUUID(const std::string& bundleIdentifier = {}, Error* error = nullptr,
+                                                    KeychainBackend* keychain = nullptr);
   static std::optional<MCSMStoreApplicationUUIDKeychainItem> applicationUUIDKeychainItem(
       const std::string& bundleIdentifier = {}, Error* error = nullptr, KeychainBackend* keychain = nullptr);
   // Stores a new random identifier (replacing any previous one).

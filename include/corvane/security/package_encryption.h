@@ -53,8 +53,8 @@ SeaCrypto seaCryptoForPackageInfo(const Value& info, std::optional<std::string_v
 // keys, so it takes as long as opening the document does; pass `cipher` to keep the keys
 // (on success of an encrypted package it receives the ready SeaCrypto) and spare a second
 // derivation.
-bool canOpenWithPassword(const Value& info, std::optional<std::string_view> password,
-                         Env* env = Env::defaultEnv(), SeaCrypto* cipher = nullptr);
+bool canOpenWithPassword(const Value& info, std::optional<std::string_view> password, Env* env = Env::defaultEnv(),
+                         SeaCrypto* cipher = nullptr);
 
 // A new "Encryption" entry (a mutable dictionary) for `password`: a fresh salt, `rounds`
 // (the default for real documents; tests pass a small count) and the verifier. nullopt when

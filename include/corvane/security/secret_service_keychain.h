@@ -8,9 +8,9 @@
 //
 // libsecret talks over GLib's shared session-bus connection, made on first use from
 // DBUS_SESSION_BUS_ADDRESS (else $XDG_RUNTIME_DIR/bus); that connection ends the process when
-// the bus goes away, as GLib's session connection always does. No prompt is ever shown: items of a locked collection are refused with
-// kKeychainErrorInteractionNotAllowed, and unlock() succeeds only when the service can unlock
-// without asking the user.
+// the bus goes away, as GLib's session connection always does. No prompt is ever shown: items of a locked collection
+// are refused with kKeychainErrorInteractionNotAllowed, and unlock() succeeds only when the service can unlock without
+// asking the user.
 //
 // Threads: any thread; operations are serialised by a mutex.
 #pragma once

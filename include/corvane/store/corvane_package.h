@@ -30,8 +30,7 @@ class CorvanePackage {
   // <url>/Info.plist as a dictionary, or nil.
   static Value infoDictionaryForURL(const std::string& url, Env* env = Env::defaultEnv());
   static std::string documentIdentifierForURL(const std::string& url, Env* env = Env::defaultEnv());
-  static bool documentExistsAtURL(const std::string& url, const std::string& identifier,
-                                  Env* env = Env::defaultEnv());
+  static bool documentExistsAtURL(const std::string& url, const std::string& identifier, Env* env = Env::defaultEnv());
   // Info.plist, Changes and Entities exist and the info names the framework. A package whose
   // Info.plist is an online-only placeholder shows the offline alert (through `environment`).
   static bool isCorrectFormat(const std::string& path, Env* env = Env::defaultEnv(),

@@ -310,8 +310,7 @@ class CorvaneStore final : public IncrementalStore, public CorvaneCacheStoreServ
   // after its last entry. With a change dictionary, its date and author are put after the
   // message's first ":".
   void log(std::string_view message, std::string_view type) override;
-  void log(std::string_view message, std::string_view type, const Value& change,
-           std::vector<StoreMenuItem> menu = {});
+  void log(std::string_view message, std::string_view type, const Value& change, std::vector<StoreMenuItem> menu = {});
   void logError(const Error& error, std::string_view domain) override;
   void logErrorString(const std::string& text, const std::string& domain);
   std::vector<StoreLogEntry> logEntries() const;

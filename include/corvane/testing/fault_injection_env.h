@@ -81,8 +81,7 @@ class FaultInjectionEnv : public EnvWrapper {
   bool moveItem(const std::string& from, const std::string& to, Error* error) override;
   bool copyItem(const std::string& from, const std::string& to, Error* error) override;
   std::optional<std::string> trashItem(const std::string& path, Error* error) override;
-  bool setExtendedAttribute(const std::string& path, const std::string& name, ByteView value,
-                            Error* error) override;
+  bool setExtendedAttribute(const std::string& path, const std::string& name, ByteView value, Error* error) override;
   std::optional<std::string> environmentVariable(const std::string& name) override;
   std::string homeDirectory() override;
   bool randomBytes(uint8_t* out, size_t n) override;

@@ -89,11 +89,11 @@ class SyncSimulator {
     double due = 0;
     uint64_t sequence = 0;
     StepKind kind = StepKind::Arrive;
-    size_t origin = 0;       // folder the file came from
-    size_t target = 0;       // folder it goes to
-    std::string source;      // relative path in the origin
-    std::string destination; // relative path in the target
-    uint64_t bytes = 0;      // for a partial step: how many bytes to write
+    size_t origin = 0;        // folder the file came from
+    size_t target = 0;        // folder it goes to
+    std::string source;       // relative path in the origin
+    std::string destination;  // relative path in the target
+    uint64_t bytes = 0;       // for a partial step: how many bytes to write
   };
   struct Later {
     bool operator()(const Step& a, const Step& b) const {
