@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "corvane/foundation/env.h"
+#include "corvane/foundation/interaction.h"
 #include "corvane/foundation/log.h"
 #include "corvane/foundation/notification_center.h"
 #include "corvane/foundation/plist.h"
@@ -32,6 +33,7 @@
 #include "corvane/store/corvane_persistent_store_coordinator.h"
 #include "corvane/store/corvane_store.h"
 #include "corvane/store/corvane_store_options.h"
+#include "corvane/store/store_environment.h"
 
 namespace {
 
