@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "corvane/foundation/bytes.h"
@@ -90,6 +91,12 @@ inline constexpr std::string_view kPackageSaltBase64 =
 inline constexpr std::string_view kPackageVerifierBase64 =
     "oKGio6SlpqeoqaqrrK2urxSLBRDLS3bO/8ekQC82nlr0F8g7zwoPGW9N95h92rIqV1Xs5g95MwlsxuiaBvumFwtTrnc+"
     "GSzld5b1P7b0rz9XktbWwHifX9wf6xmILExF";
+// That package's "Encryption" entry, as it stands in its Info.plist.
+inline std::string packageEncryptionPlistEntry() {
+  return "\t<key>Encryption</key>\n\t<dict>\n\t\t<key>Info</key>\n\t\t<data>" + std::string(kPackageVerifierBase64) +
+         "</data>\n\t\t<key>Rounds</key>\n\t\t<integer>1000</integer>\n\t\t<key>Salt</key>\n\t\t<data>" +
+         std::string(kPackageSaltBase64) + "</data>\n\t</dict>\n";
+}
 // A change file of that package, encrypted with the IV b0 .. bf.
 inline constexpr std::string_view kPackageChangePlain = "{\"name\":\"2026-01-01-00-00-00.000.ABC\",\"inserted\":[]}\n";
 inline constexpr std::string_view kPackageChangeBlock =

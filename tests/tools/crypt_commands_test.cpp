@@ -42,15 +42,7 @@ std::string infoPlist(const std::string& encryption) {
 class CryptCommandsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    writeTextFile(package + "/Info.plist", infoPlist("\t<key>Encryption</key>\n\t<dict>\n"
-                                                     "\t\t<key>Info</key>\n\t\t<data>" +
-                                                     std::string(kPackageVerifierBase64) +
-                                                     "</data>\n"
-                                                     "\t\t<key>Rounds</key>\n\t\t<integer>1000</integer>\n"
-                                                     "\t\t<key>Salt</key>\n\t\t<data>" +
-                                                     std::string(kPackageSaltBase64) +
-                                                     "</data>\n"
-                                                     "\t</dict>\n"));
+    writeTextFile(package + "/Info.plist", infoPlist(packageEncryptionPlistEntry()));
     writeTextFile(change, toString(fromHex(kPackageChangeBlock)));
     writeTextFile(rightPassword, "correct horse\n");
     writeTextFile(wrongPassword, "correct horse!\n");

@@ -104,16 +104,8 @@ TEST_F(FastCommandsTest, DumpDecryptsWithThePackagePassword) {
   using namespace testvectors;
   const std::string package = dir / "Doc.corvane";
   writeTextFile(package + "/Info.plist",
-                "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
-                "\t<key>Encryption</key>\n\t<dict>\n"
-                "\t\t<key>Info</key>\n\t\t<data>" +
-                    std::string(kPackageVerifierBase64) +
-                    "</data>\n"
-                    "\t\t<key>Rounds</key>\n\t\t<integer>1000</integer>\n"
-                    "\t\t<key>Salt</key>\n\t\t<data>" +
-                    std::string(kPackageSaltBase64) +
-                    "</data>\n"
-                    "\t</dict>\n</dict>\n</plist>\n");
+                "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n" +
+                    packageEncryptionPlistEntry() + "</dict>\n</plist>\n");
   writeTextFile(dir / "plain.fast", header(0, 0, 1) + bytes({8, 'h', 'i', 0}));
   const std::vector<std::string> password = {"CORVANE_PASSWORD=correct horse"};
   FastRun r =
